@@ -1,0 +1,17 @@
+# The logging facility sits on zlog. Debian does not package it, so a system libzlog is
+# used when one is installed and the project's own compatible back end otherwise.
+find_path(ZLOG_INCLUDE_DIR zlog.h)
+find_library(ZLOG_LIBRARY zlog)
+if(ZLOG_INCLUDE_DIR AND ZLOG_LIBRARY AND NOT SMB_FORCE_OWN_ZLOG)
+  message(STATUS "zlog: system library ${ZLOG_LIBRARY}")
+  add_library(zlog_backend INTERFACE)
+  target_include_directories(zlog_backend INTERFACE ${ZLOG_INCLUDE_DIR})
+  target_link_libraries(zlog_backend INTERFACE ${ZLOG_LIBRARY})
+  set(SMB_OWN_ZLOG OFF)
+else()
+  message(STATUS "zlog: using the project's own back end (libs/zlog)")
+  set(SMB_OWN_ZLOG ON)
+endif()
+if(SMB_OWN_ZLOG AND EXISTS ${CMAKE_SOURCE_DIR}/libs/zlog/CMakeLists.txt)
+  add_subdirectory(${CMAKE_SOURCE_DIR}/libs/zlog ${CMAKE_BINARY_DIR}/libs/zlog)
+endif()

@@ -1,0 +1,4 @@
+// Parameter-string and configuration-file parsing.
+#pragma once
+
+#include "export.h"

@@ -1,0 +1,4 @@
+// Process and thread helpers.
+#pragma once
+
+#include "export.h"

@@ -1,0 +1,135 @@
+// The smb process plug-in: per-flow SMB record, plug-in and queue contexts, and the codes
+// that the record carries.
+#pragma once
+
+#include <stdint.h>
+
+#include "host_interface.h"
+
+// Opaque handles of the state tables (defined by the table modules).
+typedef struct messagetable messagetable;
+typedef struct messagetable2 messagetable2;
+typedef struct treetable treetable;
+typedef struct filetable filetable;
+typedef struct datatable datatable;
+
+#define SMB_NAME_SIZE 128
+
+// Command word: bits 0-7 the SMB1 command (0xff for SMB2), bit 8+n SMB2 command n, bit 31 an
+// SMB3 transform header.
+#define SMB_CMD_LOW_BYTE 0x000000ffu
+#define SMB_CMD_BIT(n) (1u << (8 + (n)))
+#define SMB_CMD_TRANSFORM 0x80000000u
+
+enum smb2_command {
+    SMB2_NEGOTIATE = 0,
+    SMB2_SESSION_SETUP = 1,
+    SMB2_LOGOFF = 2,
+    SMB2_TREE_CONNECT = 3,
+    SMB2_TREE_DISCONNECT = 4,
+    SMB2_CREATE = 5,
+    SMB2_CLOSE = 6,
+    SMB2_FLUSH = 7,
+    SMB2_READ = 8,
+    SMB2_WRITE = 9,
+    SMB2_LOCK = 10,
+    SMB2_IOCTL = 11,
+    SMB2_CANCEL = 12,
+    SMB2_ECHO = 13,
+    SMB2_QUERY_DIRECTORY = 14,
+    SMB2_CHANGE_NOTIFY = 15,
+    SMB2_QUERY_INFO = 16,
+    SMB2_SET_INFO = 17,
+    SMB2_OPLOCK_BREAK = 18,
+    SMB2_COMMAND_MAX = 18,
+};
+
+#define SMB_CMD_CREATE SMB_CMD_BIT(SMB2_CREATE)      // 0x00002000
+#define SMB_CMD_SET_INFO SMB_CMD_BIT(SMB2_SET_INFO)  // 0x02000000
+
+// Operation byte: bits 0-5 the CREATE operation code, 0x40 delete, 0x80 failure.
+#define SMB_OP_CODE_MASK 0x3fu
+#define SMB_OP_DELETE 0x40u
+#define SMB_OP_FAILED 0x80u
+
+enum smb_op_code {
+    SMB_OP_SUPERSEDE = 0,  // FILE_SUPERSEDE / FILE_SUPERSEDED
+    SMB_OP_OPEN = 1,       // FILE_OPEN / FILE_OPENED
+    SMB_OP_CREATE = 2,     // FILE_CREATE / FILE_CREATED
+    SMB_OP_OPEN_IF = 3,    // request FILE_OPEN_IF; response FILE_OVERWRITTEN; failure overwrite
+    SMB_OP_OVERWRITE = 4,  // request FILE_OVERWRITE; failure open-if
+    SMB_OP_OVERWRITE_IF = 5,
+    SMB_OP_UNKNOWN = 0x3f,
+};
+
+enum smb_file_type {
+    SMB_FILE_TYPE_UNSET = 0,
+    SMB_FILE_TYPE_DIRECTORY = 1,
+    SMB_FILE_TYPE_FILE = 2,
+    SMB_FILE_TYPE_UNKNOWN = 0xff,
+};
+
+enum smb_version {
+    SMB_VERSION_NONE = 0,
+    SMB_VERSION_1 = 1,
+    SMB_VERSION_2 = 2,
+};
+
+typedef struct smb_flow_data {
+    uint8_t version;
+    uint8_t is_response;
+    uint32_t commands[2];
+    uint64_t message_id;
+    uint8_t op;
+    uint32_t tree_id;
+    char *tree_name;  // 128 bytes of UTF-16LE, owned, or null
+    char *file_name;  // 128 bytes of UTF-16LE, owned, or null
+    uint8_t file_type;
+    uint64_t file_id;
+} smb_flow_data;
+
+typedef struct smb_plugin_ctx {
+    uint32_t queue_id;
+    uint16_t port;
+    struct treetable *treetable;
+    struct filetable *filetable;
+    struct messagetable *messagetable;
+    struct messagetable2 *messagetable2;
+    struct datatable *datatable;
+    uint32_t treetable_size;
+    uint32_t filetable_size;
+    uint32_t messagetable_size;
+    uint32_t messagetable2_size;
+    uint32_t datatable_size;
+} smb_plugin_ctx;
+
+// A queue's context has exactly the plug-in context's fields.
+typedef smb_plugin_ctx smb_queue_ctx;
+
+// Defaults exported for flows without a valid value.
+CV_EXTERN_C const uint32_t smb_cmd_invalid;
+CV_EXTERN_C const uint8_t smb_type_invalid;
+CV_EXTERN_C const uint8_t smb_op_invalid;
+
+#define SMB_CMD_INVALID 0x000000ffu
+#define SMB_TYPE_INVALID 0xffu
+#define SMB_OP_INVALID 0x3fu
+
+// The plug-in descriptor and entry point.
+CV_EXPORT_DATA const uint32_t corvane_api_version;
+CV_EXPORT int corvane_module_init(void *a1, void *a2, void *a3, void *a4);
+CV_EXTERN_C const corvane_plugin_desc plugin;
+CV_EXTERN_C const char smb_plugin_help[];
+
+// Records.
+CV_EXTERN_C smb_flow_data *smb_record_new(void);
+CV_EXTERN_C void smb_record_init(smb_flow_data *rec);
+CV_EXTERN_C smb_flow_data *smb_record_copy(const smb_flow_data *src);
+CV_EXTERN_C void smb_record_free(host_slot *slot);
+
+// Lifecycle hooks.
+CV_EXPORT void *process_smb_init(uint32_t plugin_id, const char *params, void *host,
+                                 uint32_t unused);
+CV_EXPORT void process_smb_shutdown(void *plugin_ctx);
+CV_EXPORT void *process_smb_init_queue(uint32_t plugin_id, void *plugin_ctx, uint32_t queue_id);
+CV_EXPORT void process_smb_shutdown_queue(void *queue_ctx);

@@ -1,0 +1,59 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "smb.h"
+
+namespace {
+
+TEST(Record, FreshRecordCarriesTheInvalidMarkers) {
+    smb_flow_data *rec = smb_record_new();
+    EXPECT_EQ(rec->version, 0);
+    EXPECT_EQ(rec->is_response, 0xff);
+    EXPECT_EQ(rec->commands[0], 0x000000ffu);
+    EXPECT_EQ(rec->commands[1], 0x000000ffu);
+    EXPECT_EQ(rec->op, 0x3f);
+    EXPECT_EQ(rec->file_type, 0);
+    EXPECT_EQ(rec->tree_name, nullptr);
+    EXPECT_EQ(rec->file_name, nullptr);
+    void *slot = rec;
+    smb_record_free(&slot);
+    EXPECT_EQ(slot, nullptr);
+}
+
+TEST(Record, InvalidMarkersInMemoryOrder) {
+    const uint8_t expected[4] = {0xff, 0, 0, 0};
+    EXPECT_EQ(std::memcmp(&smb_cmd_invalid, expected, 4), 0);
+    EXPECT_EQ(smb_type_invalid, 0xff);
+    EXPECT_EQ(smb_op_invalid, 0x3f);
+}
+
+TEST(Record, DeepCopyOwnsItsNames) {
+    smb_flow_data *rec = smb_record_new();
+    rec->version = 2;
+    rec->file_id = 42;
+    rec->file_name = static_cast<char *>(calloc(SMB_NAME_SIZE, 1));
+    std::memcpy(rec->file_name, "a\0.\0t\0", 6);
+    rec->file_name[127] = 'z';  // copied whole, not as a string
+
+    smb_flow_data *copy = smb_record_copy(rec);
+    ASSERT_NE(copy->file_name, nullptr);
+    EXPECT_NE(copy->file_name, rec->file_name);
+    EXPECT_EQ(std::memcmp(copy->file_name, rec->file_name, SMB_NAME_SIZE), 0);
+    EXPECT_EQ(copy->tree_name, nullptr);
+    EXPECT_EQ(copy->file_id, 42u);
+
+    void *slot = rec;
+    smb_record_free(&slot);
+    EXPECT_EQ(copy->file_name[127], 'z');  // still readable after the source is gone
+    slot = copy;
+    smb_record_free(&slot);
+}
+
+TEST(Record, FreeOfEmptySlotIsHarmless) {
+    void *slot = nullptr;
+    smb_record_free(&slot);
+    EXPECT_EQ(slot, nullptr);
+}
+
+}  // namespace

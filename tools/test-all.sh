@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Every test: installs what is missing, then builds and runs the test suite in the release
+# build and again under AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+tools/install-deps.sh
+jobs=$(nproc)
+for variant in release asan; do
+  echo "=== $variant build"
+  tools/build.sh "$variant"
+  dir=build; [ "$variant" = asan ] && dir=build-asan
+  echo "=== $variant tests"
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    ctest --test-dir "$dir" --output-on-failure -j "$jobs"
+done
