@@ -58,11 +58,6 @@ using fake_host::g_state;
 
 extern "C" {
 
-int corvane_plugin_add(void *, void *, void *, void *) {
-    g_state.calls.push_back("corvane_plugin_add");
-    return 0;
-}
-
 void *corvane_getter_add(void *host, uint32_t plugin_id, uint32_t all_ones, const char *name,
                          uint32_t type, uint32_t size, int zero, void *ctx,
                          corvane_validity_fn validity, corvane_length_fn length,

@@ -58,6 +58,7 @@ struct state {
 
 state &host();
 void reset();
+void note_call(const std::string &name);
 
 // The functions registered as hooks of one kind, in order.
 std::vector<void *> hooks_of(const std::string &kind);
