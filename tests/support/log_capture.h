@@ -1,5 +1,4 @@
-// Collects what the library logs on the early path (standard error) while a scope runs, as
-// "LEVEL message" strings, at a chosen threshold.
+// Collects what the library logs on the early path (standard error) as "LEVEL message".
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,34 +9,20 @@
 
 #include "cv_log.h"
 
-class LogCapture {
-  public:
-    explicit LogCapture(uint32_t threshold = CVLOG_TRACE) : saved_(g_CvLogCtx.level) {
-        g_CvLogCtx.level = threshold;
-        testing::internal::CaptureStderr();
-    }
-    ~LogCapture() {
-        if (!done_) Stop();
-    }
+using Lines = std::vector<std::string>;
 
-    // Stops capturing; returns one "LEVEL message" per logged line.
-    std::vector<std::string> Stop() {
-        done_ = true;
-        g_CvLogCtx.level = saved_;
-        std::istringstream in(testing::internal::GetCapturedStderr());
-        std::vector<std::string> out;
-        for (std::string line; std::getline(in, line);) {
-            // "<date> <time> <pid> <LEVEL> <category> - <message>"
-            std::istringstream head(line);
-            std::string date, time, pid, level;
-            head >> date >> time >> pid >> level;
-            size_t dash = line.find(" - ");
-            out.push_back(dash == std::string::npos ? line : level + " " + line.substr(dash + 3));
-        }
-        return out;
+template <class Fn>
+Lines logged(uint32_t threshold, Fn &&fn) {
+    uint32_t saved = g_CvLogCtx.level;
+    g_CvLogCtx.level = threshold;
+    testing::internal::CaptureStderr();
+    fn();
+    g_CvLogCtx.level = saved;
+    std::istringstream in(testing::internal::GetCapturedStderr());
+    Lines out;
+    for (std::string line, date, time, pid, level; std::getline(in, line);) {
+        std::istringstream(line) >> date >> time >> pid >> level;  // then category, " - "
+        out.push_back(level + " " + line.substr(line.find(" - ") + 3));
     }
-
-  private:
-    uint32_t saved_;
-    bool done_ = false;
-};
+    return out;
+}
