@@ -63,7 +63,7 @@ void parse(const char *text, const std::string &content, uint8_t mode) {
         {"messagetable-size", &sizes[2], CV_CONFIG_INT, 0},
         {"messagetable2-size", &sizes[3], CV_CONFIG_INT, 0},
         {"datatable-size", &sizes[4], CV_CONFIG_INT, 0},
-        {"needed", &needed, CV_CONFIG_INT, (mode & 2) ? CV_CONFIG_MANDATORY : 0u},
+        {"needed", &needed, CV_CONFIG_INT, (mode & 2) ? uint32_t(CV_CONFIG_MANDATORY) : 0u},
         {"broken", &broken, 7, 0},
         {kStringKey, &name, CV_CONFIG_STRING, 0},
         {nullptr, nullptr, 0, 0},
