@@ -1,5 +1,5 @@
-// Collects what the library logs on the early path (standard error) while a scope runs, as
-// "LEVEL message" strings, at a chosen threshold.
+// Collects what the library logs on the early path (standard error) as "LEVEL message" lines,
+// at a chosen threshold. Shared by the test folders.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +10,8 @@
 
 #include "cv_log.h"
 
+using Lines = std::vector<std::string>;
+
 class LogCapture {
   public:
     explicit LogCapture(uint32_t threshold = CVLOG_TRACE) : saved_(g_CvLogCtx.level) {
@@ -19,18 +21,13 @@ class LogCapture {
     ~LogCapture() {
         if (!done_) Stop();
     }
-
-    // Stops capturing; returns one "LEVEL message" per logged line.
-    std::vector<std::string> Stop() {
+    Lines Stop() {
         done_ = true;
         g_CvLogCtx.level = saved_;
         std::istringstream in(testing::internal::GetCapturedStderr());
-        std::vector<std::string> out;
-        for (std::string line; std::getline(in, line);) {
-            // "<date> <time> <pid> <LEVEL> <category> - <message>"
-            std::istringstream head(line);
-            std::string date, time, pid, level;
-            head >> date >> time >> pid >> level;
+        Lines out;
+        for (std::string line, date, time, pid, level; std::getline(in, line);) {
+            std::istringstream(line) >> date >> time >> pid >> level;  // then category, " - "
             size_t dash = line.find(" - ");
             out.push_back(dash == std::string::npos ? line : level + " " + line.substr(dash + 3));
         }
@@ -41,3 +38,10 @@ class LogCapture {
     uint32_t saved_;
     bool done_ = false;
 };
+
+template <class Fn>
+Lines logged(uint32_t threshold, Fn &&fn) {
+    LogCapture capture(threshold);
+    fn();
+    return capture.Stop();
+}
