@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "fake_host.h"
+#include "smb_fields.h"
 #include "smb_data_table.h"
 #include "smb_file_table.h"
 #include "smb_tree_table.h"
@@ -178,11 +179,34 @@ TEST(Init, RegistersFieldsThenFlowHooksWithTheNewContext) {
         "corvane_hook_callback",
     };
     EXPECT_EQ(h.calls, calls);
-    for (const fake_host::field &f : h.fields) {
+    struct expected_field {
+        uint32_t type, size;
+        std::vector<uint8_t> default_value;  // empty: none
+    };
+    const expected_field expected[] = {
+        {1, 4, {0xff, 0, 0, 0}},
+        {1, 4, {0xff, 0, 0, 0}},
+        {8, 128, {}},
+        {1, 1, {0xff}},
+        {8, 128, {}},
+        {1, 1, {0x3f}},
+    };
+    ASSERT_EQ(h.fields.size(), 6u);
+    for (size_t i = 0; i < 6; ++i) {
+        const fake_host::field &f = h.fields[i];
+        SCOPED_TRACE(f.name);
         EXPECT_EQ(f.host, &host);
         EXPECT_EQ(f.plugin_id, 9u);
+        EXPECT_EQ(f.all_ones, 0xffffffffu);
         EXPECT_EQ(f.ctx, ctx);
+        EXPECT_EQ(f.type, expected[i].type);
+        EXPECT_EQ(f.size, expected[i].size);
+        EXPECT_EQ(f.default_value, expected[i].default_value);
     }
+    EXPECT_EQ(h.fields[0].validity, &validity_cmd_request);
+    EXPECT_EQ(h.fields[1].fill_txt, &value_fill_cmd_response_txt);
+    EXPECT_EQ(h.fields[4].fill, &value_fill_file_name);
+    EXPECT_EQ(h.fields[5].length, &op_length);
     ASSERT_EQ(h.hooks.size(), 2u);
     EXPECT_EQ(h.hooks[0].fn, reinterpret_cast<void *>(&process_smb_postprocess));
     EXPECT_EQ(h.hooks[1].fn, reinterpret_cast<void *>(&process_smb_callback));

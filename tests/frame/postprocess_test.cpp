@@ -13,17 +13,43 @@ namespace {
 using frame_test::name_bytes;
 using frame_test::owned_slot;
 
-constexpr uint32_t kClient = 0x0a000001;
-constexpr uint32_t kServer = 0x0a000002;
+constexpr uint32_t kClient = 0x0a000001, kServer = 0x0a000002;
 constexpr uint16_t kClientPort = 50000;
 constexpr uint32_t kTree = 5;
 constexpr uint64_t kFile = 0xf00d;
-constexpr uint32_t kTreeConnect = SMB_CMD_BIT(SMB2_TREE_CONNECT);
-constexpr uint32_t kRead = SMB_CMD_BIT(SMB2_READ);
-constexpr uint32_t kClose = SMB_CMD_BIT(SMB2_CLOSE);
+constexpr uint32_t kTreeConnect = SMB_CMD_BIT(SMB2_TREE_CONNECT), kRead = SMB_CMD_BIT(SMB2_READ),
+                   kClose = SMB_CMD_BIT(SMB2_CLOSE), kCreate = SMB_CMD_CREATE | 0xff,
+                   kSetInfo = SMB_CMD_SET_INFO | 0xff;
+
+struct masks {
+    uint32_t to_server = 0, to_client = 0;
+};
+
+// What the tables hold, what the flow's record holds before, and what it holds after.
+struct pp_case {
+    const char *what = "";
+    const char *file = nullptr;  // null: no file record
+    uint8_t name_empty = 0, file_type = 2, file_op = 0x01;
+    masks file_masks{};
+    uint8_t delete_flag = 0;
+    const char *tree = nullptr;  // null: no tree record
+    masks tree_masks{};
+    bool from_server = false;  // the flow's first packet came from the server
+    uint8_t is_response = 0, op = 0x3f;
+    uint32_t cmd0 = 0xff, cmd1 = 0xff;
+    const char *file_name = nullptr, *tree_name = nullptr;  // expected; null: none
+    uint8_t op_after = 0x3f, type_after = 2;
+    uint32_t cmd0_after = 0xff, cmd1_after = 0xff;
+};
+void PrintTo(const pp_case &c, std::ostream *os) {
+    *os << c.what;
+}
 
 std::vector<uint8_t> bytes_of(const char *name) {
     return name ? std::vector<uint8_t>(name, name + SMB_NAME_SIZE) : std::vector<uint8_t>{};
+}
+std::vector<uint8_t> expected_name(const char *name) {
+    return name ? name_bytes(name) : std::vector<uint8_t>{};
 }
 
 class Postprocess : public ::testing::Test {
@@ -36,125 +62,175 @@ class Postprocess : public ::testing::Test {
         treetable_free(ctx_.treetable);
         filetable_free(ctx_.filetable);
     }
-    // Table-driven cases start each from empty tables: an insert never replaces its own key.
-    void reset_tables() {
-        TearDown();
-        SetUp();
+
+    void fill_tables(const pp_case &c) {
+        if (c.file) {
+            const uint32_t m[2] = {c.file_masks.to_server, c.file_masks.to_client};
+            filetable_insert(ctx_.filetable, name_bytes(c.file).data(), c.name_empty, c.file_type,
+                             c.file_op, m, kTree, kClient, kClientPort, kFile);
+        }
+        if (c.delete_flag)
+            filetable_set_delete_flag(ctx_.filetable, kClient, kClientPort, kFile, c.delete_flag);
+        if (c.tree) {
+            const uint32_t m[2] = {c.tree_masks.to_server, c.tree_masks.to_client};
+            treetable_insert(ctx_.treetable, name_bytes(c.tree).data(), m, kClient, kClientPort,
+                             kTree);
+        }
     }
 
-    // A flow from the client to the server unless the server sent its first packet.
-    static host_flow_record flow(bool from_server = false) {
+    static host_flow_record flow(bool from_server) {
         host_flow_record f{};
         f.ip_version = 4;
         f.src_addr.v4 = from_server ? kServer : kClient;
         f.dst_addr.v4 = from_server ? kClient : kServer;
         f.src_port = from_server ? 445 : kClientPort;
         f.dst_port = from_server ? kClientPort : 445;
-        f.dir_counters[0].packets = f.dir_counters[1].packets = 1;
         return f;
     }
 
-    static smb_flow_data *record(uint8_t is_response, uint32_t cmd0 = 0xff, uint32_t cmd1 = 0xff) {
-        smb_flow_data *rec = frame_test::smb2_record(cmd0, cmd1);
-        rec->is_response = is_response;
+    static smb_flow_data *record(const pp_case &c) {
+        smb_flow_data *rec = frame_test::smb2_record(c.cmd0, c.cmd1);
+        rec->is_response = c.is_response;
+        rec->op = c.op;
         rec->tree_id = kTree;
         rec->file_id = kFile;
         return rec;
-    }
-
-    void add_file(const std::string &name, uint8_t name_empty, uint8_t type, uint8_t op,
-                  const uint32_t *masks = nullptr) {
-        std::vector<uint8_t> bytes = name_bytes(name);
-        filetable_insert(ctx_.filetable, bytes.data(), name_empty, type, op, masks, kTree, kClient,
-                         kClientPort, kFile);
-    }
-
-    void add_tree(const std::string &name, const uint32_t *masks = nullptr) {
-        std::vector<uint8_t> bytes = name_bytes(name);
-        treetable_insert(ctx_.treetable, bytes.data(), masks, kClient, kClientPort, kTree);
     }
 
     int run(host_flow_record &f, owned_slot &slot) {
         return process_smb_postprocess(&ctx_, &f, &slot.slot);
     }
 
-    // The masks still parked for the tree and the file (taking them out).
-    std::pair<uint32_t, uint32_t> parked_file_masks() {
-        uint32_t masks[2] = {0, 0};
-        filetable_get_file(ctx_.filetable, kClient, kClientPort, kFile, nullptr, nullptr, masks,
-                           nullptr);
-        return {masks[0], masks[1]};
-    }
-    std::pair<uint32_t, uint32_t> parked_tree_masks() {
-        uint32_t masks[2] = {0, 0};
-        treetable_get_tree(ctx_.treetable, kClient, kClientPort, kTree, masks);
-        return {masks[0], masks[1]};
-    }
-
     smb_plugin_ctx ctx_{};
 };
 
-TEST_F(Postprocess, CompletesNamesTypeAndCommandsFromTheTables) {
-    const uint32_t file_masks[2] = {kRead, kClose};
-    const uint32_t tree_masks[2] = {0, kTreeConnect};
-    add_file("a.txt", 0, 2, 0x01, file_masks);
-    add_tree("\\\\srv\\share", tree_masks);
-    host_flow_record f = flow();
-    owned_slot slot(record(0));
+class PostprocessCases : public Postprocess, public ::testing::WithParamInterface<pp_case> {};
 
+TEST_P(PostprocessCases, CompleteTheRecord) {
+    const pp_case &c = GetParam();
+    fill_tables(c);
+    host_flow_record f = flow(c.from_server);
+    owned_slot slot(record(c));
     EXPECT_EQ(run(f, slot), 0);
     const smb_flow_data &r = *slot.rec();
-    EXPECT_EQ(bytes_of(r.file_name), name_bytes("a.txt"));
-    EXPECT_EQ(bytes_of(r.tree_name), name_bytes("\\\\srv\\share"));
-    EXPECT_EQ(r.file_type, 2);
-    EXPECT_EQ(r.op, 0x3f);  // no CREATE in this flow: the operation is not taken over
-    EXPECT_EQ(r.commands[0], kRead | 0xff);
-    EXPECT_EQ(r.commands[1], kClose | kTreeConnect | 0xff);
+    EXPECT_EQ(bytes_of(r.file_name), expected_name(c.file_name));
+    EXPECT_EQ(bytes_of(r.tree_name), expected_name(c.tree_name));
+    EXPECT_NE(r.file_name ? r.file_name : "", r.tree_name);  // each name its own buffer
+    EXPECT_EQ(r.op, c.op_after);
+    EXPECT_EQ(r.file_type, c.type_after);
+    EXPECT_EQ(r.commands[0], c.cmd0_after);
+    EXPECT_EQ(r.commands[1], c.cmd1_after);
 }
 
-TEST_F(Postprocess, ParkedMasksReachOneRecordOnly) {
-    const uint32_t file_masks[2] = {kRead, kClose};
-    const uint32_t tree_masks[2] = {0, kTreeConnect};
-    add_file("a.txt", 0, 2, 0x01, file_masks);
-    add_tree("share", tree_masks);
-    host_flow_record f = flow();
-    owned_slot first(record(0)), second(record(0));
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Tables, PostprocessCases, ::testing::Values(
+    pp_case{.what = "names, type and parked masks", .file = "a.txt", .file_masks = {kRead, kClose},
+            .tree = "\\\\srv\\share", .tree_masks = {0, kTreeConnect}, .file_name = "a.txt",
+            .tree_name = "\\\\srv\\share", .cmd0_after = kRead | 0xff,
+            .cmd1_after = kClose | kTreeConnect | 0xff},
+    pp_case{.what = "response first: client is the destination, masks swap", .file = "a.txt",
+            .file_masks = {kRead, kClose}, .from_server = true, .is_response = 1,
+            .file_name = "a.txt", .cmd0_after = kClose | 0xff, .cmd1_after = kRead | 0xff},
+    pp_case{.what = "never set counts as a response", .file = "a.txt", .from_server = true,
+            .is_response = 0xff, .file_name = "a.txt"},
+    pp_case{.what = "request flag on a flow from the server misses", .file = "a.txt",
+            .tree = "share", .from_server = true, .type_after = 0},
+    pp_case{.what = "share root takes the tree name as file name", .file = "", .name_empty = 1,
+            .file_type = 1, .tree = "share", .file_name = "share", .tree_name = "share",
+            .type_after = 1},
+    pp_case{.what = "share root flag wins over a file buffer", .file = "stale", .name_empty = 1,
+            .tree = "share", .file_name = "share", .tree_name = "share"},
+    pp_case{.what = "empty names give none", .file = "", .tree = ""},
+    pp_case{.what = "CREATE takes the file's code", .file = "a.txt", .file_op = 0x02,
+            .cmd0 = kCreate, .file_name = "a.txt", .op_after = 0x02, .cmd0_after = kCreate},
+    pp_case{.what = "CREATE takes the file's delete bit", .file = "a.txt", .file_op = 0x41,
+            .cmd0 = kCreate, .file_name = "a.txt", .op_after = 0x41, .cmd0_after = kCreate},
+    pp_case{.what = "failure bit stays", .file = "a.txt", .file_op = 0x02, .op = 0xbf,
+            .cmd0 = kCreate, .file_name = "a.txt", .op_after = 0x82, .cmd0_after = kCreate},
+    pp_case{.what = "known code kept, delete added", .file = "a.txt", .file_op = 0x42, .op = 0x01,
+            .cmd0 = kCreate, .file_name = "a.txt", .op_after = 0x41, .cmd0_after = kCreate},
+    pp_case{.what = "parked CREATE bit counts", .file = "a.txt", .file_op = 0x02,
+            .file_masks = {SMB_CMD_CREATE, 0}, .file_name = "a.txt", .op_after = 0x02,
+            .cmd0_after = kCreate},
+    pp_case{.what = "CREATE only in word 1 does not count", .file = "a.txt", .file_op = 0x02,
+            .cmd1 = kCreate, .file_name = "a.txt", .cmd1_after = kCreate},
+    pp_case{.what = "SET_INFO takes a succeeded delete", .file = "a.txt",
+            .delete_flag = SMB_DELETE_SUCCEEDED, .op = 0x01, .cmd0 = kSetInfo,
+            .file_name = "a.txt", .op_after = 0x41, .cmd0_after = kSetInfo},
+    pp_case{.what = "a failed delete is not a delete", .file = "a.txt",
+            .delete_flag = SMB_DELETE_FAILED, .op = 0x01, .cmd0 = kSetInfo, .file_name = "a.txt",
+            .op_after = 0x01, .cmd0_after = kSetInfo}));
+// clang-format on
+
+TEST_F(Postprocess, ParkedMasksAndDeleteFlagReachOneRecordOnly) {
+    const pp_case c{.what = "",
+                    .file = "a.txt",
+                    .file_masks = {kRead, kClose},
+                    .delete_flag = SMB_DELETE_SUCCEEDED,
+                    .tree = "share",
+                    .tree_masks = {0, kTreeConnect},
+                    .op = 0x01,
+                    .cmd0 = kSetInfo};
+    fill_tables(c);
+    host_flow_record f = flow(false);
+    owned_slot first(record(c)), second(record(c));
     run(f, first);
     run(f, second);
-    EXPECT_EQ(second.rec()->commands[0], 0xffu);
+    EXPECT_EQ(first.rec()->op, 0x41);
+    EXPECT_EQ(first.rec()->commands[1], kClose | kTreeConnect | 0xff);
+    EXPECT_EQ(second.rec()->op, 0x01);
+    EXPECT_EQ(second.rec()->commands[0], kSetInfo);
     EXPECT_EQ(second.rec()->commands[1], 0xffu);
     EXPECT_NE(second.rec()->file_name, nullptr);  // names are not one-shot
     EXPECT_NE(second.rec()->tree_name, nullptr);
 }
 
-TEST_F(Postprocess, ClientEndFollowsTheFirstRecordsDirection) {
-    struct client_case {
-        const char *what;
-        bool flow_from_server;
-        uint8_t is_response;
-        bool found;
-        uint32_t read_in_word;  // the word that receives the client's READ mask
-    };
-    const client_case cases[] = {
-        {"request first, client is the source", false, 0, true, 0},
-        {"response first, client is the destination", true, 1, true, 1},
-        {"never set counts as a response", true, 0xff, true, 1},
-        {"request flag on a flow from the server", true, 0, false, 0},
-        {"response flag on a flow from the client", false, 1, false, 0},
-    };
-    for (const client_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        const uint32_t masks[2] = {kRead, 0};
-        add_file("a.txt", 0, 2, 0x01, masks);
-        host_flow_record f = flow(c.flow_from_server);
-        owned_slot slot(record(c.is_response));
-        run(f, slot);
-        EXPECT_EQ(slot.rec()->file_name != nullptr, c.found);
-        if (c.found) {
-            EXPECT_EQ(slot.rec()->commands[c.read_in_word], kRead | 0xff);
-        }
-        reset_tables();
+// Records that need nothing leave the tables' one-shot state where it is.
+TEST_F(Postprocess, RecordsThatNeedNothingTouchNoTable) {
+    const std::pair<const char *, void (*)(smb_flow_data &)> cases[] = {
+        {"SMB1", [](smb_flow_data &r) { r.version = SMB_VERSION_1; }},
+        {"no version", [](smb_flow_data &r) { r.version = SMB_VERSION_NONE; }},
+        {"encrypted", [](smb_flow_data &r) { r.commands[0] |= SMB_CMD_TRANSFORM; }},
+        {"no ids", [](smb_flow_data &r) { r.tree_id = r.file_id = 0; }},
+        {"both names known",
+         [](smb_flow_data &r) {
+             r.tree_name = frame_test::name_buffer("mine");
+             r.file_name = frame_test::name_buffer("mine.txt");
+         }},
+        {"file name known, op has delete", [](smb_flow_data &r) {
+             r.file_name = frame_test::name_buffer("mine.txt");
+             r.tree_id = 0;
+             r.op = 0x41;
+         }}};
+    const pp_case c{.what = "",
+                    .file = "a.txt",
+                    .file_masks = {kRead, kClose},
+                    .delete_flag = SMB_DELETE_SUCCEEDED,
+                    .tree = "share",
+                    .tree_masks = {kRead, kClose},
+                    .cmd0 = kSetInfo};
+    for (const auto &[what, shape] : cases) {
+        SCOPED_TRACE(what);
+        fill_tables(c);
+        host_flow_record f = flow(false);
+        owned_slot slot(record(c));
+        shape(*slot.rec());
+        const smb_flow_data before = *slot.rec();
+        EXPECT_EQ(run(f, slot), 0);
+        EXPECT_EQ(memcmp(&before, slot.rec(), sizeof before), 0);
+        uint32_t file_masks[2] = {}, tree_masks[2] = {};
+        filetable_get_file(ctx_.filetable, kClient, kClientPort, kFile, nullptr, nullptr,
+                           file_masks, nullptr);
+        treetable_get_tree(ctx_.treetable, kClient, kClientPort, kTree, tree_masks);
+        EXPECT_EQ(file_masks[0], kRead);
+        EXPECT_EQ(tree_masks[1], kClose);
+        EXPECT_EQ(filetable_get_delete_flag(ctx_.filetable, kClient, kClientPort, kFile, 0), 1);
+        TearDown();
+        SetUp();
     }
+    host_flow_record f = flow(false);
+    host_slot empty = nullptr;
+    EXPECT_EQ(process_smb_postprocess(&ctx_, &f, &empty), 0);
 }
 
 TEST_F(Postprocess, Ipv6ClientIsKeyedByItsLastThirtyTwoBits) {
@@ -163,181 +239,31 @@ TEST_F(Postprocess, Ipv6ClientIsKeyedByItsLastThirtyTwoBits) {
     memcpy(&addr32, tail, 4);
     std::vector<uint8_t> name = name_bytes("v6.txt");
     filetable_insert(ctx_.filetable, name.data(), 0, 2, 1, nullptr, 0, addr32, kClientPort, kFile);
-    host_flow_record f = flow();
+    host_flow_record f = flow(false);
     f.ip_version = 6;
     inet_pton(AF_INET6, "2001:db8:1:2:3:4:a00:1", f.src_addr.v6);
-    owned_slot slot(record(0));
+    owned_slot slot(record(pp_case{}));
     run(f, slot);
     EXPECT_EQ(bytes_of(slot.rec()->file_name), name);
 }
 
-TEST_F(Postprocess, ShareRootCreateNamesTheShareAsFile) {
-    add_file("", 1, 1, 0x01);
-    add_tree("share");
-    host_flow_record f = flow();
-    owned_slot slot(record(0));
-    run(f, slot);
-    EXPECT_EQ(bytes_of(slot.rec()->tree_name), name_bytes("share"));
-    EXPECT_EQ(bytes_of(slot.rec()->file_name), name_bytes("share"));
-    EXPECT_NE(slot.rec()->tree_name, slot.rec()->file_name);  // two buffers, each owned
-    EXPECT_EQ(slot.rec()->file_type, 1);
-}
-
-TEST_F(Postprocess, ShareRootFlagTakesTheTreeNameOverTheFileBuffer) {
-    add_file("stale", 1, 1, 0x01);
-    add_tree("share");
-    host_flow_record f = flow();
-    owned_slot slot(record(0));
-    run(f, slot);
-    EXPECT_EQ(bytes_of(slot.rec()->file_name), name_bytes("share"));
-}
-
-TEST_F(Postprocess, EmptyNamesGiveNoName) {
-    add_file("", 0, 2, 0x01);  // known file, name not captured
-    add_tree("");
-    host_flow_record f = flow();
-    owned_slot slot(record(0));
-    run(f, slot);
-    EXPECT_EQ(slot.rec()->file_name, nullptr);
-    EXPECT_EQ(slot.rec()->tree_name, nullptr);
-    EXPECT_EQ(slot.rec()->file_type, 2);
-}
-
-TEST_F(Postprocess, SecondNameByteAloneIsAName) {
+TEST_F(Postprocess, NameWithOnlyItsSecondByteSetIsAName) {
     std::vector<uint8_t> name(SMB_NAME_SIZE, 0);
-    name[1] = 0x4e;  // U+4E00, one CJK character
+    name[1] = 0x4e;  // U+4E00
     filetable_insert(ctx_.filetable, name.data(), 0, 2, 1, nullptr, 0, kClient, kClientPort, kFile);
-    host_flow_record f = flow();
-    owned_slot slot(record(0));
+    host_flow_record f = flow(false);
+    owned_slot slot(record(pp_case{}));
     run(f, slot);
     EXPECT_EQ(bytes_of(slot.rec()->file_name), name);
-}
-
-TEST_F(Postprocess, CreateTakesTheFilesOperation) {
-    struct op_case {
-        const char *what;
-        uint8_t record_op;
-        uint8_t file_op;
-        uint32_t cmd0, cmd1;
-        uint8_t is_response;
-        uint8_t expected;
-    };
-    const uint32_t create = SMB_CMD_CREATE | 0xff;
-    const op_case cases[] = {
-        {"unknown code takes the file's", 0x3f, 0x02, create, 0xff, 0, 0x02},
-        {"file's delete bit comes along", 0x3f, 0x41, create, 0xff, 0, 0x41},
-        {"failure bit of the record stays", 0xbf, 0x02, create, 0xff, 0, 0x82},
-        {"known code is kept, delete added", 0x01, 0x42, create, 0xff, 0, 0x41},
-        {"record's own delete ends the file part", 0x7f, 0x02, create, 0xff, 0, 0x42},
-        {"without CREATE nothing is taken", 0x3f, 0x42, 0xff, 0xff, 0, 0x3f},
-        {"flow seen from the server, CREATE in word 0", 0x3f, 0x02, create, 0xff, 1, 0x02},
-        {"CREATE only in word 1 does not count", 0x3f, 0x02, 0xff, create, 0, 0x3f},
-    };
-    for (const op_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        add_file("a.txt", 0, 2, c.file_op);
-        host_flow_record f = flow(c.is_response == 1);
-        owned_slot slot(record(c.is_response, c.cmd0, c.cmd1));
-        slot.rec()->op = c.record_op;
-        run(f, slot);
-        EXPECT_EQ(slot.rec()->op, c.expected);
-        reset_tables();
-    }
-}
-
-TEST_F(Postprocess, ParkedCreateBitCountsForTheOperation) {
-    const uint32_t masks[2] = {SMB_CMD_CREATE, 0};
-    add_file("a.txt", 0, 2, 0x02, masks);
-    host_flow_record f = flow();
-    owned_slot slot(record(0));
-    run(f, slot);
-    EXPECT_EQ(slot.rec()->op, 0x02);
-}
-
-TEST_F(Postprocess, SetInfoAsksForTheDeleteFlagOnce) {
-    add_file("a.txt", 0, 2, 0x01);
-    filetable_set_delete_flag(ctx_.filetable, kClient, kClientPort, kFile, SMB_DELETE_SUCCEEDED);
-    host_flow_record f = flow();
-    owned_slot first(record(0, SMB_CMD_SET_INFO | 0xff)),
-        second(record(0, SMB_CMD_SET_INFO | 0xff));
-    first.rec()->op = 0x01;
-    second.rec()->op = 0x01;
-    run(f, first);
-    run(f, second);
-    EXPECT_EQ(first.rec()->op, 0x41);
-    EXPECT_EQ(second.rec()->op, 0x01);
-}
-
-TEST_F(Postprocess, RecordThatAlreadyDeletesLeavesTheDeleteFlag) {
-    add_file("a.txt", 0, 2, 0x01);
-    filetable_set_delete_flag(ctx_.filetable, kClient, kClientPort, kFile, SMB_DELETE_SUCCEEDED);
-    host_flow_record f = flow();
-    owned_slot slot(record(0, SMB_CMD_SET_INFO | 0xff));
-    slot.rec()->op = 0x41;
-    run(f, slot);
-    EXPECT_EQ(filetable_get_delete_flag(ctx_.filetable, kClient, kClientPort, kFile, 0), 1);
-}
-
-TEST_F(Postprocess, RecordsThatNeedNothingTouchNoTable) {
-    struct skip_case {
-        const char *what;
-        void (*shape)(smb_flow_data &);
-    };
-    const skip_case cases[] = {
-        {"SMB1", [](smb_flow_data &r) { r.version = SMB_VERSION_1; }},
-        {"no version", [](smb_flow_data &r) { r.version = SMB_VERSION_NONE; }},
-        {"encrypted", [](smb_flow_data &r) { r.commands[0] |= SMB_CMD_TRANSFORM; }},
-        {"no ids",
-         [](smb_flow_data &r) {
-             r.tree_id = 0;
-             r.file_id = 0;
-         }},
-        {"both names known",
-         [](smb_flow_data &r) {
-             r.tree_name = frame_test::name_buffer("mine");
-             r.file_name = frame_test::name_buffer("mine.txt");
-         }},
-    };
-    for (const skip_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        const uint32_t masks[2] = {kRead, kClose};
-        add_file("a.txt", 0, 2, 0x01, masks);
-        add_tree("share", masks);
-        host_flow_record f = flow();
-        owned_slot slot(record(0));
-        c.shape(*slot.rec());
-        const smb_flow_data before = *slot.rec();
-        EXPECT_EQ(run(f, slot), 0);
-        EXPECT_EQ(memcmp(&before, slot.rec(), sizeof before), 0);
-        EXPECT_EQ(parked_file_masks(), std::make_pair(kRead, kClose));
-        EXPECT_EQ(parked_tree_masks(), std::make_pair(kRead, kClose));
-        reset_tables();
-    }
-    host_flow_record f = flow();
-    host_slot empty = nullptr;
-    EXPECT_EQ(process_smb_postprocess(&ctx_, &f, &empty), 0);
-}
-
-TEST_F(Postprocess, KnownFileNameSkipsOnlyTheFilePart) {
-    const uint32_t masks[2] = {kRead, kClose};
-    add_file("a.txt", 0, 2, 0x01, masks);
-    add_tree("share");
-    host_flow_record f = flow();
-    owned_slot slot(record(0));
-    slot.rec()->file_name = frame_test::name_buffer("mine.txt");
-    run(f, slot);
-    EXPECT_EQ(bytes_of(slot.rec()->file_name), name_bytes("mine.txt"));
-    EXPECT_EQ(bytes_of(slot.rec()->tree_name), name_bytes("share"));
-    EXPECT_EQ(parked_file_masks(), std::make_pair(kRead, kClose));
 }
 
 TEST_F(Postprocess, NamesAreCopiesThatOutliveTheTables) {
-    add_file("a.txt", 0, 2, 0x01);
-    add_tree("share");
-    host_flow_record f = flow();
-    owned_slot slot(record(0));
+    fill_tables(pp_case{.file = "a.txt", .tree = "share"});
+    host_flow_record f = flow(false);
+    owned_slot slot(record(pp_case{}));
     run(f, slot);
-    reset_tables();  // frees the records the names came from
+    TearDown();  // frees the table records the names came from
+    SetUp();
     EXPECT_EQ(bytes_of(slot.rec()->file_name), name_bytes("a.txt"));
     EXPECT_EQ(bytes_of(slot.rec()->tree_name), name_bytes("share"));
 }
