@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "cv_log.h"
-#include "fuzz_host.h"
+#include "mini_host.h"
 #include "fuzz_input.h"
 #include "segment_format.h"
 #include "smb.h"
@@ -75,7 +75,7 @@ class session {
     ~session() {
         for (auto &[hash, f] : flows_) {
             process_smb_postprocess(plugin_, &f.record, &f.slot);
-            fuzz::host::export_flow(&f.record, &f.slot);
+            mini_host::export_flow(&f.record, &f.slot);
             host_slot copy = nullptr;
             process_smb_release(nullptr, nullptr, &f.slot, nullptr, &copy, 1);
             process_smb_callback(nullptr, &copy);
@@ -83,7 +83,7 @@ class session {
         }
         process_smb_shutdown_queue(queue_);
         process_smb_shutdown(plugin_);
-        fuzz::host::reset();
+        mini_host::reset();
     }
 
     void segment(uint8_t flags, std::span<const uint8_t> payload) {
@@ -130,7 +130,7 @@ class session {
                 f->record.dir_counters[i].packets += pkt.dir_counters[i].packets;
                 f->record.dir_counters[i].bytes += pkt.dir_counters[i].bytes;
             }
-            if (!fuzz::host::update_removed(&f->record))
+            if (!mini_host::update_removed(&f->record))
                 process_smb_update(queue_, &pkt, &f->record, &pkt_slot, &f->slot);
         }
         process_smb_callback(nullptr, &pkt_slot);

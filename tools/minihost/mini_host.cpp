@@ -1,10 +1,10 @@
-#include "fuzz_host.h"
+#include "mini_host.h"
 
 #include <string.h>
 
 #include <algorithm>
 
-namespace fuzz::host {
+namespace mini_host {
 
 namespace {
 
@@ -51,10 +51,10 @@ void export_flow(host_flow_record *flow, host_slot *slot) {
     }
 }
 
-}  // namespace fuzz::host
+}  // namespace mini_host
 
-using fuzz::host::g_field_handles;
-using fuzz::host::g_fields;
+using mini_host::g_field_handles;
+using mini_host::g_fields;
 
 extern "C" {
 
@@ -70,7 +70,7 @@ void *corvane_getter_add(void *, uint32_t, uint32_t, const char *, uint32_t, uin
 }
 
 void corvane_getter_set_default(void *, const void *value, uint32_t size) {
-    fuzz::host::consume(value, size);
+    mini_host::consume(value, size);
 }
 
 void corvane_hook_postprocess(void *, uint32_t, corvane_postprocess_fn) {}
@@ -80,24 +80,24 @@ void corvane_hook_queue_update(void *, uint32_t, corvane_update_fn) {}
 void corvane_hook_queue_release(void *, uint32_t, corvane_release_fn) {}
 
 void *corvane_hook_update_remove(host_flow_record *flow, uint32_t, corvane_update_fn) {
-    fuzz::host::g_removed.push_back(flow);
+    mini_host::g_removed.push_back(flow);
     return nullptr;
 }
 
 int record_universal_get_num(void *, const void *value, uint32_t size, uint32_t, uint32_t) {
-    return fuzz::host::consume(value, size);
+    return mini_host::consume(value, size);
 }
 
 int record_universal_get_txt_num(void *, const void *value, uint32_t size, uint32_t, uint32_t) {
-    return fuzz::host::consume(value, size);
+    return mini_host::consume(value, size);
 }
 
 int record_universal_get_txt_string(void *, const void *buffer, uint32_t size, uint32_t, uint32_t) {
-    return fuzz::host::consume(buffer, size);
+    return mini_host::consume(buffer, size);
 }
 
 int record_universal_get_array(void *, const void *buffer, uint32_t size, uint32_t, uint32_t) {
-    return fuzz::host::consume(buffer, size);
+    return mini_host::consume(buffer, size);
 }
 
 }  // extern "C"

@@ -1,7 +1,7 @@
-// A minimal host for the harnesses that drive the plug-in's hooks: it implements every host
-// function the plug-in calls, keeps the registered fields, and makes the record writers read
-// every byte they are handed, so that a field callback passing a bad buffer shows up under
-// AddressSanitizer.
+// A minimal host for the fuzz harnesses and benchmarks that drive the plug-in's hooks: it
+// implements every host function the plug-in calls, keeps the registered fields, and makes the
+// record writers read every byte they are handed, so that a field callback passing a bad buffer
+// shows up under AddressSanitizer.
 #pragma once
 
 #include <stdint.h>
@@ -10,7 +10,7 @@
 
 #include "smb.h"
 
-namespace fuzz::host {
+namespace mini_host {
 
 struct field {
     corvane_validity_fn validity;
@@ -28,4 +28,4 @@ void reset();
 // Runs every field's callbacks on one flow, as the host does at export.
 void export_flow(host_flow_record *flow, host_slot *slot);
 
-}  // namespace fuzz::host
+}  // namespace mini_host
