@@ -122,10 +122,13 @@ TEST_P(FilterCases, SetFlagsAndSlot) {
     const filter_case &c = GetParam();
     q_->port = c.port;
     host_packet pkt = packet(c.payload, c.src_port, c.dst_port, c.protocol);
-    owned_slot slot(frame_test::smb2_record());  // whatever the slot held before
-    EXPECT_EQ(filter(pkt, slot), 0);
+    int stale = 0;  // whatever the slot held before is overwritten
+    host_slot slot = &stale;
+    EXPECT_EQ(process_smb_filter(q_, &pkt, nullptr, &slot), 0);
+    ASSERT_NE(slot, &stale);
+    owned_slot result(static_cast<smb_flow_data *>(slot));
     EXPECT_EQ(pkt.flags, c.flags);
-    EXPECT_EQ(slot.slot != nullptr, c.record);
+    EXPECT_EQ(slot != nullptr, c.record);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -167,9 +170,10 @@ TEST_F(Filter, Ipv4FragmentKeepsItsSlotAndGetsNoFlags) {
 TEST_F(Filter, PayloadOffsetBeyondTheLengthIsPassedOver) {
     host_packet pkt = packet(smb1(0x72));
     pkt.payload_offset = pkt.length + 1;
-    owned_slot slot(frame_test::smb2_record());
-    filter(pkt, slot);
-    EXPECT_EQ(slot.slot, nullptr);
+    int stale = 0;
+    host_slot slot = &stale;
+    process_smb_filter(q_, &pkt, nullptr, &slot);
+    EXPECT_EQ(slot, nullptr);
     EXPECT_EQ(pkt.flags, kNoFlags);
 }
 
