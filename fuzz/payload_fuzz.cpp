@@ -1,9 +1,10 @@
 // Fuzzes the payload entry with TCP segments of up to four SMB connections in both directions,
-// as a host would hand them over: each segment is parsed into a fresh record, the record is
-// moved into or merged with its flow's record (found by the extended flow hash), and at the end
-// every flow is post-processed, exported field by field, copied and freed. So reassembly of
-// segmented messages, compound chains, request/response matching through the message tables
-// and the shared tree, file and data tables are all reached, with small tables that collide.
+// as a host would hand them over: each segment goes through the filter hook, which parses it
+// into a fresh record; the record is moved into or merged with its flow's record (found by the
+// extended flow hash), and at the end every flow is post-processed, exported field by field,
+// copied and freed. So reassembly of segmented messages, compound chains, request/response
+// matching through the message tables and the shared tree, file and data tables are all
+// reached, with small tables that collide.
 //
 // Input: one configuration byte (bit 0: no port filtering), then segments in the format of
 // segment_format.h.
@@ -18,7 +19,6 @@
 #include "fuzz_input.h"
 #include "segment_format.h"
 #include "smb.h"
-#include "smb_parser.h"
 
 namespace {
 
@@ -116,14 +116,7 @@ class session {
         pkt.dir_counters[d] = {1, frame.size()};
 
         host_slot pkt_slot = nullptr;
-        smb_flow_data *rec = smb_record_new();
-        const int32_t r = smb_parse_packet(&pkt, rec, queue_, frame.data() + headers);
-        if (r == SMB_PARSE_OK || r == SMB_PARSE_CONTINUED) {
-            pkt_slot = rec;
-        } else {
-            host_slot discarded = rec;
-            process_smb_callback(nullptr, &discarded);
-        }
+        process_smb_filter(queue_, &pkt, nullptr, &pkt_slot);
 
         if (flow *f = find_flow(pkt)) {
             for (int i = 0; i < 2; ++i) {
