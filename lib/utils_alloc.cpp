@@ -5,20 +5,37 @@
 #include <string.h>
 
 #include "cv_log.h"
+#include "utils_alloc_seam.h"
+
+namespace cv::alloc {
+
+SystemAllocator &system_allocator() {
+    static SystemAllocator allocator{::malloc, ::posix_memalign, ::realloc};
+    return allocator;
+}
+
+}  // namespace cv::alloc
+
+namespace {
+constexpr size_t kAlignment = 128;  // queue contexts and table handles get their own lines
+constexpr int kBackTraceDepth = 8;
+}  // namespace
 
 void *corvaneexp_malloc_noexit(size_t size, int aligned) {
+    auto &system = cv::alloc::system_allocator();
     void *p = nullptr;
     if (aligned) {
-        size = (size + 127) & ~size_t(127);
-        if (posix_memalign(&p, 128, size) != 0) {
+        size = (size + kAlignment - 1) & ~(kAlignment - 1);
+        if (system.posix_memalign(&p, kAlignment, size) != 0) {
             p = nullptr;
             CV_LOG(CVLOG_WARN, "Posix memalign problem (malloc)");
         }
     } else {
-        p = malloc(size);
+        p = system.malloc(size);
     }
     if (!p) {
         CV_LOG(CVLOG_WARN, "Unable to malloc: %lu KiB", (unsigned long)(size / 1024));
+        CvLog_BackTrace(kBackTraceDepth);
         return nullptr;
     }
     memset(p, 0, size);
@@ -35,7 +52,7 @@ void *corvaneexp_malloc(size_t size, int aligned) {
 }
 
 void *corvaneexp_realloc(void *ptr, size_t size) {
-    void *p = realloc(ptr, size);
+    void *p = cv::alloc::system_allocator().realloc(ptr, size);
     if (!p) {
         CV_LOG(CVLOG_ERROR, "Realloc failed !!!");
         exit(-1);

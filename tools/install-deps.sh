@@ -6,7 +6,7 @@ packages=(
   cmake ninja-build g++ pkg-config clang libclang-rt-14-dev clang-format
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libpcap-dev libcli11-dev libfmt-dev
-  tshark tcpdump samba smbclient samba-testsuite iproute2 ethtool valgrind binutils
+  tshark tcpdump samba smbclient samba-testsuite iproute2 ethtool python3 valgrind binutils
 )
 missing=()
 for p in "${packages[@]}"; do

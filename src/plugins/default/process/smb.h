@@ -133,3 +133,14 @@ CV_EXPORT void *process_smb_init(uint32_t plugin_id, const char *params, void *h
 CV_EXPORT void process_smb_shutdown(void *plugin_ctx);
 CV_EXPORT void *process_smb_init_queue(uint32_t plugin_id, void *plugin_ctx, uint32_t queue_id);
 CV_EXPORT void process_smb_shutdown_queue(void *queue_ctx);
+
+// Queue and flow hooks, registered with the host by the init and queue-init hooks.
+CV_EXPORT int process_smb_filter(void *queue_ctx, host_packet *pkt, void *unused,
+                                 host_slot *pkt_slot);
+CV_EXPORT void *process_smb_update(void *queue_ctx, host_packet *pkt, host_flow_record *flow,
+                                   host_slot *pkt_slot, host_slot *flow_slot);
+CV_EXPORT void process_smb_release(void *unused1, void *unused2, host_slot *src, void *unused4,
+                                   host_slot *dst, int copy);
+CV_EXPORT int process_smb_postprocess(void *plugin_ctx, host_flow_record *flow,
+                                      host_slot *flow_slot);
+CV_EXPORT void process_smb_callback(void *unused, host_slot *slot);

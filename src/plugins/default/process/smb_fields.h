@@ -1,0 +1,48 @@
+// The six flow fields that the plug-in exports: their callbacks and their registration.
+#pragma once
+
+#include <stdint.h>
+
+#include "smb.h"
+
+// Registers SMB_CMD_REQUEST, SMB_CMD_RESPONSE, SMB_TREE, SMB_FILE_TYPE, SMB_FILE_NAME and SMB_OP
+// with the host, then the defaults of the four numeric fields.
+void smb_register_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx);
+
+int validity_cmd_request(void *unused, host_flow_record *flow, host_slot *slot);
+int validity_cmd_response(void *unused, host_flow_record *flow, host_slot *slot);
+int validity_tree(void *unused, host_flow_record *flow, host_slot *slot);
+int validity_file_type(void *unused, host_flow_record *flow, host_slot *slot);
+int validity_file_name(void *unused, host_flow_record *flow, host_slot *slot);
+int validity_op(void *unused, host_flow_record *flow, host_slot *slot);
+
+int cmd_length(void *unused, host_flow_record *flow, host_slot *slot);
+int tree_length(void *unused, host_flow_record *flow, host_slot *slot);
+int file_type_length(void *unused, host_flow_record *flow, host_slot *slot);
+int file_name_length(void *unused, host_flow_record *flow, host_slot *slot);
+int op_length(void *unused, host_flow_record *flow, host_slot *slot);
+
+void value_fill_cmd_request(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                            uint32_t a, uint32_t b);
+void value_fill_cmd_request_txt(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                                uint32_t a, uint32_t b);
+void value_fill_cmd_response(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                             uint32_t a, uint32_t b);
+void value_fill_cmd_response_txt(void *unused, host_flow_record *flow, host_slot *slot,
+                                 void *output, uint32_t a, uint32_t b);
+void value_fill_tree(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                     uint32_t a, uint32_t b);
+void value_fill_tree_txt(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                         uint32_t a, uint32_t b);
+void value_fill_file_type(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                          uint32_t a, uint32_t b);
+void value_fill_file_type_txt(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                              uint32_t a, uint32_t b);
+void value_fill_file_name(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                          uint32_t a, uint32_t b);
+void value_fill_file_name_txt(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                              uint32_t a, uint32_t b);
+void value_fill_op(void *unused, host_flow_record *flow, host_slot *slot, void *output, uint32_t a,
+                   uint32_t b);
+void value_fill_op_txt(void *unused, host_flow_record *flow, host_slot *slot, void *output,
+                       uint32_t a, uint32_t b);

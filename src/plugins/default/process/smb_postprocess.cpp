@@ -1,0 +1,118 @@
+// Completion of a flow's record from the shared tree and file tables just before export.
+//
+// TREE_CONNECT and CREATE often travel in other flow records than the packets that use the tree
+// or file later, because the flow hash is split by tree and file id. The shared tables carry
+// the names across; this hook copies them into the record together with the file's type,
+// operation and delete state and the command bits parked for this tree and file. Every parked
+// mask and delete flag is handed out by its table once, so it reaches one exported record.
+#include <string.h>
+
+#include "smb.h"
+#include "smb_file_table.h"
+#include "smb_tree_table.h"
+#include "utils_alloc.h"
+
+namespace {
+
+// The connection key under which the parser filed the tree and file ids.
+struct client_end {
+    uint32_t addr32;
+    uint16_t port;
+};
+
+uint32_t addr32_of(const host_addr &addr, uint8_t ip_version) {
+    if (ip_version == 4) return addr.v4;
+    uint32_t word;
+    memcpy(&word, addr.v6 + 12, sizeof word);  // IPv6: the last 32 bits only
+    return word;
+}
+
+// The flow's first SMB record says which end is the client: a first record from the server
+// (or none that set the flag, 0xff) puts the client at the flow's destination.
+client_end client_of(const host_flow_record *flow, const smb_flow_data *rec) {
+    if (rec->is_response) return {addr32_of(flow->dst_addr, flow->ip_version), flow->dst_port};
+    return {addr32_of(flow->src_addr, flow->ip_version), flow->src_port};
+}
+
+bool names_something(const uint8_t *name) {
+    return name && (name[0] || name[1]);
+}
+
+char *copy_name(const uint8_t *name) {
+    auto *copy = static_cast<char *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
+    memcpy(copy, name, SMB_NAME_SIZE);
+    return copy;
+}
+
+// Masks come as (client to server, server to client); the record's words are ordered by the
+// direction of the flow's first SMB record.
+void fold_masks(smb_flow_data *rec, const uint32_t masks[2]) {
+    const int to_server = rec->is_response ? 1 : 0;
+    rec->commands[to_server] |= masks[0];
+    rec->commands[1 - to_server] |= masks[1];
+}
+
+// What the file part learned that the tree part still needs.
+struct file_outcome {
+    bool names_share_root = false;  // the CREATE opened the share itself
+};
+
+file_outcome complete_file(smb_plugin_ctx *ctx, smb_flow_data *rec, client_end client) {
+    file_outcome outcome;
+    uint32_t masks[2] = {0, 0};
+    uint8_t file_op = SMB_OP_INVALID;
+    uint8_t name_empty = 0;
+    {
+        smb::SpinGuard guard(ctx->filetable->lock);
+        const uint8_t *name =
+            filetable_get_file(ctx->filetable, client.addr32, client.port, rec->file_id,
+                               &rec->file_type, &file_op, masks, &name_empty);
+        // The buffer belongs to the table and may be overwritten once the lock is released.
+        if (names_something(name) && name_empty == 0) rec->file_name = copy_name(name);
+    }
+    outcome.names_share_root = name_empty == 1;
+    fold_masks(rec, masks);
+
+    if (rec->commands[0] & SMB_CMD_CREATE) {
+        if ((rec->op & SMB_OP_CODE_MASK) == SMB_OP_UNKNOWN)
+            rec->op = (rec->op & ~SMB_OP_CODE_MASK) | (file_op & SMB_OP_CODE_MASK);
+        if (rec->op & SMB_OP_DELETE) return outcome;
+        rec->op |= file_op & SMB_OP_DELETE;
+    }
+    if ((rec->commands[0] & SMB_CMD_SET_INFO) && !(rec->op & SMB_OP_DELETE)) {
+        smb::SpinGuard guard(ctx->filetable->lock);
+        if (filetable_get_delete_flag(ctx->filetable, client.addr32, client.port, rec->file_id, 0))
+            rec->op |= SMB_OP_DELETE;
+    }
+    return outcome;
+}
+
+void complete_tree(smb_plugin_ctx *ctx, smb_flow_data *rec, client_end client, file_outcome file) {
+    uint32_t masks[2] = {0, 0};
+    {
+        smb::SpinGuard guard(ctx->treetable->lock);
+        const uint8_t *name =
+            treetable_get_tree(ctx->treetable, client.addr32, client.port, rec->tree_id, masks);
+        if (names_something(name)) {
+            rec->tree_name = copy_name(name);
+            // A CREATE of the share root names the share as its file.
+            if (file.names_share_root && !rec->file_name) rec->file_name = copy_name(name);
+        }
+    }
+    fold_masks(rec, masks);
+}
+
+}  // namespace
+
+int process_smb_postprocess(void *plugin_ctx, host_flow_record *flow, host_slot *flow_slot) {
+    auto *rec = static_cast<smb_flow_data *>(*flow_slot);
+    // Encrypted traffic names nothing; SMB1 keeps no tables.
+    if (!rec || rec->version != SMB_VERSION_2 || (rec->commands[0] & SMB_CMD_TRANSFORM)) return 0;
+
+    auto *ctx = static_cast<smb_plugin_ctx *>(plugin_ctx);
+    const client_end client = client_of(flow, rec);
+    file_outcome file;
+    if (rec->file_id != 0 && !rec->file_name) file = complete_file(ctx, rec, client);
+    if (rec->tree_id != 0 && !rec->tree_name) complete_tree(ctx, rec, client, file);
+    return 0;
+}

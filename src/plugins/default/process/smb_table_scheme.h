@@ -1,0 +1,202 @@
+// The one hash-table scheme behind the plug-in's five state tables.
+//
+// A table is a fixed array of slots (a power of two, at least 1024), each slot holding at most
+// one record. The slot of a key is the CRC-32C (seed 0) of the key's fields packed
+// little-endian without padding, masked to the slot count. There is no chaining, probing or
+// ageing: a lookup examines one slot, and a record lives until another key lands on its slot.
+// Records are allocated zero-filled the first time a key lands on an empty slot and are owned
+// by the table; later keys overwrite them in place.
+//
+// A record type is a plain struct whose first member is `key`, of a key type that compares
+// with == and packs itself with `packed()`. A record that owns memory of its own provides
+// `release()`, which frees it and leaves the record as if newly allocated.
+//
+// The shared tables (tree, file, data) add a process-private spin lock to their handle. The
+// table operations never take it: callers hold it around each call with smb::SpinGuard and
+// copy what they need out of the record before releasing it.
+#pragma once
+
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <array>
+#include <cmath>
+#include <concepts>
+
+#include "crc.h"
+#include "utils_alloc.h"
+
+namespace smb {
+
+// Holds a table's spin lock for one scope.
+class SpinGuard {
+  public:
+    explicit SpinGuard(pthread_spinlock_t &lock) : lock_(lock) { pthread_spin_lock(&lock_); }
+    ~SpinGuard() { pthread_spin_unlock(&lock_); }
+    SpinGuard(const SpinGuard &) = delete;
+    SpinGuard &operator=(const SpinGuard &) = delete;
+
+  private:
+    pthread_spinlock_t &lock_;
+};
+
+// The fields, in hash order, as one little-endian byte string without padding.
+template <std::unsigned_integral... Field>
+constexpr std::array<uint8_t, (sizeof(Field) + ... + 0)> pack_le(Field... fields) {
+    std::array<uint8_t, (sizeof(Field) + ... + 0)> out{};
+    size_t pos = 0;
+    auto put = [&](auto value) {
+        for (size_t i = 0; i < sizeof(value); ++i)
+            out[pos++] = uint8_t(value >> (8 * i));
+    };
+    (put(fields), ...);
+    return out;
+}
+
+inline constexpr int kMinSlotBits = 10;
+
+// Slot count for a requested size: the power of two nearest to it, a tie going up, never below
+// 1024. Sizes of 0 or below (logarithm -inf or NaN) give 1024. A request of 1518500250 or more
+// gives 2^31, which a table cannot hold (its create operation then fails to allocate).
+inline int64_t slot_count(int32_t requested) {
+    double e = std::log(static_cast<double>(requested)) * 1.4426950408889634;
+    if (e - std::trunc(e) >= 0.5) e += 1.0;
+    e = std::fmax(e, static_cast<double>(kMinSlotBits));  // fmax drops a NaN
+    return int64_t{1} << static_cast<int>(e);
+}
+
+template <typename R>
+concept TableRecord = requires(R r, const R cr) {
+    { cr.key == cr.key } -> std::convertible_to<bool>;
+    {cr.key.packed()};
+};
+
+// What an insert did to its slot.
+enum class InsertOutcome { created = 0, kept = 1, replaced = 2 };
+
+// The fields every table handle starts with, and the scheme's operations on them. A handle
+// type derives from this (and adds `lock` when it is shared).
+template <TableRecord Record>
+struct HashTable {
+    using Key = decltype(Record::key);
+
+    Record **slots;
+    int32_t size;
+    int32_t mask;
+
+    static uint32_t hash(const Key &key) {
+        const auto bytes = key.packed();
+        return corvaneexp_crc32c(bytes.data(), bytes.size(), 0);
+    }
+
+    size_t index_of(const Key &key) const { return hash(key) & static_cast<uint32_t>(mask); }
+    Record *&slot(const Key &key) { return slots[index_of(key)]; }
+
+    // The record of `key`, or null when its slot is empty or holds another key.
+    Record *find(const Key &key) {
+        Record *r = slot(key);
+        return r && r->key == key ? r : nullptr;
+    }
+
+    // First insert wins for an equal key; another key on the slot is overwritten with every
+    // field reset as in a new record. `fill` writes the payload of a created or reset record.
+    template <typename Fill>
+    InsertOutcome insert(const Key &key, Fill &&fill) {
+        Record *&r = slot(key);
+        if (r && r->key == key) return InsertOutcome::kept;
+        const InsertOutcome outcome = r ? InsertOutcome::replaced : InsertOutcome::created;
+        fill(claim(r, key));
+        return outcome;
+    }
+
+    // Newest wins even for an equal key: the slot's record, whatever it held, becomes a fresh
+    // record of `key`.
+    Record &replace(const Key &key) { return claim(slot(key), key); }
+
+    // The record of `key`; on an empty slot a fresh record is made for it and `created` is set.
+    // Null when another key holds the slot: that record is left alone.
+    Record *find_or_create(const Key &key, bool &created) {
+        Record *&r = slot(key);
+        created = r == nullptr;
+        if (created) return &claim(r, key);
+        return r->key == key ? r : nullptr;
+    }
+
+    // Frees the record of `key` and empties its slot; false when the key is not present.
+    bool remove(const Key &key) {
+        Record *&r = slot(key);
+        if (!r || !(r->key == key)) return false;
+        destroy(r);
+        r = nullptr;
+        return true;
+    }
+
+    void init_slots(int32_t requested) {
+        const int64_t count = slot_count(requested);
+        // 2^31 slots overflow the signed size: ask for an impossible array so that the
+        // allocator ends the process as on any exhausted allocation.
+        const size_t bytes = count > INT32_MAX ? SIZE_MAX / 2 : size_t(count) * sizeof(Record *);
+        slots = static_cast<Record **>(corvaneexp_malloc(bytes, 1));
+        size = static_cast<int32_t>(count);
+        mask = size - 1;
+    }
+
+    void free_slots() {
+        if (!slots) return;
+        for (int32_t i = 0; i < size; ++i)
+            destroy(slots[i]);
+        free(slots);
+        slots = nullptr;
+    }
+
+  private:
+    static void release(Record &r) {
+        if constexpr (requires { r.release(); }) r.release();
+    }
+
+    static void destroy(Record *r) {
+        if (!r) return;
+        release(*r);
+        free(r);
+    }
+
+    // Makes `r` a fresh record of `key`, allocating it when the slot is empty.
+    static Record &claim(Record *&r, const Key &key) {
+        if (r) {
+            release(*r);
+            *r = Record{};
+        } else {
+            r = static_cast<Record *>(corvaneexp_malloc(sizeof(Record), 0));
+        }
+        r->key = key;
+        return *r;
+    }
+};
+
+template <typename Handle>
+concept LockedHandle = requires(Handle h) {
+    pthread_spin_init(&h.lock, 0);
+};
+
+// A zeroed handle in the aligned allocation mode, its slot array sized from `requested`, its
+// lock (when it has one) initialised process-private.
+template <typename Handle>
+Handle *create_table(int32_t requested) {
+    auto *t = static_cast<Handle *>(corvaneexp_malloc(sizeof(Handle), 1));
+    t->init_slots(requested);
+    if constexpr (LockedHandle<Handle>) pthread_spin_init(&t->lock, PTHREAD_PROCESS_PRIVATE);
+    return t;
+}
+
+// Frees every record, the slot array and the handle.
+template <typename Handle>
+void free_table(Handle *t) {
+    if (!t) return;
+    t->free_slots();
+    if constexpr (LockedHandle<Handle>) pthread_spin_destroy(&t->lock);
+    free(t);
+}
+
+}  // namespace smb

@@ -1,0 +1,124 @@
+#include "log_test_util.h"
+
+#include <fcntl.h>
+#include <stdarg.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace logtest {
+
+std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void write_file(const std::string &path, const std::string &text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+bool file_exists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+std::string exe_path() {
+    char buf[4096];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    return std::string(buf, n > 0 ? size_t(n) : 0);
+}
+
+std::string exe_dir() {
+    std::string exe = exe_path();
+    return exe.substr(0, exe.rfind('/'));
+}
+
+std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+StderrCapture::StderrCapture() : path_("/tmp/cvlog-test-stderr-" + std::to_string(getpid())) {
+    fflush(stderr);
+    saved_ = dup(STDERR_FILENO);
+    int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(fd, STDERR_FILENO);
+    close(fd);
+}
+
+StderrCapture::~StderrCapture() {
+    text();
+}
+
+std::string StderrCapture::text() {
+    if (saved_ < 0) return {};
+    fflush(stderr);
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+    saved_ = -1;
+    std::string captured = read_file(path_);
+    unlink(path_.c_str());
+    return captured;
+}
+
+SyslogLog &syslog_log() {
+    static SyslogLog log;
+    return log;
+}
+
+LogTest::LogTest() {
+    syslog_log() = SyslogLog{};
+    const auto *info = ::testing::UnitTest::GetInstance()->current_test_info();
+    name_ = std::string("cvlt_") + info->name();
+    for (char &c : name_)
+        if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+    out_ = "/tmp/cvlog-test-out-" + std::to_string(getpid()) + "-" + name_;
+    cleanup_.push_back(out_);
+}
+
+LogTest::~LogTest() {
+    cvlog::reset();
+    cvlog::g_realtime = saved_realtime_;
+    cvlog::g_seconds = saved_seconds_;
+    for (const auto &path : cleanup_)
+        unlink(path.c_str());
+}
+
+std::string LogTest::write_conf(const std::string &suffix, const std::string &text) {
+    std::string path = exe_dir() + "/" + name_ + suffix + ".log.conf";
+    write_file(path, text);
+    cleanup_.push_back(path);
+    return path;
+}
+
+std::string LogTest::file_conf(const std::string &out) const {
+    return "[levels]\nTRACE = 10\n[formats]\nplain = \"%V %c %m%n\"\n[rules]\n*.* \"" + out +
+           "\"; plain\n";
+}
+
+}  // namespace logtest
+
+// The test executable's own syslog, so that what the facility sends can be checked.
+extern "C" {
+void openlog(const char *ident, int option, int facility) {
+    auto &log = logtest::syslog_log();
+    log.ident = ident ? ident : "";
+    log.option = option;
+    log.facility = facility;
+}
+void closelog(void) {}
+void syslog(int priority, const char *format, ...) {
+    char text[4096];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    logtest::syslog_log().records.push_back({priority, text});
+}
+}

@@ -1,0 +1,167 @@
+// A queue context with real tables, and helpers that run the parser on built traffic and read
+// back what it left in the tables.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+
+#include "crc.h"
+#include "smb2_builder.h"
+#include "smb_data_table.h"
+#include "smb_file_table.h"
+#include "smb_message_table.h"
+#include "smb_message_table2.h"
+#include "smb_parser.h"
+#include "smb_tree_table.h"
+
+namespace smb2test {
+
+inline constexpr uint32_t kCmdLow = 0x000000ff;
+inline uint32_t bit(uint16_t command) {
+    return 1u << (8 + command);
+}
+
+// A record as the queue filter hook hands it to the parser, freed with its names.
+struct Record {
+    smb_flow_data rec;
+    Record() { smb_record_init(&rec); }
+    ~Record() {
+        free(rec.file_name);
+        free(rec.tree_name);
+    }
+    Record(const Record &) = delete;
+    Record &operator=(const Record &) = delete;
+    smb_flow_data *operator->() { return &rec; }
+};
+
+struct Name {
+    std::array<uint8_t, 128> bytes{};
+    static Name of(const Bytes &b) {
+        Name n;
+        std::memcpy(n.bytes.data(), b.data(), std::min<size_t>(b.size(), 128));
+        return n;
+    }
+    static Name of(const void *p) {
+        Name n;
+        if (p) std::memcpy(n.bytes.data(), p, 128);
+        return n;
+    }
+    bool operator==(const Name &) const = default;
+};
+
+inline void PrintTo(const Name &n, std::ostream *os) {
+    for (uint8_t b : n.bytes)
+        *os << std::hex << int(b) << ' ';
+}
+
+class ParserHarness {
+  public:
+    explicit ParserHarness(uint16_t port = 445)
+        : ends_(Endpoints::v4(ipv4(10, 1, 2, 3), 50000, ipv4(10, 9, 9, 9), 445)) {
+        q_.port = port;
+        q_.treetable = treetable_create(1024);
+        q_.filetable = filetable_create(1024);
+        q_.datatable = datatable_create(1024);
+        q_.messagetable = messagetable_create(1024);
+        q_.messagetable2 = messagetable2_create(1024);
+    }
+    ~ParserHarness() {
+        messagetable2_free(q_.messagetable2);
+        messagetable_free(q_.messagetable);
+        datatable_free(q_.datatable);
+        filetable_free(q_.filetable);
+        treetable_free(q_.treetable);
+    }
+
+    smb_queue_ctx &q() { return q_; }
+    Endpoints &ends() { return ends_; }
+    uint32_t client() const { return smb_client_addr32(&ends_.client, ends_.ip_version); }
+    uint16_t client_port() const { return ends_.client_port; }
+
+    Packet to_server(const Bytes &payload) { return Packet(ends_, Dir::to_server, payload); }
+    Packet to_client(const Bytes &payload) { return Packet(ends_, Dir::to_client, payload); }
+
+    int32_t parse(Packet &p, Record &rec) {
+        return smb_parse_packet(&p.pkt(), &rec.rec, &q_, p.payload());
+    }
+    // Frames one message or chain and sends it in the direction its first header names.
+    int32_t send(const Bytes &smb2, Record &rec, uint64_t *hash = nullptr) {
+        const bool response = smb2.size() > 16 && (smb2[16] & kResponse);
+        Packet p = response ? to_client(session(smb2)) : to_server(session(smb2));
+        const int32_t r = parse(p, rec);
+        if (hash) *hash = p.pkt().flow_hash;
+        return r;
+    }
+    int32_t send(const Message &m, Record &rec, uint64_t *hash = nullptr) {
+        return send(encode(m), rec, hash);
+    }
+    // Parses and forgets the record.
+    int32_t send(const Message &m) {
+        Record rec;
+        return send(m, rec);
+    }
+    int32_t send(const Bytes &smb2) {
+        Record rec;
+        return send(smb2, rec);
+    }
+
+    // Table views.
+    const uint8_t *message_name(uint64_t id, uint8_t *op = nullptr, uint32_t *tree = nullptr,
+                                uint32_t *commands = nullptr, uint64_t *linked = nullptr) {
+        return messagetable_get_name(q_.messagetable, client(), client_port(), id, op, tree,
+                                     commands, linked);
+    }
+    uint64_t message2_file(uint64_t id, uint32_t *tree = nullptr, uint8_t *del = nullptr) {
+        return messagetable2_get_file_id(q_.messagetable2, client(), client_port(), id, tree, del);
+    }
+    const uint8_t *tree_name(uint32_t tree, uint32_t *pending = nullptr) {
+        return treetable_get_tree(q_.treetable, client(), client_port(), tree, pending);
+    }
+    struct FileView {
+        bool found = false;
+        Name name;
+        uint8_t type = 0, op = 0, name_empty = 0;
+        uint32_t pending[2] = {0, 0};
+    };
+    FileView file(uint64_t file_id) {
+        FileView v;
+        const uint8_t *n = filetable_get_file(q_.filetable, client(), client_port(), file_id,
+                                              &v.type, &v.op, v.pending, &v.name_empty);
+        v.found = n != nullptr;
+        v.name = Name::of(n);
+        return v;
+    }
+    int delete_flag(uint64_t file_id, uint8_t selector) {
+        return filetable_get_delete_flag(q_.filetable, client(), client_port(), file_id, selector);
+    }
+
+  private:
+    Endpoints ends_;
+    smb_queue_ctx q_{};
+};
+
+// Expected hash folds, computed from the bytes that should be folded.
+inline uint64_t fold_le(uint64_t seed, std::initializer_list<std::pair<uint64_t, int>> fields) {
+    uint8_t bytes[16];
+    int n = 0;
+    for (auto [value, width] : fields)
+        for (int i = 0; i < width; ++i)
+            bytes[n++] = uint8_t(value >> (8 * i));
+    return corvaneexp_crc64(bytes, n, seed);
+}
+inline uint64_t fold_tree(uint64_t seed, uint32_t tree) {
+    return fold_le(seed, {{tree, 4}});
+}
+inline uint64_t fold_tree_file(uint64_t seed, uint32_t tree, uint64_t file) {
+    return fold_le(seed, {{tree, 4}, {file, 8}});
+}
+inline uint64_t fold_message(uint64_t seed, uint64_t id) {
+    return fold_le(seed, {{id, 8}});
+}
+
+inline constexpr uint64_t kSeed = 0x0123456789abcdefull;  // the builder's flow hash
+
+}  // namespace smb2test

@@ -1,0 +1,208 @@
+// The shared tables used from several threads at once, each call under the table's lock and
+// never two locks at once, as the queues and the post-processing use them. Small tables make
+// keys of different threads collide on slots all the time. Meant for the ThreadSanitizer build
+// as well (ctest label "threads").
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <span>
+#include <thread>
+#include <vector>
+
+#include "smb_data_table.h"
+#include "smb_file_table.h"
+#include "smb_tree_table.h"
+#include "table_test_support.h"
+
+using namespace tables_test;
+
+namespace {
+
+constexpr int kThreads = 4;
+#if defined(__SANITIZE_THREAD__)
+constexpr int kRounds = 4000;
+#else
+constexpr int kRounds = 20000;
+#endif
+
+// A name that spells its own key, so a reader can tell a torn or foreign record.
+Name name_of(uint32_t addr, uint16_t port, uint64_t id) {
+    Name n{};
+    const auto key = smb::pack_le(addr, port, id);
+    for (size_t i = 0; i < n.size(); ++i)
+        n[i] = uint8_t(key[i % key.size()] + i / key.size());
+    return n;
+}
+
+// A small deterministic generator per thread.
+struct Rng {
+    uint64_t s;
+    uint32_t next() {
+        s = s * 6364136223846793005ull + 1442695040888963407ull;
+        return uint32_t(s >> 33);
+    }
+};
+
+template <typename Body>
+void run_threads(Body body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i)
+        threads.emplace_back(body, i);
+    for (auto &th : threads)
+        th.join();
+}
+
+TEST(SharedTables, TreeAndFileRecordsReadUnderTheLockAreNeverTornOrForeign) {
+    treetable *tt = treetable_create(1024);
+    filetable *ft = filetable_create(1024);
+    std::atomic<uint64_t> found{0}, bad{0};
+    run_threads([&](int thread) {
+        Rng rng{uint64_t(thread) + 1};
+        for (int round = 0; round < kRounds; ++round) {
+            const uint32_t addr = 0x0a000000 + rng.next() % 4;
+            const uint16_t port = uint16_t(40000 + rng.next() % 4);
+            const uint64_t id = rng.next() % 4096;
+            const Name want = name_of(addr, port, id);
+            Name expected = want, got{};
+            bool hit = false;
+            switch (rng.next() % 6) {
+                case 0: {
+                    const uint32_t masks[2] = {0, 0x800};
+                    smb::SpinGuard g(tt->lock);
+                    treetable_insert(tt, want.data(), masks, addr, port, uint32_t(id));
+                    break;
+                }
+                case 1: {
+                    uint32_t masks[2];
+                    smb::SpinGuard g(tt->lock);
+                    if (const uint8_t *p =
+                            treetable_get_tree(tt, addr, port, uint32_t(id), masks)) {
+                        got = copy_name(p);
+                        hit = true;
+                    }
+                    break;
+                }
+                case 2: {
+                    smb::SpinGuard g(ft->lock);
+                    filetable_insert(ft, want.data(), 0, 2, 1, nullptr, uint32_t(id), addr, port,
+                                     id);
+                    break;
+                }
+                case 3: {
+                    const uint32_t masks[2] = {1u << (thread + 8), 0};
+                    smb::SpinGuard g(ft->lock);
+                    filetable_add_command(ft, addr, port, id, masks);
+                    break;
+                }
+                case 4: {
+                    smb::SpinGuard g(ft->lock);
+                    filetable_set_delete_flag(ft, addr, port, id, uint8_t(1 + rng.next() % 2));
+                    break;
+                }
+                default: {
+                    uint8_t type = 0, op = 0, empty = 0;
+                    uint32_t masks[2];
+                    smb::SpinGuard g(ft->lock);
+                    if (const uint8_t *p =
+                            filetable_get_file(ft, addr, port, id, &type, &op, masks, &empty)) {
+                        got = copy_name(p);
+                        hit = true;
+                        // A nameless record, made by an update, is the only other form.
+                        if (op == SMB_OP_INVALID) expected = Name{};
+                        filetable_get_delete_flag(ft, addr, port, id, 0);
+                    }
+                    break;
+                }
+            }
+            if (hit) {
+                ++found;
+                if (got != expected) ++bad;
+            }
+        }
+    });
+    EXPECT_GT(found.load(), 0u);
+    EXPECT_EQ(bad.load(), 0u);
+    treetable_free(tt);
+    filetable_free(ft);
+}
+
+// Every thread sends compound messages on keys of its own through the one data table, several
+// at a time, in segments, each segment handled by one datatable_continue under the lock. A
+// completed message is parsed from the caller's copy after the lock is released, while taking
+// the tree table's lock (never both). Keys of all threads land on the same slots and replace
+// each other's entries: a replaced message is lost, never mixed with another.
+TEST(SharedTables, DataTableMessagesCompleteIntactOrAreLostToANewerEntry) {
+    datatable *dt = datatable_create(1024);
+    treetable *tt = treetable_create(1024);
+    std::atomic<uint64_t> completed{0}, lost{0}, bad{0};
+    constexpr int kInFlight = 16;
+    struct Pending {
+        uint16_t port = 0;
+        uint8_t dir = 0;
+        uint32_t pos = 0;
+        std::vector<uint8_t> sent;  // empty when no message is in flight
+    };
+    run_threads([&](int thread) {
+        Rng rng{uint64_t(thread) * 7919 + 3};
+        std::array<uint8_t, kDataMessageMax> message;
+        std::array<Pending, kInFlight> pending;
+        // No other thread ever writes a key with this address.
+        const uint32_t addr = 0xac100000 + uint32_t(thread);
+        for (int round = 0; round < kRounds; ++round) {
+            const uint32_t pick = rng.next() % (kInFlight + 2);
+            if (pick >= kInFlight) {  // a single message's ids, on ports no message uses
+                smb::SpinGuard g(dt->lock);
+                datatable_insert(dt, 1, 2, addr, uint16_t(60000 + rng.next() % 1000), pick & 1);
+                continue;
+            }
+            Pending &m = pending[pick];
+            if (m.sent.empty()) {
+                m.port = uint16_t(1024 + pick * 64 + rng.next() % 64);
+                m.dir = uint8_t(rng.next() % 2);
+                m.sent.resize(68 + rng.next() % (kDataMessageMax - 67));
+                for (auto &b : m.sent)
+                    b = uint8_t(rng.next());
+                const uint32_t total = uint32_t(m.sent.size());
+                m.pos = std::min<uint32_t>(total - 1, 64 + rng.next() % 1400);
+                smb::SpinGuard g(dt->lock);
+                datatable_save_data(dt, addr, m.port, m.dir, total, m.sent.data(), m.pos, m.pos);
+                continue;
+            }
+            const uint32_t total = uint32_t(m.sent.size());
+            const uint32_t n = std::min<uint32_t>(total - m.pos, 1 + rng.next() % 1460);
+            const auto segment = std::span(m.sent).subspan(m.pos, n);
+            datatable_continuation c;
+            {
+                smb::SpinGuard g(dt->lock);
+                c = datatable_continue(dt, addr, m.port, m.dir, segment, n, message);
+            }
+            m.pos += n;
+            if (c.result == 1) continue;
+            if (c.result == -1) {
+                ++lost;
+            } else if (c.result == 2) {
+                ++completed;
+                if (c.total_length != total ||
+                    !std::equal(m.sent.begin(), m.sent.end(), message.begin()))
+                    ++bad;
+                // The parse that follows may take another table's lock.
+                smb::SpinGuard g(tt->lock);
+                treetable_insert(tt, message.data() + 4, nullptr, addr, m.port, total);
+            } else {
+                ++bad;  // an entry without buffer was never made for this key
+            }
+            m.sent.clear();
+        }
+    });
+    EXPECT_GT(completed.load(), 0u);
+    EXPECT_GT(lost.load(), 0u);
+    EXPECT_EQ(bad.load(), 0u);
+    RecordProperty("completed", int(completed.load()));
+    RecordProperty("lost", int(lost.load()));
+    datatable_free(dt);
+    treetable_free(tt);
+}
+
+}  // namespace

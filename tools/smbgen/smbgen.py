@@ -1,0 +1,559 @@
+#!/usr/bin/env python3
+"""Makes real SMB captures: a throwaway Samba server, scripted smbclient/smbtorture sessions.
+
+The server and the client live in two network namespaces made here and joined by a veth pair
+(MTU 1500, segmentation and checksum offloads off), so the capture holds wire-sized TCP
+segments as on a LAN. IPv4 addresses come from 198.18.0.0/15 (RFC 2544 benchmark range), IPv6
+from 2001:db8::/32 (RFC 3849 documentation range). Where namespaces cannot be made the run falls
+back to loopback and says so. Every process started here is stopped by its pid.
+
+    tools/smbgen/smbgen.py --out DIR [--scenario NAME ...] [--list] [--keep]
+
+Writes DIR/<scenario>.pcap per scenario and DIR/MANIFEST.txt (what each one holds).
+Only the Python standard library is used.
+"""
+
+from __future__ import annotations
+
+import argparse
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+PASSWORD = "smbgen-Pa55"
+USER = "root"  # smbd maps the SMB user to a Unix account; root exists everywhere
+SERVER_V4, CLIENT_V4 = "198.18.0.1", "198.18.0.2"
+SERVER_V6, CLIENT_V6 = "2001:db8::1", "2001:db8::2"
+
+# Share names: a short one, one that requires encryption, and one whose UNC path is longer than
+# 63 UTF-16 units (the share path capture keeps only the beginning of such a path).
+SHARE = "share"
+SHARE_ENC = "secure"
+# Over IPv4 its UNC path puts the high half of a surrogate pair at unit 63, where a cut after
+# 63 units would split the pair.
+SHARE_LONG = "projects_archive_" + "x" * 32 + "\U0001F4C1" + "_Ünïcødé"
+
+# File names exercising the name capture: longer than 63 UTF-16 units, non-ASCII in the Basic
+# Multilingual Plane, and one with a character outside it (a UTF-16 surrogate pair).
+LONG_NAME = "a_rather_long_file_name_that_needs_more_than_sixty_three_utf16_units_" + "0123456789.txt"
+BMP_NAME = "Grüße_日本語_файл.txt"
+ASTRAL_NAME = "emoji_\U0001F600_notes.txt"
+# A surrogate pair placed so that a 63-unit tail cut would split it (66 units, the pair at units
+# 3 and 4 from the start, the 64th and 63rd from the end).
+ASTRAL_LONG_NAME = "ab\U0001F4C1" + "y" * 58 + ".txt"
+
+LARGE_SIZE = 192 * 1024  # READ/WRITE of this span well over a hundred 1448-byte segments
+
+
+def log(msg: str) -> None:
+    print(f"smbgen: {msg}", file=sys.stderr, flush=True)
+
+
+class Fatal(Exception):
+    pass
+
+
+class Processes:
+    """Every long-running process started by the run, stopped by pid in reverse order."""
+
+    def __init__(self) -> None:
+        self.started: list[tuple[str, subprocess.Popen]] = []
+
+    def start(self, name: str, argv: list[str], **kw) -> subprocess.Popen:
+        proc = subprocess.Popen(argv, start_new_session=True, **kw)
+        self.started.append((name, proc))
+        return proc
+
+    def stop(self, proc: subprocess.Popen, sig: int = signal.SIGTERM, wait: float = 10.0) -> None:
+        if proc.poll() is None:
+            try:
+                os.kill(proc.pid, sig)
+                proc.wait(timeout=wait)
+            except ProcessLookupError:
+                pass
+            except subprocess.TimeoutExpired:
+                os.kill(proc.pid, signal.SIGKILL)
+                proc.wait()
+        # The process led a session and process group of its own (start_new_session): whatever
+        # it forked and left behind (smbd's per-connection children) is still in that group.
+        try:
+            os.killpg(proc.pid, signal.SIGKILL)
+        except (ProcessLookupError, PermissionError):
+            pass
+
+    def stop_all(self) -> None:
+        for _, proc in reversed(self.started):
+            self.stop(proc)
+        self.started.clear()
+
+
+def run(argv: list[str], *, check: bool = True, timeout: float = 60, input: str | None = None,
+        quiet: bool = False) -> subprocess.CompletedProcess:
+    """Runs a short command to completion in a session of its own (so that a timeout can stop
+    its whole tree by the pid we started)."""
+    proc = subprocess.Popen(argv, stdin=subprocess.PIPE if input is not None else subprocess.DEVNULL,
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                            start_new_session=True)
+    try:
+        out, _ = proc.communicate(input=input, timeout=timeout)
+    except subprocess.TimeoutExpired:
+        os.killpg(proc.pid, signal.SIGKILL)
+        out, _ = proc.communicate()
+        log(f"timed out after {timeout:.0f}s: {' '.join(argv[:6])} ...")
+        return subprocess.CompletedProcess(argv, -9, out, None)
+    if check and proc.returncode != 0:
+        raise Fatal(f"command failed ({proc.returncode}): {' '.join(argv)}\n{out}")
+    if not quiet and proc.returncode != 0:
+        log(f"exit {proc.returncode}: {' '.join(argv[:8])} ...")
+    return subprocess.CompletedProcess(argv, proc.returncode, out, None)
+
+
+# ---------------------------------------------------------------------------------------------
+# Network: two namespaces and a veth pair, or loopback
+
+
+class Network:
+    mode = "none"
+    note = ""
+
+    def __init__(self, tag: str) -> None:
+        self.tag = tag
+        self.server_ns = f"smbgen-s-{tag}"
+        self.client_ns = f"smbgen-c-{tag}"
+        self.veth_s = f"sgs{tag}"[:15]
+        self.veth_c = f"sgc{tag}"[:15]
+        self.made_ns: list[str] = []
+        self.server_v4, self.client_v4 = SERVER_V4, CLIENT_V4
+        self.server_v6, self.client_v6 = SERVER_V6, CLIENT_V6
+        self.capture_if = self.veth_c
+
+    def server(self, argv: list[str]) -> list[str]:
+        return ["ip", "netns", "exec", self.server_ns, *argv] if self.mode == "netns" else argv
+
+    def client(self, argv: list[str]) -> list[str]:
+        return ["ip", "netns", "exec", self.client_ns, *argv] if self.mode == "netns" else argv
+
+    def setup(self, allow_loopback: bool) -> None:
+        try:
+            self._setup_netns()
+            self.mode = "netns"
+            self.note = (f"network namespaces {self.server_ns}/{self.client_ns}, veth MTU 1500, "
+                         "offloads off")
+            return
+        except Fatal as err:
+            self.teardown()
+            if not allow_loopback:
+                raise
+            log(f"cannot make network namespaces ({str(err).splitlines()[0]})")
+        self._setup_loopback()
+
+    def _setup_netns(self) -> None:
+        if os.geteuid() != 0:
+            raise Fatal("network namespaces need root")
+        for ns in (self.server_ns, self.client_ns):
+            run(["ip", "netns", "add", ns])
+            self.made_ns.append(ns)
+        run(["ip", "link", "add", self.veth_s, "mtu", "1500", "type", "veth", "peer", "name",
+             self.veth_c, "mtu", "1500"])
+        run(["ip", "link", "set", self.veth_s, "netns", self.server_ns])
+        run(["ip", "link", "set", self.veth_c, "netns", self.client_ns])
+        for ns, dev, v4, v6 in ((self.server_ns, self.veth_s, SERVER_V4, SERVER_V6),
+                                (self.client_ns, self.veth_c, CLIENT_V4, CLIENT_V6)):
+            ex = ["ip", "netns", "exec", ns]
+            run(ex + ["ip", "link", "set", "lo", "up"])
+            run(ex + ["ip", "addr", "add", f"{v4}/24", "dev", dev])
+            run(ex + ["ip", "-6", "addr", "add", f"{v6}/64", "dev", dev, "nodad"])
+            # Without these the kernel hands the capture 64 KiB super-segments.
+            run(ex + ["ethtool", "-K", dev, "tso", "off", "gso", "off", "gro", "off", "tx", "off",
+                      "rx", "off"], quiet=True, check=False)
+            run(ex + ["ip", "link", "set", dev, "up"])
+
+    def set_mtu(self, mtu: int) -> None:
+        if self.mode != "netns":
+            return  # loopback keeps its own MTU
+        for ns, dev in ((self.server_ns, self.veth_s), (self.client_ns, self.veth_c)):
+            run(["ip", "netns", "exec", ns, "ip", "link", "set", dev, "mtu", str(mtu)])
+
+    def _setup_loopback(self) -> None:
+        self.mode = "loopback"
+        self.server_v4 = self.client_v4 = "127.0.0.1"
+        self.server_v6 = self.client_v6 = "::1"
+        self.capture_if = "lo"
+        self.note = ("LOOPBACK FALLBACK: no network namespaces; segments are loopback-sized (up to "
+                     "64 KiB), not wire-sized, so reassembly across segments is barely exercised")
+        log(self.note)
+        with socket.socket() as s:
+            if s.connect_ex(("127.0.0.1", 445)) == 0:
+                raise Fatal("loopback fallback: something already listens on 127.0.0.1:445")
+
+    def teardown(self) -> None:
+        for ns in reversed(self.made_ns):
+            # Anything still running in a namespace we made was started by this run.
+            pids = run(["ip", "netns", "pids", ns], check=False, quiet=True).stdout.split()
+            for pid in pids:
+                try:
+                    os.kill(int(pid), signal.SIGKILL)
+                except (ProcessLookupError, ValueError):
+                    pass
+            run(["ip", "netns", "del", ns], check=False, quiet=True)
+        self.made_ns.clear()
+
+
+# ---------------------------------------------------------------------------------------------
+# Samba server and client configuration
+
+
+class Samba:
+    def __init__(self, root: Path, net: Network, procs: Processes) -> None:
+        self.root, self.net, self.procs = root, net, procs
+        self.conf = root / "smb.conf"
+        self.client_conf = root / "client.conf"
+        self.auth = root / "auth.txt"
+        self.smbd: subprocess.Popen | None = None
+        self.smb1 = False
+
+    def shares(self) -> dict[str, Path]:
+        return {SHARE: self.root / "share", SHARE_ENC: self.root / "secure",
+                SHARE_LONG: self.root / "long"}
+
+    def write_config(self) -> None:
+        r = self.root
+        for d in ("private", "lock", "state", "cache", "run", "log", "cprivate", "clock",
+                  "cstate", "ccache"):
+            (r / d).mkdir(parents=True, exist_ok=True)
+        for p in self.shares().values():
+            p.mkdir(exist_ok=True)
+        interfaces = f"{self.net.server_v4} {self.net.server_v6}"
+
+        def dirs(prefix: str) -> str:
+            return f"""   private dir = {r}/{prefix}private
+   lock directory = {r}/{prefix}lock
+   state directory = {r}/{prefix}state
+   cache directory = {r}/{prefix}cache
+   pid directory = {r}/run
+   ncalrpc dir = {r}/run/ncalrpc
+   binddns dir = {r}/run/bind-dns
+   workgroup = SMBGEN
+   disable netbios = yes
+   load printers = no
+   printing = bsd
+   printcap name = /dev/null
+   disable spoolss = yes
+"""
+        self.conf.write_text(f"""[global]
+{dirs("")}   netbios name = SMBGEN
+   server role = standalone server
+   security = user
+   passdb backend = tdbsam:{r}/private/passdb.tdb
+   log file = {r}/log/smbd.%m.log
+   log level = 1
+   max log size = 0
+   interfaces = {interfaces}
+   bind interfaces only = yes
+   smb ports = 445
+   server min protocol = NT1
+   server max protocol = SMB3
+   ntlm auth = yes
+   map to guest = never
+   obey pam restrictions = no
+   kernel oplocks = no
+   kernel change notify = no
+   store dos attributes = no
+   ea support = no
+   rpc start on demand helpers = no
+
+[{SHARE}]
+   path = {r}/share
+   read only = no
+
+[{SHARE_ENC}]
+   path = {r}/secure
+   read only = no
+   server smb encrypt = required
+
+[{SHARE_LONG}]
+   path = {r}/long
+   read only = no
+""")
+        self.client_conf.write_text(f"""[global]
+{dirs("c")}   client min protocol = NT1
+   client max protocol = SMB3
+""")
+        self.auth.write_text(f"username = {USER}\npassword = {PASSWORD}\ndomain = SMBGEN\n")
+        self.auth.chmod(0o600)
+        run(["smbpasswd", "-c", str(self.conf), "-L", "-s", "-a", USER],
+            input=f"{PASSWORD}\n{PASSWORD}\n")
+
+    def start(self) -> None:
+        out = open(self.root / "log" / "smbd.stdout", "w")
+        # smbd signals its process group when it exits: it gets a session of its own
+        # (Processes.start uses setsid) and is told not to make a process group of its own.
+        self.smbd = self.procs.start(
+            "smbd", self.net.server(["smbd", "--foreground", "--no-process-group",
+                                     "--debug-stdout", f"--configfile={self.conf}"]),
+            stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
+        deadline = time.time() + 20
+        while True:
+            if self.smbd.poll() is not None:
+                raise Fatal(f"smbd exited with {self.smbd.returncode}; see {self.root}/log")
+            ss = run(self.net.server(["ss", "-Hltn", "sport", "= :445"]), check=False, quiet=True)
+            if ":445" in ss.stdout and self.net.server_v4 in ss.stdout:
+                break
+            if time.time() > deadline:
+                raise Fatal("smbd does not listen on port 445")
+            time.sleep(0.2)
+        self.smb1 = self._probe_smb1()
+
+    def _probe_smb1(self) -> bool:
+        r = run(self.smbclient(SHARE, "NT1", ["ls"], family=4), check=False, quiet=True,
+                timeout=30)
+        return r.returncode == 0
+
+    def stop(self) -> None:
+        if self.smbd is not None:
+            self.procs.stop(self.smbd)
+            self.smbd = None
+
+    def unc(self, share: str, family: int) -> str:
+        host = self.net.server_v4 if family == 4 else self.net.server_v6
+        return f"//{host}/{share}"
+
+    def smbclient(self, share: str, proto: str, cmds: list[str], family: int = 4,
+                  encrypt: bool = False) -> list[str]:
+        argv = ["smbclient", "-s", str(self.client_conf), "-A", str(self.auth),
+                self.unc(share, family), "-m", proto, "--option", f"client min protocol={proto}"
+                if proto == "NT1" else "client min protocol=SMB2_02", "-c", "; ".join(cmds)]
+        if encrypt:
+            argv += ["--client-protection=encrypt"]
+        return self.net.client(argv)
+
+    def smbtorture(self, share: str, tests: list[str]) -> list[str]:
+        return self.net.client(["smbtorture", "-s", str(self.client_conf), "-A", str(self.auth),
+                                self.unc(share, 4), *tests])
+
+
+# ---------------------------------------------------------------------------------------------
+# Capture
+
+
+class Capture:
+    def __init__(self, net: Network, procs: Processes, path: Path) -> None:
+        self.net, self.procs, self.path = net, procs, path
+        self.proc: subprocess.Popen | None = None
+        self.errlog = path.with_suffix(".tcpdump.log")
+
+    def __enter__(self) -> "Capture":
+        err = open(self.errlog, "w")
+        self.proc = self.procs.start(
+            "tcpdump", self.net.client(["tcpdump", "-i", self.net.capture_if, "-s", "0", "-U",
+                                        "--immediate-mode", "-n", "-Z", "root", "-w", str(self.path),
+                                        "tcp port 445"]),
+            stdout=subprocess.DEVNULL, stderr=err, stdin=subprocess.DEVNULL)
+        deadline = time.time() + 10
+        while "listening on" not in self.errlog.read_text():
+            if self.proc.poll() is not None:
+                raise Fatal(f"tcpdump exited: {self.errlog.read_text()}")
+            if time.time() > deadline:
+                raise Fatal("tcpdump does not start")
+            time.sleep(0.05)
+        return self
+
+    def __exit__(self, *exc) -> None:
+        time.sleep(0.3)  # let the last FIN/ACKs reach the buffer
+        if self.proc is not None:
+            self.procs.stop(self.proc, signal.SIGINT)
+        stats = self.errlog.read_text()
+        self.errlog.unlink(missing_ok=True)
+        dropped = [ln for ln in stats.splitlines() if "dropped by kernel" in ln]
+        if dropped and not dropped[0].startswith("0 "):
+            raise Fatal(f"tcpdump lost packets: {dropped[0]}")
+
+
+# ---------------------------------------------------------------------------------------------
+# Scenarios
+
+
+@dataclass
+class Session:
+    kind: str  # "smbclient" or "smbtorture"
+    share: str = SHARE
+    proto: str = "SMB3"
+    family: int = 4
+    encrypt: bool = False
+    cmds: list[str] = field(default_factory=list)
+    tests: list[str] = field(default_factory=list)
+    timeout: float = 60
+
+
+@dataclass
+class Scenario:
+    name: str
+    what: str
+    sessions: list[Session]
+    needs_smb1: bool = False
+    mtu: int = 1500
+
+
+COMPOUND_TESTS = [f"smb2.compound.{t}" for t in (
+    "related1", "related2", "related3", "related4", "related5", "related6", "related7", "related8",
+    "related9", "unrelated1", "invalid1", "invalid2", "invalid3", "invalid4", "compound-padding",
+    "create-write-close")] + [
+    "smb2.compound_find.compound_find_related", "smb2.compound_find.compound_find_unrelated",
+    "smb2.compound_async"]
+# compound_find_close is left out: it creates 5000 files (10 MB of capture).
+SEGMENTED_TESTS = [f"smb2.compound.{t}" for t in (
+    "related1", "related3", "unrelated1", "create-write-close")] + [
+    "smb2.compound_find.compound_find_related"]
+
+
+def q(name: str) -> str:
+    return f'"{name}"'
+
+
+def file_ops(tag: str) -> list[str]:
+    """The everyday file operations, in a directory of their own."""
+    d = f"dir_{tag}"
+    return [f"mkdir {d}", f"cd {d}", "put small.txt a.txt", "ls", "get a.txt got_a.txt",
+            "rename a.txt b.txt", "put small.txt c.txt", "ls", "rm b.txt", "rm c.txt", "cd ..",
+            f"rmdir {d}", "get no_such_file.txt missing.txt", "ls"]
+
+
+SCENARIOS: list[Scenario] = [
+    Scenario("smb2_ops", "SMB 2.1 and 2.0.2 dialects: mkdir, put, get, ls, rename, rm, rmdir "
+             "(delete by disposition), failed open",
+             [Session("smbclient", proto="SMB2_10", cmds=file_ops("smb2")),
+              Session("smbclient", proto="SMB2_02", cmds=["put small.txt s202.txt", "ls",
+                                                          "get s202.txt got.txt", "rm s202.txt"])]),
+    Scenario("smb3_ops", "SMB 3.1.1 dialect: the same operations and a delete by disposition",
+             [Session("smbclient", proto="SMB3_11", cmds=file_ops("smb3")),
+              Session("smbtorture", tests=["smb2.delete-on-close-perms.FIND_and_set_DOC"])]),
+    Scenario("smb3_encrypted", "SMB 3.1.1 on a share that requires encryption",
+             [Session("smbclient", share=SHARE_ENC, proto="SMB3_11", encrypt=True,
+                      cmds=["mkdir enc", "put small.txt enc/a.txt", "ls enc/*",
+                            "get enc/a.txt got.txt", "rm enc/a.txt", "rmdir enc"])]),
+    Scenario("smb1_ops", "SMB1 (NT1) dialect: the everyday operations",
+             [Session("smbclient", proto="NT1", cmds=file_ops("smb1"))], needs_smb1=True),
+    Scenario("ipv6_ops", "SMB 3.1.1 over IPv6",
+             [Session("smbclient", proto="SMB3_11", family=6, cmds=file_ops("v6"))]),
+    Scenario("names", "long and non-ASCII names, a share path longer than 63 UTF-16 units",
+             [Session("smbclient", proto="SMB3_11",
+                      cmds=[f"put small.txt {q(LONG_NAME)}", f"put small.txt {q(BMP_NAME)}",
+                            f"put small.txt {q(ASTRAL_NAME)}", f"put small.txt {q(ASTRAL_LONG_NAME)}",
+                            f"mkdir {q('Verzeichnis_ä')}", "ls",
+                            f"get {q(ASTRAL_NAME)} got.txt", f"rm {q(LONG_NAME)}",
+                            f"rm {q(BMP_NAME)}", f"rm {q(ASTRAL_NAME)}", f"rm {q(ASTRAL_LONG_NAME)}",
+                            f"rmdir {q('Verzeichnis_ä')}"]),
+              Session("smbclient", share=SHARE_LONG, proto="SMB3_11",
+                      cmds=["put small.txt in_long_share.txt", "ls", "rm in_long_share.txt"])]),
+    Scenario("large_io", f"a {LARGE_SIZE // 1024} KiB file written and read back: READ and WRITE "
+             "span many TCP segments",
+             [Session("smbclient", proto="SMB3_11",
+                      cmds=["put large.bin large.bin", "get large.bin got_large.bin",
+                            "rm large.bin"])]),
+    Scenario("compound", "compound chains from smbtorture: related, unrelated and invalid",
+             [Session("smbtorture", tests=COMPOUND_TESTS, timeout=120)]),
+    Scenario("compound_segmented", "compound chains over a 296-byte MTU, so that chains span "
+             "several TCP segments",
+             [Session("smbtorture", tests=SEGMENTED_TESTS, timeout=120)], mtu=296),
+]
+
+
+def make_local_files(work: Path) -> None:
+    (work / "small.txt").write_text("hello from smbgen\n" * 4)
+    chunk = bytes(range(256)) * 4
+    with open(work / "large.bin", "wb") as f:
+        for i in range(LARGE_SIZE // len(chunk)):
+            f.write(bytes((b + i) & 0xFF for b in chunk))
+
+
+def run_scenario(sc: Scenario, samba: Samba, net: Network, procs: Processes, out: Path,
+                 work: Path) -> str:
+    pcap = out / f"{sc.name}.pcap"
+    tmp = work / f"{sc.name}.pcap"
+    tmp.unlink(missing_ok=True)
+    results = []
+    net.set_mtu(sc.mtu)
+    with Capture(net, procs, tmp):
+        for s in sc.sessions:
+            if s.kind == "smbclient":
+                argv = samba.smbclient(s.share, s.proto, s.cmds, s.family, s.encrypt)
+            else:
+                argv = samba.smbtorture(s.share, s.tests)
+            r = run(argv, check=False, timeout=s.timeout, quiet=True)
+            results.append(r.returncode)
+            (work / f"{sc.name}.{len(results)}.log").write_text(r.stdout)
+    net.set_mtu(1500)
+    shutil.copyfile(tmp, pcap)
+    count = run(["tshark", "-r", str(pcap), "-T", "fields", "-e", "frame.number"], check=False,
+                quiet=True, timeout=120).stdout.count("\n")
+    log(f"{sc.name}: {count} packets, {pcap.stat().st_size} bytes, session exits {results}")
+    return f"{sc.name}.pcap: {sc.what} ({count} packets)"
+
+
+def main() -> int:
+    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    ap.add_argument("--out", required=True, help="directory for the captures")
+    ap.add_argument("--scenario", action="append", help="run only these (repeatable)")
+    ap.add_argument("--list", action="store_true", help="list the scenarios and exit")
+    ap.add_argument("--keep", action="store_true", help="keep the work directory")
+    ap.add_argument("--no-loopback", action="store_true",
+                    help="fail instead of falling back to loopback")
+    args = ap.parse_args()
+    if args.list:
+        for sc in SCENARIOS:
+            print(f"{sc.name:16} {sc.what}")
+        return 0
+    chosen = [sc for sc in SCENARIOS if not args.scenario or sc.name in args.scenario]
+    unknown = set(args.scenario or []) - {sc.name for sc in SCENARIOS}
+    if unknown:
+        log(f"unknown scenario(s): {', '.join(sorted(unknown))}")
+        return 2
+    for tool in ("smbd", "smbclient", "smbpasswd", "tcpdump", "tshark", "ip"):
+        if shutil.which(tool) is None:
+            log(f"SKIP: {tool} is not installed (tools/install-deps.sh installs it)")
+            return 77
+    out = Path(args.out).resolve()
+    out.mkdir(parents=True, exist_ok=True)
+    work = Path(tempfile.mkdtemp(prefix="smbgen-"))
+    os.chmod(work, 0o755)
+    procs = Processes()
+    net = Network(str(os.getpid()))
+    samba = Samba(work, net, procs)
+    status = 0
+    lines = []
+    try:
+        net.setup(allow_loopback=not args.no_loopback)
+        make_local_files(work)
+        samba.write_config()
+        samba.start()
+        log(f"network: {net.note}; SMB1 {'allowed' if samba.smb1 else 'refused by the server'}")
+        os.chdir(work)
+        for sc in chosen:
+            if sc.needs_smb1 and not samba.smb1:
+                log(f"{sc.name}: skipped, the server does not accept SMB1")
+                continue
+            lines.append(run_scenario(sc, samba, net, procs, out, work))
+        (out / "MANIFEST.txt").write_text(f"# network: {net.note}\n" + "\n".join(lines) + "\n")
+    except Fatal as err:
+        log(f"error: {err}")
+        status = 1
+    finally:
+        samba.stop()
+        procs.stop_all()
+        net.teardown()
+        if args.keep:
+            log(f"work directory kept: {work}")
+        else:
+            shutil.rmtree(work, ignore_errors=True)
+    return status
+
+
+if __name__ == "__main__":
+    sys.exit(main())
