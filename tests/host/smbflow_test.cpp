@@ -3,6 +3,13 @@
 // messages and exit statuses.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <sstream>
@@ -311,6 +318,48 @@ TEST_F(Smbflow, RecordsBeforeACorruptRecordAreStillWritten) {
     auto m = smbflow({"--no-plugin", "-F", "csv", kSample, tmp.path("gone.pcap")});
     EXPECT_EQ(m.status, 1);
     EXPECT_EQ(lines(m.out).size(), 4u);
+}
+
+TEST_F(Smbflow, LiveCaptureOnLoopback) {
+    // smbflow captures three UDP datagrams to a port of its own on lo, then stops (-c 3).
+    const uint16_t port = static_cast<uint16_t>(40000 + getpid() % 20000);
+    const std::string out = tmp.path("live.csv");
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::string filter = "udp and dst port " + std::to_string(port);
+        const char *argv[] = {SMBFLOW, "--no-progress", "-q", "--no-plugin", "-i", "lo",
+                              "-f",    filter.c_str(),  "-c", "3",           "-o", out.c_str(),
+                              nullptr};
+        freopen("/dev/null", "w", stderr);
+        execv(SMBFLOW, const_cast<char **>(argv));
+        _exit(127);
+    }
+    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int wstatus = 0;
+    bool done = false;
+    for (int i = 0; i < 200 && !done; ++i) {  // until it has seen three, at most 10 s
+        sendto(sock, "ping", 4, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+        usleep(50'000);
+        done = waitpid(child, &wstatus, WNOHANG) == child;
+    }
+    close(sock);
+    if (!done) {
+        kill(child, SIGKILL);
+        waitpid(child, &wstatus, 0);
+        FAIL() << "smbflow did not stop after three packets";
+    }
+    if (WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 1 && geteuid() != 0)
+        GTEST_SKIP() << "live capture needs root or CAP_NET_RAW";
+    ASSERT_TRUE(WIFEXITED(wstatus));
+    ASSERT_EQ(WEXITSTATUS(wstatus), 0);
+    auto rows = lines(read_file(out));
+    ASSERT_EQ(rows.size(), 2u) << read_file(out);
+    EXPECT_NE(rows[1].find(",127.0.0.1," + std::to_string(port) + ",17,3,"), std::string::npos)
+        << rows[1];
 }
 
 TEST_F(Smbflow, HelpExplainsEveryOption) {
