@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Every test: installs what is missing, then builds and runs the test suite in the release
-# build and again under AddressSanitizer and UndefinedBehaviorSanitizer.
+# build and again under AddressSanitizer and UndefinedBehaviorSanitizer; last, fresh captures
+# of real SMB traffic from Samba are checked against tshark (skipped where they cannot be made).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
@@ -13,3 +14,5 @@ for variant in release asan; do
   ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir "$dir" --output-on-failure -j "$jobs"
 done
+echo "=== real traffic: fresh Samba captures against tshark"
+tools/traffic-check.sh build

@@ -292,13 +292,12 @@ void CvLog_Deinit(void) {
 namespace cvlog {
 
 void reset() {
-    priv().suppress = 0;  // stop without writing summaries
+    clear_repeats();  // so that stopping writes no summaries
     CvLog_StopSupressThread();
     zlog_fini();
     close_syslog();
     remove_temp(priv().init_config_path, priv().init_config_is_temp);
     remove_temp(priv().config_path, priv().config_is_temp);
-    clear_repeats();
     g_CvLogPrivateCtx = CvLogPrivateCtx{{}, 0, {}, 0, "cv_log_app-not-set", 0, 0, 0, 0};
     g_CvLogCtx = CvLogCtx{CVLOG_NOTICE, nullptr, &g_CvLogPrivateCtx};
 }

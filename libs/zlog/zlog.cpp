@@ -22,12 +22,16 @@ namespace {
 
 constexpr size_t kMaxCategoryName = 1024;
 
-// Readers log; init, reload, fini and new categories take it exclusively.
-std::shared_mutex g_lock;
-std::unique_ptr<zl::Config> g_config;  // null while not initialised
-std::string g_config_path;             // empty: the built-in configuration
-// Categories live as long as the process so that a handle never dangles, even after fini.
-std::vector<std::unique_ptr<zlog_category_s>> g_categories;
+struct State {
+    // Readers log; init, reload, fini and new categories take it exclusively.
+    std::shared_mutex lock;
+    std::unique_ptr<zl::Config> config;  // null while not initialised
+    std::string config_path;             // empty: the built-in configuration
+    // Categories live as long as the process so that a handle never dangles, even after fini.
+    std::vector<std::unique_ptr<zlog_category_s>> categories;
+};
+// Never destroyed: another thread may still log while the process runs its exit handlers.
+State &g = *new State;
 
 // zlog reports its own problems only to the file named by $ZLOG_PROFILE_ERROR.
 void report_error(const std::string &what) {
@@ -49,10 +53,10 @@ std::unique_ptr<zl::Config> load(const char *path) {
 
 // Installs a configuration and points every category at its rules. Exclusive lock held.
 void install(std::unique_ptr<zl::Config> config) {
-    g_config = std::move(config);
-    for (auto &category : g_categories) {
+    g.config = std::move(config);
+    for (auto &category : g.categories) {
         category->rules.clear();
-        if (g_config) category->rules = g_config->rules_for(category->name);
+        if (g.config) category->rules = g.config->rules_for(category->name);
     }
 }
 
@@ -78,63 +82,63 @@ void format_message(std::string &out, size_t limit, const char *format, va_list 
 extern "C" {
 
 int zlog_init(const char *confpath) {
-    std::unique_lock lock(g_lock);
-    if (g_config) {
+    std::unique_lock lock(g.lock);
+    if (g.config) {
         report_error("already initialised");
         return -1;
     }
     if (!confpath) confpath = getenv("ZLOG_CONF_PATH");
     auto config = load(confpath);
     if (!config) return -1;
-    g_config_path = confpath ? confpath : "";
+    g.config_path = confpath ? confpath : "";
     install(std::move(config));
     return 0;
 }
 
 int zlog_reload(const char *confpath) {
-    std::unique_lock lock(g_lock);
-    if (!g_config) {
+    std::unique_lock lock(g.lock);
+    if (!g.config) {
         report_error("reload before init");
         return -1;
     }
-    std::string path = confpath ? confpath : g_config_path;
+    std::string path = confpath ? confpath : g.config_path;
     auto config = load(path.c_str());
     if (!config) return -1;  // the old configuration stays in force
-    g_config_path = path;
+    g.config_path = path;
     install(std::move(config));
     return 0;
 }
 
 void zlog_fini(void) {
-    std::unique_lock lock(g_lock);
+    std::unique_lock lock(g.lock);
     install(nullptr);
 }
 
 zlog_category_t *zlog_get_category(const char *cname) {
     if (!cname || strlen(cname) > kMaxCategoryName) return nullptr;
-    std::unique_lock lock(g_lock);
-    if (!g_config) return nullptr;
-    for (auto &category : g_categories)
+    std::unique_lock lock(g.lock);
+    if (!g.config) return nullptr;
+    for (auto &category : g.categories)
         if (category->name == cname) return category.get();
     auto category = std::make_unique<zlog_category_s>();
     category->name = cname;
-    category->rules = g_config->rules_for(category->name);
-    g_categories.push_back(std::move(category));
-    return g_categories.back().get();
+    category->rules = g.config->rules_for(category->name);
+    g.categories.push_back(std::move(category));
+    return g.categories.back().get();
 }
 
 void vzlog(zlog_category_t *category, const char *file, size_t filelen, const char *func,
            size_t funclen, long line, int level, const char *format, va_list args) {
-    std::shared_lock lock(g_lock);
-    if (!g_config || !category) return;
+    std::shared_lock lock(g.lock);
+    if (!g.config || !category) return;
     bool wanted = false;
     for (const zl::Rule *rule : category->rules)
         wanted |= rule->matches_level(level);
     if (!wanted) return;
 
     thread_local std::string message, rendered;
-    format_message(message, g_config->buffer_max, format, args);
-    const zl::Level *known = g_config->find_level(level);
+    format_message(message, g.config->buffer_max, format, args);
+    const zl::Level *known = g.config->find_level(level);
     zl::Event event{category->name,
                     {file ? file : "", file ? filelen : 0},
                     {func ? func : "", func ? funclen : 0},

@@ -64,69 +64,47 @@ struct FailingAllocator {
     ~FailingAllocator() { cv::alloc::system_allocator() = saved; }
 };
 
-struct AlignCase {
-    size_t size;
-    int aligned;
-    size_t expected;
-};
-
-void PrintTo(const AlignCase &c, std::ostream *os) {
-    *os << c.size << "/" << c.aligned;
-}
-
-class Alloc : public LogTest, public ::testing::WithParamInterface<AlignCase> {};
-
-TEST_P(Alloc, ZeroedAndPaddedToWholeUnits) {
-    const AlignCase &c = GetParam();
-    auto *p = static_cast<unsigned char *>(corvaneexp_malloc(c.size, c.aligned));
-    if (c.aligned) {
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % 128, 0u);
+TEST_F(LogTest, AllocationZeroedAndPaddedToWholeUnits) {
+    const struct {
+        size_t size;
+        int aligned;
+        size_t expected;
+    } cases[] = {{88, 1, 128}, {128, 1, 128}, {129, 1, 256}, {64, 0, 64}};
+    for (const auto &c : cases) {
+        auto *p = static_cast<unsigned char *>(corvaneexp_malloc(c.size, c.aligned));
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % (c.aligned ? 128 : 1), 0u);
+        for (size_t i = 0; i < c.expected; ++i)
+            ASSERT_EQ(p[i], 0) << i;  // ASan checks the size
+        p = static_cast<unsigned char *>(corvaneexp_realloc(p, c.expected + 10));
+        EXPECT_EQ(p[0], 0);
+        free(p);
     }
-    for (size_t i = 0; i < c.expected; ++i)
-        ASSERT_EQ(p[i], 0) << i;  // ASan checks the size
-    p = static_cast<unsigned char *>(corvaneexp_realloc(p, c.expected + 10));
-    EXPECT_EQ(p[0], 0);
-    free(p);
 }
-
-INSTANTIATE_TEST_SUITE_P(Sizes, Alloc,
-                         ::testing::Values(AlignCase{88, 1, 128}, AlignCase{128, 1, 128},
-                                           AlignCase{129, 1, 256}, AlignCase{64, 0, 64}));
-
-struct FailCase {
-    size_t size;
-    int aligned;
-    const char *messages;  // before the back trace
-};
-
-void PrintTo(const FailCase &c, std::ostream *os) {
-    *os << c.size << "/" << c.aligned;
-}
-
-class AllocFailure : public LogTest, public ::testing::WithParamInterface<FailCase> {};
 
 // Every failure of the non-exiting form logs and writes a back trace (at INFO, so it shows on
 // the early path even at the default threshold).
-TEST_P(AllocFailure, NonExitingFormLogsAndTraces) {
-    const FailCase &c = GetParam();
-    StderrCapture capture;
-    {
-        FailingAllocator failing;
-        EXPECT_EQ(corvaneexp_malloc_noexit(c.size, c.aligned), nullptr);
+TEST_F(LogTest, FailedAllocationLogsAndTraces) {
+    const struct {
+        size_t size;
+        int aligned;
+        const char *messages;  // before the back trace
+    } cases[] = {
+        {1000, 0, R"(WARN  - Unable to malloc: 0 KiB\n)"},
+        {5000, 0, R"(WARN  - Unable to malloc: 4 KiB\n)"},
+        {1000, 1,
+         R"(WARN  - Posix memalign problem \(malloc\)\n.* WARN  - Unable to malloc: 1 KiB\n)"}};
+    for (const auto &c : cases) {
+        StderrCapture capture;
+        {
+            FailingAllocator failing;
+            EXPECT_EQ(corvaneexp_malloc_noexit(c.size, c.aligned), nullptr);
+        }
+        std::string text = capture.text();
+        EXPECT_TRUE(std::regex_search(text, std::regex(c.messages))) << text;
+        EXPECT_TRUE(std::regex_search(text, std::regex(R"(INFO  - CvLog_BackTrace - \(0\) .*\n)")))
+            << text;
     }
-    std::string text = capture.text();
-    EXPECT_TRUE(std::regex_search(text, std::regex(c.messages))) << text;
-    EXPECT_TRUE(std::regex_search(text, std::regex(R"(INFO  - CvLog_BackTrace - \(0\) .*\n)")))
-        << text;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Modes, AllocFailure,
-    ::testing::Values(FailCase{1000, 0, R"(WARN  - Unable to malloc: 0 KiB\n)"},
-                      FailCase{5000, 0, R"(WARN  - Unable to malloc: 4 KiB\n)"},
-                      FailCase{1000, 1,
-                               R"(WARN  - Posix memalign problem \(malloc\)\n.* WARN  - )"
-                               R"(Unable to malloc: 1 KiB\n)"}));
 
 TEST_F(LogTest, ExitingFormsEndTheProcess) {
     FailingAllocator failing;

@@ -72,15 +72,6 @@ TEST_F(LogTest, FailSafeConfigurationWrittenUnderTmpAndRemoved) {
     EXPECT_EQ(syslog_log().ident, exe_path().substr(exe_dir().size() + 1));
 }
 
-TEST_F(LogTest, ConfigurationNextToExecutablePreferred) {
-    std::string conf = write_conf("", file_conf(out_));
-    CvLog_Init(name_.c_str(), "main_cat");
-    EXPECT_EQ(g_CvLogPrivateCtx.config_path, conf);
-    EXPECT_EQ(g_CvLogPrivateCtx.config_is_temp, 0);
-    CV_LOG(CVLOG_WARN, "to file");
-    EXPECT_EQ(out_lines(), std::vector<std::string>{"WARN main_cat to file"});
-}
-
 TEST_F(LogTest, NullNameLooksForExecutablePathDotLogConf) {
     std::string conf = exe_path() + ".log.conf";
     write_file(conf, file_conf(out_));
@@ -90,12 +81,16 @@ TEST_F(LogTest, NullNameLooksForExecutablePathDotLogConf) {
     EXPECT_EQ(std::string(g_CvLogPrivateCtx.app_name), exe_path().substr(exe_dir().size() + 1));
 }
 
-TEST_F(LogTest, PreinitUsesInitConfigurationUntilReinit) {
+// Configurations next to the executable are preferred to the fail-safe one.
+TEST_F(LogTest, PreinitUsesConfigurationsNextToExecutable) {
     std::string init_out = out_ + ".init";
     cleanup_.push_back(init_out);
-    write_conf("_init", file_conf(init_out));
-    write_conf("", file_conf(out_));
+    std::string init_conf = write_conf("_init", file_conf(init_out));
+    std::string conf = write_conf("", file_conf(out_));
     CvLog_Preinit(name_.c_str(), "early_cat");
+    EXPECT_EQ(g_CvLogPrivateCtx.init_config_path, init_conf);
+    EXPECT_EQ(g_CvLogPrivateCtx.config_path, conf);
+    EXPECT_EQ(g_CvLogPrivateCtx.init_config_is_temp + g_CvLogPrivateCtx.config_is_temp, 0);
     CV_LOG(CVLOG_WARN, "one");
     CvLog_Reinit("late_cat");
     CV_LOG(CVLOG_WARN, "two");

@@ -44,29 +44,6 @@ std::vector<std::string> lines_of(const std::string &text) {
     return lines;
 }
 
-StderrCapture::StderrCapture() : path_("/tmp/cvlog-test-stderr-" + std::to_string(getpid())) {
-    fflush(stderr);
-    saved_ = dup(STDERR_FILENO);
-    int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, STDERR_FILENO);
-    close(fd);
-}
-
-StderrCapture::~StderrCapture() {
-    text();
-}
-
-std::string StderrCapture::text() {
-    if (saved_ < 0) return {};
-    fflush(stderr);
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    saved_ = -1;
-    std::string captured = read_file(path_);
-    unlink(path_.c_str());
-    return captured;
-}
-
 SyslogLog &syslog_log() {
     static SyslogLog log;
     return log;

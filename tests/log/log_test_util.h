@@ -19,16 +19,20 @@ std::string exe_path();
 std::string exe_dir();
 std::vector<std::string> lines_of(const std::string &text);
 
-// Redirects file descriptor 2 to a temporary file until text() is called.
+// Captures what is written to file descriptor 2 until text() is called.
 class StderrCapture {
   public:
-    StderrCapture();
-    ~StderrCapture();
-    std::string text();
+    StderrCapture() { ::testing::internal::CaptureStderr(); }
+    ~StderrCapture() { text(); }
+    std::string text() {
+        if (!done_) captured_ = ::testing::internal::GetCapturedStderr();
+        done_ = true;
+        return captured_;
+    }
 
   private:
-    int saved_ = -1;
-    std::string path_;
+    bool done_ = false;
+    std::string captured_;
 };
 
 // What the test executable's own syslog functions received.

@@ -27,16 +27,10 @@ inline Name copy_name(const uint8_t *p) {
     return n;
 }
 
-inline bool all_zero(const uint8_t *p, size_t n) {
-    for (size_t i = 0; i < n; ++i)
-        if (p[i]) return false;
-    return true;
-}
-
-// The first identifier after `from` whose key lands on `slot` of table `t`, found by search;
-// make_key(id) builds the table's key for an identifier.
+// The first identifier after `from` whose key, make_key(id), lands on the slot of `from`'s.
 template <typename Table, typename MakeKey>
-uint64_t colliding_id(const Table *t, size_t slot, uint64_t from, MakeKey make_key) {
+uint64_t colliding_id(const Table *t, uint64_t from, MakeKey make_key) {
+    const size_t slot = t->index_of(make_key(from));
     for (uint64_t id = from + 1;; ++id)
         if (t->index_of(make_key(id)) == slot) return id;
 }

@@ -108,6 +108,10 @@ def run(argv: list[str], *, check: bool = True, timeout: float = 60, input: str 
         out, _ = proc.communicate()
         log(f"timed out after {timeout:.0f}s: {' '.join(argv[:6])} ...")
         return subprocess.CompletedProcess(argv, -9, out, None)
+    except BaseException:  # interrupted: the command's group goes with us
+        os.killpg(proc.pid, signal.SIGKILL)
+        proc.wait()
+        raise
     if check and proc.returncode != 0:
         raise Fatal(f"command failed ({proc.returncode}): {' '.join(argv)}\n{out}")
     if not quiet and proc.returncode != 0:
@@ -497,7 +501,12 @@ def run_scenario(sc: Scenario, samba: Samba, net: Network, procs: Processes, out
     return f"{sc.name}.pcap: {sc.what} ({count} packets)"
 
 
+def _terminate(signum, frame) -> None:
+    raise SystemExit(128 + signum)  # unwinds through the clean-up below
+
+
 def main() -> int:
+    signal.signal(signal.SIGTERM, _terminate)
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     ap.add_argument("--out", required=True, help="directory for the captures")
     ap.add_argument("--scenario", action="append", help="run only these (repeatable)")
@@ -519,6 +528,9 @@ def main() -> int:
         if shutil.which(tool) is None:
             log(f"SKIP: {tool} is not installed (tools/install-deps.sh installs it)")
             return 77
+    if os.geteuid() != 0:
+        log("SKIP: smbd on port 445, network namespaces and tcpdump need root")
+        return 77
     out = Path(args.out).resolve()
     out.mkdir(parents=True, exist_ok=True)
     work = Path(tempfile.mkdtemp(prefix="smbgen-"))

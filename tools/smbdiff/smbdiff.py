@@ -1,0 +1,246 @@
+#!/usr/bin/env python3
+"""Differential check: the flow records smbflow writes against what tshark dissects.
+
+For each capture, tshark's dissection (share paths by tree id, file names by created file id,
+create dispositions and actions, the directory attribute, commands by direction, deletes) is
+turned into the flow records the plug-in should write under its reporting rules (model.py),
+and these are compared, record by record, with what smbflow wrote for the same capture.
+
+    tools/smbdiff/smbdiff.py --smbflow build/host/smbflow/smbflow [--plugin PATH] CAPTURE...
+
+Prints, per capture and in total, the trees, files, operations and commands compared, the
+records expected and written, the reporting rules that applied, and every difference. Exit
+status: 0 when no difference is left unexplained, 1 when there are differences, 2 on bad usage
+or a tool that fails, 77 when tshark or smbflow is missing.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import shutil
+import subprocess
+import sys
+from collections import Counter, defaultdict
+from dataclasses import dataclass
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+
+import model  # noqa: E402
+import wire  # noqa: E402
+
+SKIP = 77
+
+
+@dataclass
+class Written:
+    """One flow record as smbflow wrote it: the connection and the six fields."""
+    client: str
+    client_port: int
+    cmd_request: int
+    cmd_response: int
+    tree: str | None
+    file_name: str | None
+    file_type: int
+    op: int
+    packets: int
+
+    def fields(self) -> tuple:
+        return (self.cmd_request, self.cmd_response, self.tree, self.file_name, self.file_type,
+                self.op)
+
+
+def _num(v, default: int) -> int:
+    if v is None or v == "":
+        return default
+    if isinstance(v, (int, float)):
+        return int(v)
+    return int(str(v), 0)
+
+
+def read_records(lines, port: int) -> list[Written]:
+    """smbflow's JSON Lines output."""
+    out = []
+    for line in lines:
+        line = line.strip()
+        if not line:
+            continue
+        r = json.loads(line)
+        sport, dport = int(r["src_port"]), int(r["dst_port"])
+        if sport == port and dport != port:
+            client, cport = r["dst_addr"], dport
+        else:
+            client, cport = r["src_addr"], sport
+        out.append(Written(
+            client=client, client_port=cport,
+            cmd_request=_num(r.get("smb_cmd_request"), model.CMD_INVALID),
+            cmd_response=_num(r.get("smb_cmd_response"), model.CMD_INVALID),
+            tree=r.get("smb_tree"), file_name=r.get("smb_file_name"),
+            file_type=_num(r.get("smb_file_type_code"), model.TYPE_INVALID),
+            op=_num(r.get("smb_op_code"), model.OP_INVALID),
+            packets=_num(r.get("packets"), 0) + _num(r.get("rev_packets"), 0)))
+    return out
+
+
+def expected_fields(e: model.Expected) -> tuple:
+    """The values the host writes: a command field without a value gets its default."""
+    req = model.CMD_INVALID if e.cmd_request is None else e.cmd_request
+    resp = model.CMD_INVALID if e.cmd_response is None else e.cmd_response
+    return (req, resp, e.tree, e.file_name, e.file_type, e.op)
+
+
+FIELD_NAMES = ("SMB_CMD_REQUEST", "SMB_CMD_RESPONSE", "SMB_TREE", "SMB_FILE_NAME",
+               "SMB_FILE_TYPE", "SMB_OP")
+
+
+def show(i: int, v) -> str:
+    if v is None:
+        return "(none)"
+    if i < 2:
+        return f"{v:#010x}"
+    if i in (4, 5):
+        return f"{v:#04x}"
+    return repr(v)
+
+
+@dataclass
+class Difference:
+    connection: str
+    label: str
+    text: str
+
+
+def compare(expected: list[model.Expected], written: list[Written]) -> list[Difference]:
+    """Matches records per connection on their six fields; what is left over is paired by
+    likeness and reported field by field."""
+    exp_by, got_by = defaultdict(list), defaultdict(list)
+    for e in expected:
+        exp_by[(e.client, e.client_port)].append(e)
+    for w in written:
+        got_by[(w.client, w.client_port)].append(w)
+    diffs = []
+    for conn in sorted(set(exp_by) | set(got_by), key=str):
+        cname = f"{conn[0]}:{conn[1]}"
+        left = list(exp_by.get(conn, []))
+        got = Counter(w.fields() for w in got_by.get(conn, []))
+        unmatched = []
+        for e in left:
+            f = expected_fields(e)
+            if got[f] > 0:
+                got[f] -= 1
+            else:
+                unmatched.append(e)
+        extra = [f for f, n in got.items() for _ in range(n)]
+        for e in unmatched:
+            f = expected_fields(e)
+            best, score = None, -1
+            for g in extra:
+                s = sum(2 if i in (2, 3) else 1 for i in range(6) if f[i] == g[i])
+                if s > score:
+                    best, score = g, s
+            if best is not None and score >= 3:
+                extra.remove(best)
+                parts = [f"{FIELD_NAMES[i]} expected {show(i, f[i])}, written {show(i, best[i])}"
+                         for i in range(6) if f[i] != best[i]]
+                diffs.append(Difference(cname, e.label, "; ".join(parts)))
+            else:
+                diffs.append(Difference(cname, e.label, "no such record written: " + ", ".join(
+                    f"{FIELD_NAMES[i]}={show(i, f[i])}" for i in range(6))))
+        for g in extra:
+            diffs.append(Difference(cname, "unexpected record", ", ".join(
+                f"{FIELD_NAMES[i]}={show(i, g[i])}" for i in range(6))))
+    return diffs
+
+
+def run_smbflow(smbflow: str, plugin: str | None, capture: str, params: str | None) -> list[str]:
+    argv = [smbflow, "--format", "json", "--queues", "1", "--no-progress", "--quiet"]
+    if plugin:
+        argv += ["--plugin", plugin]
+    if params:
+        argv += ["--params", params]
+    argv.append(capture)
+    proc = subprocess.run(argv, capture_output=True, text=True, timeout=600)
+    if proc.returncode != 0:
+        raise RuntimeError(f"smbflow failed ({proc.returncode}) on {capture}: "
+                           f"{proc.stderr.strip()}")
+    return proc.stdout.splitlines()
+
+
+def find_smbflow(given: str | None) -> str | None:
+    if given:
+        return given if os.access(given, os.X_OK) else None
+    env = os.environ.get("SMBFLOW")
+    if env and os.access(env, os.X_OK):
+        return env
+    root = Path(__file__).resolve().parents[2]
+    for rel in ("build/host/smbflow/smbflow", "build/smbflow", "build/host/smbflow"):
+        p = root / rel
+        if p.is_file() and os.access(p, os.X_OK):
+            return str(p)
+    return shutil.which("smbflow")
+
+
+def check_capture(path: str, args) -> tuple[Counter, list[Difference], Counter]:
+    cap = wire.read_capture(path, args.tshark, args.port)
+    m = model.Model(port=args.port)
+    expected = m.run(cap)
+    written = read_records(run_smbflow(args.smbflow, args.plugin, path, args.params), args.port)
+    diffs = compare(expected, written)
+    counts = Counter(m.parser.checked)
+    counts["records expected"] = len(expected)
+    counts["records written"] = len(written)
+    counts["differences"] = len(diffs)
+    return counts, diffs, m.parser.rules
+
+
+def main(argv=None) -> int:
+    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    ap.add_argument("captures", nargs="+", help="pcap or pcapng files")
+    ap.add_argument("--smbflow", help="smbflow program (default: build/host/smbflow/smbflow, "
+                                      "$SMBFLOW, or smbflow on PATH)")
+    ap.add_argument("--plugin", help="plug-in library handed to smbflow")
+    ap.add_argument("--params", help="plug-in parameters handed to smbflow")
+    ap.add_argument("--tshark", default="tshark")
+    ap.add_argument("--port", type=int, default=445)
+    ap.add_argument("--rules", action="store_true", help="explain every reporting rule")
+    args = ap.parse_args(argv)
+    if shutil.which(args.tshark) is None:
+        print(f"smbdiff: SKIP: {args.tshark} is not installed", file=sys.stderr)
+        return SKIP
+    args.smbflow = find_smbflow(args.smbflow)
+    if args.smbflow is None:
+        print("smbdiff: SKIP: smbflow not found (build it, or name it with --smbflow)",
+              file=sys.stderr)
+        return SKIP
+    total, rules = Counter(), Counter()
+    failed = False
+    for path in args.captures:
+        try:
+            counts, diffs, applied = check_capture(path, args)
+        except (RuntimeError, OSError, subprocess.TimeoutExpired) as err:
+            print(f"smbdiff: {err}", file=sys.stderr)
+            return 2
+        total.update(counts)
+        rules.update(applied)
+        print(f"{Path(path).name}: {summary(counts)}")
+        for d in diffs:
+            failed = True
+            print(f"  DIFFERENCE {d.connection} {d.label}: {d.text}")
+    print(f"total: {summary(total)}")
+    print("reporting rules applied: " + ", ".join(f"{k} {v}" for k, v in sorted(rules.items())))
+    if args.rules:
+        for k in sorted(rules):
+            print(f"  {k}: {model.RULES.get(k, '')}")
+    return 1 if failed else 0
+
+
+def summary(c: Counter) -> str:
+    return (f"{c['trees']} trees, {c['files']} files, {c['operations']} operations, "
+            f"{c['commands']} commands checked; {c['records expected']} records expected, "
+            f"{c['records written']} written; {c['differences']} differences")
+
+
+if __name__ == "__main__":
+    sys.exit(main())

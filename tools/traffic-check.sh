@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Real traffic, fresh: makes new captures with Samba (tools/smbgen) and runs the differential
+# check (tools/smbdiff) on them with the smbflow and plug-in of a build directory.
+#   tools/traffic-check.sh [BUILD_DIR]   (default build)
+# Skips, with a note and status 0, where the captures cannot be made (no root, no Samba) or
+# smbflow is not built.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+smbflow=$build/smbflow
+plugin=$build/plugin-process-smb.so
+if [ ! -x "$smbflow" ] || [ ! -f "$plugin" ]; then
+  echo "traffic-check: SKIP: $smbflow or $plugin is not built"
+  exit 0
+fi
+out=$build/fresh-captures
+rm -rf "$out"
+status=0
+timeout 600 python3 tools/smbgen/smbgen.py --out "$out" || status=$?
+if [ "$status" -eq 77 ]; then
+  echo "traffic-check: SKIP: fresh captures cannot be made here (see the note above)"
+  exit 0
+elif [ "$status" -ne 0 ]; then
+  echo "traffic-check: the traffic generator failed ($status)" >&2
+  exit "$status"
+fi
+cat "$out/MANIFEST.txt"
+PYTHONDONTWRITEBYTECODE=1 python3 tools/smbdiff/smbdiff.py --smbflow "$smbflow" \
+  --plugin "$plugin" "$out"/*.pcap
