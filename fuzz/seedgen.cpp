@@ -1,6 +1,7 @@
 // Makes seed inputs for the payload harness from real captures: the TCP payloads of each SMB
 // connection, both directions in capture order, in the harness's segment format. A long
 // connection is cut into several seeds so that each stays small enough to fuzz quickly.
+// Each seed starts with the harness's configuration byte.
 //
 //   fuzz_seeds OUT_DIR CAPTURE...
 #include <stdio.h>
@@ -30,6 +31,7 @@ struct seed_writer {
     void add(uint8_t flags, const uint8_t *payload, uint32_t length) {
         if (segments == kMaxSegmentsPerSeed || bytes.size() + length + 3 > kMaxBytesPerSeed)
             flush();
+        if (bytes.empty()) bytes.push_back(0);  // the harness's configuration byte: port 445
         length = std::min<uint32_t>(length, 0xffff);
         bytes.push_back(flags);
         bytes.push_back(static_cast<uint8_t>(length));

@@ -13,17 +13,9 @@
 #include "cv_log.h"
 #include "utils_process.h"
 
-// The logging facility is carried through a fork and a change of user by these calls. They
-// are referenced weakly so that the helpers also work in a build without the facility's
-// start-up code.
-CV_EXTERN_C __attribute__((weak)) void CvLog_FlushSupressMessage(void);
-CV_EXTERN_C __attribute__((weak)) void CvLog_SwitchUserPrepare(const char *user);
-CV_EXTERN_C __attribute__((weak)) void CvLog_AfterSwitchUser(const char *daemon_category,
-                                                             const char *foreground_category);
-
 void corvaneexp_daemonize(int flag) {
     if (!flag) return;
-    if (CvLog_FlushSupressMessage) CvLog_FlushSupressMessage();
+    CvLog_FlushSupressMessage();
 
     int devnull = open("/dev/null", O_WRONLY);
     signal(SIGTTOU, SIG_IGN);
@@ -52,7 +44,7 @@ void corvaneexp_daemonize(int flag) {
 
 void corvaneexp_switch_user(const char *user) {
     if (!user) return;
-    if (CvLog_SwitchUserPrepare) CvLog_SwitchUserPrepare(user);
+    CvLog_SwitchUserPrepare(user);
 
     const passwd *pw = getpwnam(user);
     if (pw && geteuid() == 0) {
@@ -83,7 +75,7 @@ void corvaneexp_switch_user(const char *user) {
     } else {
         CV_LOG(CVLOG_WARN, "You want to switch to root or you are not root");
     }
-    if (CvLog_AfterSwitchUser) CvLog_AfterSwitchUser("corvane_main", "corvane_main_stderr");
+    CvLog_AfterSwitchUser("corvane_main", "corvane_main_stderr");
 }
 
 cpu_set_t cv::process::cpu_set_of(uint32_t mask) {

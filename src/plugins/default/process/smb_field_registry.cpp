@@ -8,7 +8,7 @@
 
 namespace {
 
-struct field_spec {
+struct field_desc {
     const char *name;
     uint32_t type;
     uint32_t size;
@@ -21,7 +21,7 @@ struct field_spec {
 
 constexpr uint32_t kAllQueues = 0xffffffffu;
 
-const std::array<field_spec, 6> kFields = {{
+const std::array<field_desc, 6> kFields = {{
     {"SMB_CMD_REQUEST", CORVANE_FIELD_NUMBER, 4, validity_cmd_request, cmd_length,
      value_fill_cmd_request, value_fill_cmd_request_txt, &smb_cmd_invalid},
     {"SMB_CMD_RESPONSE", CORVANE_FIELD_NUMBER, 4, validity_cmd_response, cmd_length,
@@ -41,7 +41,7 @@ const std::array<field_spec, 6> kFields = {{
 void smb_register_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx) {
     std::array<void *, kFields.size()> handles{};
     for (size_t i = 0; i < kFields.size(); ++i) {
-        const field_spec &f = kFields[i];
+        const field_desc &f = kFields[i];
         handles[i] = corvane_getter_add(host, plugin_id, kAllQueues, f.name, f.type, f.size, 0, ctx,
                                         f.validity, f.length, f.fill, f.fill_txt, 0);
     }

@@ -9,6 +9,7 @@
 
 #include "smb.h"
 #include "smb_file_table.h"
+#include "smb_parser.h"
 #include "smb_tree_table.h"
 #include "utils_alloc.h"
 
@@ -20,18 +21,12 @@ struct client_end {
     uint16_t port;
 };
 
-uint32_t addr32_of(const host_addr &addr, uint8_t ip_version) {
-    if (ip_version == 4) return addr.v4;
-    uint32_t word;
-    memcpy(&word, addr.v6 + 12, sizeof word);  // IPv6: the last 32 bits only
-    return word;
-}
-
 // The flow's first SMB record says which end is the client: a first record from the server
 // (or none that set the flag, 0xff) puts the client at the flow's destination.
 client_end client_of(const host_flow_record *flow, const smb_flow_data *rec) {
-    if (rec->is_response) return {addr32_of(flow->dst_addr, flow->ip_version), flow->dst_port};
-    return {addr32_of(flow->src_addr, flow->ip_version), flow->src_port};
+    if (rec->is_response)
+        return {smb_client_addr32(&flow->dst_addr, flow->ip_version), flow->dst_port};
+    return {smb_client_addr32(&flow->src_addr, flow->ip_version), flow->src_port};
 }
 
 bool names_something(const uint8_t *name) {

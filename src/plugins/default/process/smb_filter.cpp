@@ -1,0 +1,80 @@
+// The queue filter: picks the packets worth parsing, runs the parser on them and leaves the
+// packet's SMB record in its slot.
+#include <stdlib.h>
+#include <string.h>
+
+#include "smb.h"
+#include "smb_parser.h"
+#include "utils_alloc.h"
+
+namespace {
+
+constexpr uint8_t kTcp = 6;
+
+// The parser keeps a record only for these results.
+bool keeps_record(int32_t result) {
+    return result == SMB_PARSE_OK || result == SMB_PARSE_CONTINUED;
+}
+
+// An SMB header right behind the 4-byte session header ('S' 'M' 'B' after the protocol byte).
+bool looks_like_smb(const uint8_t *payload, size_t length) {
+    return length > 7 && payload[5] == 'S' && payload[6] == 'M' && payload[7] == 'B';
+}
+
+// Parses into a record allocated up front: for payloads that almost surely carry SMB.
+bool parse_in_place(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload, host_slot *slot) {
+    smb_flow_data *rec = smb_record_new();
+    if (keeps_record(smb_parse_packet(pkt, rec, q, payload))) {
+        *slot = rec;
+        return true;
+    }
+    host_slot discarded = rec;
+    smb_record_free(&discarded);
+    return false;
+}
+
+// Parses into a record on the stack and allocates only for a kept result, so that the many
+// packets without SMB cost no allocation.
+bool parse_on_stack(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload, host_slot *slot) {
+    smb_flow_data local;
+    smb_record_init(&local);
+    const bool keep = keeps_record(smb_parse_packet(pkt, &local, q, payload));
+    if (keep) {
+        // The heap record takes over the names that the parser may have attached.
+        auto *rec = static_cast<smb_flow_data *>(corvaneexp_malloc(sizeof local, 0));
+        memcpy(rec, &local, sizeof local);
+        *slot = rec;
+    } else {
+        free(local.file_name);
+        free(local.tree_name);
+    }
+    return keep;
+}
+
+}  // namespace
+
+int process_smb_filter(void *queue_ctx, host_packet *pkt, void *, host_slot *pkt_slot) {
+    // An IPv4 fragment field: fragments are not reassembled, so they are not looked at.
+    if (pkt->ip_version == 4 && pkt->ipv4_aux16 != 0) return 0;
+    *pkt_slot = nullptr;
+    if (pkt->payload_offset > pkt->length) return 0;
+    if (pkt->protocol != kTcp) return 0;
+
+    auto *q = static_cast<smb_queue_ctx *>(queue_ctx);
+    const uint8_t *payload = pkt->data + pkt->payload_offset;
+    const size_t payload_length = pkt->length - pkt->payload_offset;
+
+    if (q->port == 0) {
+        // No port filtering: a packet counts as SMB once the parser made a record for it.
+        if (parse_on_stack(pkt, q, payload, pkt_slot))
+            pkt->flags |= HOST_FLAG_SMB_PORT | HOST_FLAG_SMB_RECORD;
+        return 0;
+    }
+    if (pkt->src_port != q->port && pkt->dst_port != q->port) return 0;
+    pkt->flags |= HOST_FLAG_SMB_PORT;
+    const bool kept = looks_like_smb(payload, payload_length)
+                          ? parse_in_place(pkt, q, payload, pkt_slot)
+                          : parse_on_stack(pkt, q, payload, pkt_slot);
+    if (kept) pkt->flags |= HOST_FLAG_SMB_RECORD;
+    return 0;
+}
