@@ -25,6 +25,7 @@ OP_INVALID = 0x3F
 TRANSFORM_BIT = 0x80000000
 MAX_BUFFERED = 8192  # largest compound message that is reassembled
 REMOVE_AFTER = 10  # packets without a record after which a flow leaves the update hook
+INACTIVE_TIMEOUT, ACTIVE_TIMEOUT = 30.0, 300.0  # smbflow's defaults, in capture seconds
 
 
 def bit(command: int) -> int:
@@ -72,6 +73,7 @@ RULES = {
     "unknown-request": "a response whose request was not parsed gets no name",
     "first-record": "a record keeps the operation, type, ids and names of its first message; "
                     "later messages of the same tree or file add only command bits and delete",
+    "unmodelled": "something the model does not follow (listed with the differences)",
 }
 
 
@@ -736,6 +738,7 @@ class Flow:
     packets: list[int] = field(default_factory=lambda: [0, 0])
     removed: bool = False
     order: int = 0
+    last: float = 0.0
 
 
 @dataclass
@@ -762,13 +765,17 @@ class Expected:
 class Model:
     """Runs a capture through the parser and the host's flow handling, then exports."""
 
-    def __init__(self, port: int = 445, smb1_response_word: bool = False) -> None:
+    def __init__(self, port: int = 445, smb1_response_word: bool = True,
+                 create_response_min: int = CREATE_RESPONSE_MIN) -> None:
         self.port = port
-        self.parser = Parser(port)
+        self.parser = Parser(port, create_response_min)
         self.flows: dict[tuple, Flow] = {}
         self.smb1_response_word = smb1_response_word
 
     def run(self, capture: wire.Capture) -> list[Expected]:
+        for pdu in capture.pdus:
+            if not pdu.at_segment_start:
+                self.parser.rule("mid-segment", f"frame {pdu.first_frame}")
         for seg in capture.segments:
             if self.port not in (seg.sport, seg.dport):
                 continue
@@ -782,9 +789,14 @@ class Model:
         key = (ends, tuple(pkt.folds))
         flow = self.flows.get(key)
         if flow is None:
-            flow = self.flows[key] = Flow(first=s, folds=key[1], order=len(self.flows))
+            flow = self.flows[key] = Flow(first=s, folds=key[1], order=len(self.flows),
+                                          last=s.time)
         same_way = s.dport == flow.first.dport
         flow.packets[0 if same_way else 1] += 1
+        if s.time - flow.last >= INACTIVE_TIMEOUT or s.time - flow.first.time >= ACTIVE_TIMEOUT:
+            self.parser.rule("unmodelled", f"frame {s.number}: the host's flow timeouts split "
+                                           "this flow record, which the model does not follow")
+        flow.last = s.time
         if flow.removed:
             return
         if flow.record is None:
@@ -797,14 +809,16 @@ class Model:
             return
         r = flow.record
         if rec.version == 1:
-            if not same_way and self.smb1_response_word and flow.packets[1] == 0:
+            # The first SMB1 message against the flow's first direction gives the response
+            # word (the counter already holds this packet).
+            if not same_way and self.smb1_response_word and flow.packets[1] == 1:
                 r.commands[1] = rec.commands[0]
             return
         r.commands[0 if same_way else 1] |= rec.commands[0]
         if (rec.commands[0] | rec.commands[1]) & SET_INFO_BIT:
-            if rec.op & 0x40 and not r.op & 0x40:
-                self.parser.rule("first-record", rec.label or "SET_INFO delete")
             r.op |= rec.op & 0x40
+        elif rec.version == 2 and (rec.op != OP_INVALID or rec.file_type):
+            self.parser.rule("first-record", rec.label)
 
     def postprocess(self, flow: Flow) -> None:
         r = flow.record

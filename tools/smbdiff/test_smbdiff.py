@@ -292,6 +292,31 @@ class ModelTest(unittest.TestCase):
         self.assertEqual(m.parser.rules["interim"], 1)
 
 
+class SwitchTest(unittest.TestCase):
+    """The model switches that reproduce the known bugs."""
+
+    def test_create_response_minimum(self):
+        for minimum, named in ((88, True), (89, False)):
+            with self.subTest(minimum=minimum):
+                conv = Conversation()
+                session(conv)
+                open_file(conv, 2, "f", 0x22)
+                on_file(conv, CLOSE, 3, 0x22)
+                names = [r.file_name for r in model.Model(create_response_min=minimum).run(
+                    conv.capture())]
+                self.assertEqual("f" in names, named)
+
+    def test_smb1_response_word(self):
+        for word, response in ((True, 0x72), (False, None)):
+            with self.subTest(word=word):
+                conv = Conversation()
+                for to_server in (True, False):
+                    pdu = Pdu("smb1", 100, 0, 0, smb1_command=0x72)
+                    conv._segment(to_server, 104, pdu)
+                rec = model.Model(smb1_response_word=word).run(conv.capture())[0]
+                self.assertEqual((rec.cmd_request, rec.cmd_response), (0x72, response or 0xFF))
+
+
 class CompareTest(unittest.TestCase):
     def rec(self, **kw):
         base = dict(client=CLIENT, client_port=CPORT, server=SERVER, server_port=445,

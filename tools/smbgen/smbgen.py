@@ -411,6 +411,11 @@ COMPOUND_TESTS = [f"smb2.compound.{t}" for t in (
     "create-write-close")] + [
     "smb2.compound_find.compound_find_related", "smb2.compound_find.compound_find_unrelated",
     "smb2.compound_async"]
+OPLOCK_LOCK_TESTS = [
+    "smb2.oplock.exclusive1", "smb2.oplock.batch1", "smb2.oplock.levelii500", "smb2.oplock.doc",
+    "smb2.notify.dir", "smb2.notify.tdis", "smb2.lock.valid-request", "smb2.lock.cancel",
+    "smb2.compound.interim1", "smb2.compound.compound-break",
+    "smb2.delete-on-close-perms.READONLY", "smb2.delete-on-close-perms.CREATE"]
 # compound_find_close is left out: it creates 5000 files (10 MB of capture).
 SEGMENTED_TESTS = [f"smb2.compound.{t}" for t in (
     "related1", "related3", "unrelated1", "create-write-close")] + [
@@ -463,6 +468,9 @@ SCENARIOS: list[Scenario] = [
                             "rm large.bin"])]),
     Scenario("compound", "compound chains from smbtorture: related, unrelated and invalid",
              [Session("smbtorture", tests=COMPOUND_TESTS, timeout=120)]),
+    Scenario("oplocks_locks", "oplock breaks and their acknowledgments, change notify and its "
+             "cancel, byte-range locks and a cancelled wait, delete-on-close checks (smbtorture)",
+             [Session("smbtorture", tests=OPLOCK_LOCK_TESTS, timeout=120)]),
     Scenario("compound_segmented", "compound chains over a 296-byte MTU, so that chains span "
              "several TCP segments",
              [Session("smbtorture", tests=SEGMENTED_TESTS, timeout=120)], mtu=296),
