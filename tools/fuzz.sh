@@ -31,7 +31,7 @@ done
 shift $((OPTIND - 1))
 [ -z "$seconds" ] && [ -z "$runs" ] && seconds=120
 
-build=build-fuzz
+build=${SMB_FUZZ_BUILD:-build-fuzz}  # another directory lets a long campaign run beside work
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DSMB_FUZZ=ON -DSMB_TESTS=OFF \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
 ninja -C "$build" fuzz > /dev/null

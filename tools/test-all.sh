@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Every test: installs what is missing, then builds and runs the test suite in the release
 # build and again under AddressSanitizer and UndefinedBehaviorSanitizer; last, fresh captures
-# of real SMB traffic from Samba are checked against tshark (skipped where they cannot be made).
+# of real SMB traffic from Samba are checked against tshark (skipped where they cannot be made),
+# and every fuzz harness runs for a bounded time (SMB_FUZZ_SECONDS each, default 60).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
@@ -16,3 +17,5 @@ for variant in release asan; do
 done
 echo "=== real traffic: fresh Samba captures against tshark"
 tools/traffic-check.sh build
+echo "=== fuzzing: every harness for a bounded time"
+tools/fuzz.sh -t "${SMB_FUZZ_SECONDS:-60}"

@@ -96,7 +96,7 @@ std::vector<uint8_t> ipv4_tcp_frame(const tcp_endpoints &e, uint32_t seq, uint32
     tcp[12] = 5 << 4;
     tcp[13] = tcp_flags;
     put16(tcp + 14, 0xffff);
-    memcpy(tcp + kTcp, payload.data(), payload.size());
+    if (!payload.empty()) memcpy(tcp + kTcp, payload.data(), payload.size());
     tcp_view v;
     decode_tcp(f, 1, v);
     fix_checksums(f, v);

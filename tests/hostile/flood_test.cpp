@@ -1,0 +1,173 @@
+// Floods that a hostile or broken network can send at the plug-in: CREATE requests that are
+// never answered, files opened and never closed, connections that start a compound message and
+// never finish it, one TREE_CONNECT per connection from ever new clients. The tables must stay
+// within their slot counts and the heap must stop growing once they are full.
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <functional>
+#include <tuple>
+#include <string>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers replace malloc and keep their own count (sanitizer/allocator_interface.h,
+// which not every compiler installs).
+extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
+#endif
+
+#include "mini_host.h"
+#include "smb.h"
+#include "smb_data_table.h"
+#include "smb_file_table.h"
+#include "smb_message_table.h"
+#include "smb_message_table2.h"
+#include "smb_parser.h"
+#include "smb_synth.h"
+#include "smb_tree_table.h"
+#include "tcp_capture.h"
+
+namespace {
+
+size_t heap_in_use() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    return mallinfo2().uordblks;
+#endif
+}
+
+template <typename Table>
+int64_t occupied(const Table *t) {
+    int64_t n = 0;
+    for (int32_t i = 0; i < t->size; ++i)
+        n += t->slots[i] != nullptr;
+    return n;
+}
+
+// The plug-in with one queue; frames go through the filter hook as a host would hand them.
+class plugin_under_flood {
+  public:
+    explicit plugin_under_flood(const char *params) {
+        ctx_ = static_cast<smb_plugin_ctx *>(process_smb_init(1, params, nullptr, 0));
+        q_ = static_cast<smb_queue_ctx *>(process_smb_init_queue(1, ctx_, 0));
+    }
+    ~plugin_under_flood() {
+        process_smb_shutdown_queue(q_);
+        process_smb_shutdown(ctx_);
+        mini_host::reset();
+    }
+    synth::frame_sink sink() {
+        return [this](std::span<const uint8_t> frame) { packet(frame); };
+    }
+    smb_queue_ctx *queue() const { return q_; }
+
+  private:
+    void packet(std::span<const uint8_t> frame) {
+        capture::tcp_view v;
+        ASSERT_TRUE(capture::decode_tcp(frame, 1, v));
+        host_packet pkt{};
+        pkt.data = frame.data();
+        pkt.length = static_cast<uint16_t>(v.payload_offset + v.payload_length);
+        pkt.payload_offset = v.payload_offset;
+        pkt.ip_version = 4;
+        pkt.protocol = 6;
+        memcpy(&pkt.src_addr.v4, v.src.data(), 4);
+        memcpy(&pkt.dst_addr.v4, v.dst.data(), 4);
+        pkt.src_port = v.src_port;
+        pkt.dst_port = v.dst_port;
+        const int d = v.src_port == synth::kSmbPort ? 1 : 0;
+        pkt.flags = static_cast<uint16_t>(d);
+        pkt.dir_counters[d] = {1, frame.size()};
+        host_slot slot = nullptr;
+        process_smb_filter(q_, &pkt, nullptr, &slot);
+        process_smb_callback(nullptr, &slot);
+    }
+
+    smb_plugin_ctx *ctx_;
+    smb_queue_ctx *q_;
+};
+
+struct flood {
+    std::string name;
+    const char *params;
+    // Sends `n` units of the flood (requests, files or connections).
+    std::function<void(const synth::frame_sink &, uint64_t n)> send;
+    uint64_t small, large;  // the tables are full after `small` units
+    // Occupied slots and slot count of the table the flood fills.
+    std::function<std::pair<int64_t, int64_t>(const smb_queue_ctx *)> table;
+};
+
+void PrintTo(const flood &f, std::ostream *os) {
+    *os << f.name;
+}
+
+class Flood : public testing::TestWithParam<flood> {};
+
+// The most heap that the records of all five tables may hold: per occupied slot one record
+// and the allocator's overhead, and for the data table a buffer of the largest message that is
+// ever saved.
+size_t heap_bound(const smb_queue_ctx *q) {
+    constexpr size_t kOverhead = 32;
+    return occupied(q->messagetable) * (sizeof(message_record) + kOverhead) +
+           occupied(q->messagetable2) * (sizeof(message2_record) + kOverhead) +
+           occupied(q->treetable) * (sizeof(tree_record) + kOverhead) +
+           occupied(q->filetable) * (sizeof(file_record) + kOverhead) +
+           occupied(q->datatable) * (sizeof(data_record) + SMB_REASSEMBLY_MAX + 2 * kOverhead);
+}
+
+TEST_P(Flood, TablesStayWithinTheirSizesAndMemoryStaysFlat) {
+    const flood &f = GetParam();
+    constexpr size_t kSlack = 64 * 1024;
+    int64_t used[2], slots = 0;
+    size_t grown[2], bound[2];
+    for (int run = 0; run < 2; ++run) {
+        plugin_under_flood p(f.params);
+        const size_t before = heap_in_use();
+        f.send(p.sink(), run == 0 ? f.small : f.large);
+        std::tie(used[run], slots) = f.table(p.queue());
+        grown[run] = heap_in_use() - before;
+        bound[run] = heap_bound(p.queue());
+        EXPECT_LE(used[run], slots);
+        EXPECT_LE(grown[run], bound[run] + kSlack);
+    }
+    // Four times the traffic costs memory only for the slots that it newly occupied: every
+    // other record was overwritten in place.
+    EXPECT_LE(grown[1], grown[0] + (bound[1] - bound[0]) + kSlack)
+        << f.small << " units: " << used[0] << " of " << slots << " slots, " << grown[0]
+        << " bytes; " << f.large << " units: " << used[1] << " slots, " << grown[1] << " bytes";
+}
+
+std::pair<int64_t, int64_t> message_table(const smb_queue_ctx *q) {
+    return {occupied(q->messagetable), q->messagetable->size};
+}
+std::pair<int64_t, int64_t> file_table(const smb_queue_ctx *q) {
+    return {occupied(q->filetable), q->filetable->size};
+}
+std::pair<int64_t, int64_t> data_table(const smb_queue_ctx *q) {
+    return {occupied(q->datatable), q->datatable->size};
+}
+std::pair<int64_t, int64_t> tree_table(const smb_queue_ctx *q) {
+    return {occupied(q->treetable), q->treetable->size};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Hostile, Flood,
+    testing::Values(
+        flood{"unanswered_creates", nullptr,
+              [](const synth::frame_sink &s, uint64_t n) { synth::open_files(s, n, 200, false); },
+              10000, 40000, message_table},
+        flood{"files_never_closed", "filetable-size=4096",
+              [](const synth::frame_sink &s, uint64_t n) { synth::open_files(s, n, 200, true); },
+              12000, 48000, file_table},
+        flood{"half_open_compounds", nullptr,
+              [](const synth::frame_sink &s, uint64_t n) { synth::half_open(s, n); }, 3000, 12000,
+              data_table},
+        flood{"new_client_every_connection", nullptr,
+              [](const synth::frame_sink &s, uint64_t n) {
+                  synth::open_files(s, n, static_cast<uint32_t>(n), true);
+              },
+              5000, 20000, tree_table}),
+    [](const testing::TestParamInfo<flood> &info) { return info.param.name; });
+
+}  // namespace
