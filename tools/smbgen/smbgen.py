@@ -42,12 +42,14 @@ SHARE_LONG = "projects_archive_" + "x" * 32 + "\U0001F4C1" + "_Ünïcødé"
 
 # File names exercising the name capture: longer than 63 UTF-16 units, non-ASCII in the Basic
 # Multilingual Plane, and one with a character outside it (a UTF-16 surrogate pair).
-LONG_NAME = "a_rather_long_file_name_that_needs_more_than_sixty_three_utf16_units_" + "0123456789.txt"
+LONG_NAME = "a_rather_long_file_name_that_needs_more_than_sixty_three_utf16_units_0123456789.txt"
 BMP_NAME = "Grüße_日本語_файл.txt"
 ASTRAL_NAME = "emoji_\U0001F600_notes.txt"
 # A surrogate pair placed so that a 63-unit tail cut would split it (66 units, the pair at units
 # 3 and 4 from the start, the 64th and 63rd from the end).
 ASTRAL_LONG_NAME = "ab\U0001F4C1" + "y" * 58 + ".txt"
+
+NAMES = [LONG_NAME, BMP_NAME, ASTRAL_NAME, ASTRAL_LONG_NAME]
 
 LARGE_SIZE = 192 * 1024  # READ/WRITE of this span well over a hundred 1448-byte segments
 
@@ -98,9 +100,9 @@ def run(argv: list[str], *, check: bool = True, timeout: float = 60, input: str 
         quiet: bool = False) -> subprocess.CompletedProcess:
     """Runs a short command to completion in a session of its own (so that a timeout can stop
     its whole tree by the pid we started)."""
-    proc = subprocess.Popen(argv, stdin=subprocess.PIPE if input is not None else subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                            start_new_session=True)
+    stdin = subprocess.PIPE if input is not None else subprocess.DEVNULL
+    proc = subprocess.Popen(argv, stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                            text=True, start_new_session=True)
     try:
         out, _ = proc.communicate(input=input, timeout=timeout)
     except subprocess.TimeoutExpired:
@@ -144,7 +146,10 @@ class Network:
     def client(self, argv: list[str]) -> list[str]:
         return ["ip", "netns", "exec", self.client_ns, *argv] if self.mode == "netns" else argv
 
-    def setup(self, allow_loopback: bool) -> None:
+    def setup(self, allow_loopback: bool, force_loopback: bool = False) -> None:
+        if force_loopback:
+            self._setup_loopback()
+            return
         try:
             self._setup_netns()
             self.mode = "netns"
@@ -355,11 +360,11 @@ class Capture:
 
     def __enter__(self) -> "Capture":
         err = open(self.errlog, "w")
-        self.proc = self.procs.start(
-            "tcpdump", self.net.client(["tcpdump", "-i", self.net.capture_if, "-s", "0", "-U",
-                                        "--immediate-mode", "-n", "-Z", "root", "-w", str(self.path),
-                                        "tcp port 445"]),
-            stdout=subprocess.DEVNULL, stderr=err, stdin=subprocess.DEVNULL)
+        # Whole packets, each written at once, a 16 MiB kernel buffer (loopback bursts).
+        argv = ["tcpdump", "-i", self.net.capture_if, "-s", "0", "-U", "--immediate-mode",
+                "-B", "16384", "-n", "-Z", "root", "-w", str(self.path), "tcp port 445"]
+        self.proc = self.procs.start("tcpdump", self.net.client(argv), stdout=subprocess.DEVNULL,
+                                     stderr=err, stdin=subprocess.DEVNULL)
         deadline = time.time() + 10
         while "listening on" not in self.errlog.read_text():
             if self.proc.poll() is not None:
@@ -453,12 +458,9 @@ SCENARIOS: list[Scenario] = [
              [Session("smbclient", proto="SMB3_11", family=6, cmds=file_ops("v6"))]),
     Scenario("names", "long and non-ASCII names, a share path longer than 63 UTF-16 units",
              [Session("smbclient", proto="SMB3_11",
-                      cmds=[f"put small.txt {q(LONG_NAME)}", f"put small.txt {q(BMP_NAME)}",
-                            f"put small.txt {q(ASTRAL_NAME)}", f"put small.txt {q(ASTRAL_LONG_NAME)}",
-                            f"mkdir {q('Verzeichnis_ä')}", "ls",
-                            f"get {q(ASTRAL_NAME)} got.txt", f"rm {q(LONG_NAME)}",
-                            f"rm {q(BMP_NAME)}", f"rm {q(ASTRAL_NAME)}", f"rm {q(ASTRAL_LONG_NAME)}",
-                            f"rmdir {q('Verzeichnis_ä')}"]),
+                      cmds=[f"put small.txt {q(n)}" for n in NAMES] + [
+                          f"mkdir {q('Verzeichnis_ä')}", "ls", f"get {q(ASTRAL_NAME)} got.txt"]
+                      + [f"rm {q(n)}" for n in NAMES] + [f"rmdir {q('Verzeichnis_ä')}"]),
               Session("smbclient", share=SHARE_LONG, proto="SMB3_11",
                       cmds=["put small.txt in_long_share.txt", "ls", "rm in_long_share.txt"])]),
     Scenario("large_io", f"a {LARGE_SIZE // 1024} KiB file written and read back: READ and WRITE "
@@ -522,6 +524,8 @@ def main() -> int:
     ap.add_argument("--keep", action="store_true", help="keep the work directory")
     ap.add_argument("--no-loopback", action="store_true",
                     help="fail instead of falling back to loopback")
+    ap.add_argument("--loopback", action="store_true",
+                    help="use loopback without trying network namespaces")
     args = ap.parse_args()
     if args.list:
         for sc in SCENARIOS:
@@ -549,7 +553,7 @@ def main() -> int:
     status = 0
     lines = []
     try:
-        net.setup(allow_loopback=not args.no_loopback)
+        net.setup(allow_loopback=not args.no_loopback, force_loopback=args.loopback)
         make_local_files(work)
         samba.write_config()
         samba.start()

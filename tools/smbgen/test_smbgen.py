@@ -1,0 +1,46 @@
+"""Checks of the generator that need no root: the names it uses hit the cases they are meant
+to hit, and its scenarios are well formed."""
+
+from __future__ import annotations
+
+import sys
+import unittest
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+
+import smbgen  # noqa: E402
+
+
+def unit(raw: bytes, index: int) -> int:
+    return int.from_bytes(raw[2 * index:2 * index + 2], "little")
+
+
+class NamesTest(unittest.TestCase):
+    def test_names_cross_the_capture_limits(self):
+        long_name = smbgen.LONG_NAME.encode("utf-16le")
+        self.assertGreater(len(long_name) // 2, 63)
+        # The tail cut of 63 units would start at a low surrogate: its high half is the unit
+        # 64 from the end.
+        astral = smbgen.ASTRAL_LONG_NAME.encode("utf-16le")
+        self.assertTrue(0xD800 <= unit(astral, len(astral) // 2 - 64) <= 0xDBFF)
+        # Over IPv4 the share path has a high surrogate as its 63rd unit.
+        unc = f"\\\\{smbgen.SERVER_V4}\\{smbgen.SHARE_LONG}".encode("utf-16le")
+        self.assertTrue(0xD800 <= unit(unc, 62) <= 0xDBFF)
+        self.assertTrue(any(ord(c) > 0xFFFF for c in smbgen.ASTRAL_NAME))
+        self.assertTrue(any(ord(c) > 0x7F for c in smbgen.BMP_NAME))
+
+    def test_scenarios(self):
+        names = [sc.name for sc in smbgen.SCENARIOS]
+        self.assertEqual(len(names), len(set(names)))
+        for sc in smbgen.SCENARIOS:
+            with self.subTest(sc.name):
+                self.assertTrue(sc.sessions)
+                self.assertGreaterEqual(sc.mtu, 68)
+                for s in sc.sessions:
+                    self.assertIn(s.kind, ("smbclient", "smbtorture"))
+                    self.assertTrue(s.cmds if s.kind == "smbclient" else s.tests)
+
+
+if __name__ == "__main__":
+    unittest.main()
