@@ -116,6 +116,24 @@ TEST(SmbPluginEndToEnd, NewFileWrittenOverIpv6InFourQueues) {
     EXPECT_EQ(file->at("SMB_CMD_RESPONSE").number() & (kCreate | kWrite), kCreate | kWrite);
 }
 
+TEST(SmbPluginEndToEnd, OneWayFlowWithEqualPortsHasNoCommandFields) {
+    TcpSpec t;
+    t.src = ipv4(10, 0, 0, 1);
+    t.dst = ipv4(10, 0, 0, 2);
+    t.sport = 445;
+    t.dport = 445;
+    t.flags = PSH | ACK;
+    t.payload = smb2_message({0, 0, 0, 0, false, 0}, negotiate_request());
+    const auto records =
+        run_plugin({{1'700'000'000ull * 1'000'000'000ull, tcp_datagram(t)}}, nullptr);
+    ASSERT_EQ(records.size(), 1u);
+    const Record &r = records[0];
+    EXPECT_EQ(r.at("SMB_CMD_REQUEST").kind, FieldValue::Kind::Absent);
+    EXPECT_EQ(r.at("SMB_CMD_RESPONSE").kind, FieldValue::Kind::Absent);
+    EXPECT_EQ(r.at("SMB_OP").kind, FieldValue::Kind::Value) << "the flow has an SMB record";
+    EXPECT_EQ(r.at("SMB_OP").number(), 0x3fu);
+}
+
 TEST(SmbPluginEndToEnd, OtherPortSeesNoSmb) {
     const auto records = run_plugin(smb2_session(session(false)), "port=139");
     ASSERT_FALSE(records.empty());
