@@ -1,0 +1,60 @@
+// Export of flow records: runs the plug-ins' post-processing on a flow record handed over by
+// a queue, asks each field's validity, length and fill callbacks for its value (binary and
+// text form), falls back to the field's default, and frees the plug-ins' records.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "field_output.h"
+#include "queue.h"
+
+namespace corvane_host {
+
+struct FieldValue {
+    enum class Kind : uint8_t {
+        Absent,   // no value and no default (or a valid field whose fill wrote nothing)
+        Default,  // the field's registered default
+        Value,    // what the fill callbacks wrote
+    };
+    Kind kind = Kind::Absent;
+    std::vector<uint8_t> binary;
+    std::string text;
+
+    bool present() const { return kind != Kind::Absent; }
+    // The binary value as an unsigned little-endian number (for number fields).
+    uint64_t number() const;
+};
+
+struct ExportedFlow {
+    host_flow_record rec{};
+    uint64_t flow_hash = 0;
+    ExportReason reason = ExportReason::End;
+    std::vector<FieldValue> fields;  // in the order of Host::fields()
+    uint32_t plugin_records = 0;     // bit i: plug-in i had a record in the flow's slot
+};
+
+class Exporter {
+  public:
+    explicit Exporter(const Host &host);
+
+    // Post-processes and exports one flow record, then frees the records in its slots.
+    ExportedFlow run(FlowHandoff &flow);
+
+    // Frees the records of a flow record that will not be exported.
+    void discard(FlowHandoff &flow);
+
+    const std::vector<const FieldDef *> &fields() const { return fields_; }
+
+  private:
+    FieldValue evaluate(const FieldDef &field, uint32_t position, host_flow_record &rec,
+                        host_slot *slot) const;
+
+    const Host &host_;
+    std::vector<const FieldDef *> fields_;
+};
+
+// Text of a field's default value, as the text writers would render it.
+std::string default_text(const FieldDef &field);
+
+}  // namespace corvane_host

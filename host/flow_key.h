@@ -1,0 +1,50 @@
+// Keys of the flow cache. A connection is named by its 5-tuple with the two endpoints in a
+// fixed order (the lower address and port first), so both directions give the same key and
+// the same hash; a flow record is named by its connection and the packet's flow hash as the
+// plug-ins' filter hooks left it.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+
+#include "host_interface.h"
+
+namespace corvane_host {
+
+struct ConnKey {
+    std::array<uint8_t, 16> addr_a{};  // the lower endpoint
+    std::array<uint8_t, 16> addr_b{};
+    uint16_t port_a = 0;
+    uint16_t port_b = 0;
+    uint8_t ip_version = 0;
+    uint8_t protocol = 0;
+
+    bool operator==(const ConnKey &) const = default;
+};
+
+struct FlowKey {
+    ConnKey conn;
+    uint64_t hash = 0;
+
+    bool operator==(const FlowKey &) const = default;
+};
+
+// The packet's connection key; `from_a` tells whether the packet's source is endpoint a.
+ConnKey conn_key_of(const host_packet &pkt, bool &from_a);
+
+// A 64-bit hash of the connection key: the same for both directions of a connection.
+uint64_t conn_hash(const ConnKey &key);
+
+struct ConnKeyHash {
+    size_t operator()(const ConnKey &k) const { return conn_hash(k); }
+};
+
+struct FlowKeyHash {
+    size_t operator()(const FlowKey &k) const {
+        return conn_hash(k.conn) ^ (k.hash * 0x9e3779b97f4a7c15ull);
+    }
+};
+
+}  // namespace corvane_host

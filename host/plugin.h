@@ -1,0 +1,64 @@
+// What the host keeps about each plug-in: its descriptor, its context, the fields and the
+// flow-level hooks that it registered, and the per-queue hooks of one processing queue.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host_interface.h"
+
+namespace corvane_host {
+
+// Plug-ins one host can run side by side; each packet and flow has one slot per plug-in.
+inline constexpr size_t kMaxPlugins = 4;
+
+// An exported field as registered by corvane_getter_add.
+struct FieldDef {
+    size_t plugin_index = 0;
+    std::string name;
+    uint32_t type = 0;  // CORVANE_FIELD_NUMBER or CORVANE_FIELD_STRING
+    uint32_t size = 0;  // byte size of the value
+    void *ctx = nullptr;
+    corvane_validity_fn validity = nullptr;
+    corvane_length_fn length = nullptr;
+    corvane_fill_fn fill = nullptr;
+    corvane_fill_fn fill_txt = nullptr;
+    bool has_default = false;
+    std::vector<uint8_t> default_value;
+};
+
+struct PluginInstance {
+    uint32_t id = 0;  // the plug-in id handed to init and passed back with each registration
+    size_t index = 0;
+    std::string origin;       // library path or label, for messages
+    void *library = nullptr;  // dlopen handle, null for a linked-in module
+    const corvane_plugin_desc *desc = nullptr;
+    void *ctx = nullptr;  // what init returned
+    bool initialised = false;
+    std::vector<std::unique_ptr<FieldDef>> fields;
+    void *postprocess_ctx = nullptr;
+    corvane_postprocess_fn postprocess = nullptr;
+    void *callback_ctx = nullptr;
+    corvane_callback_fn callback = nullptr;
+
+    // Frees one record held in a slot through the plug-in's callback hook.
+    void free_slot(host_slot *slot) const {
+        if (*slot && callback) callback(callback_ctx, slot);
+        *slot = nullptr;
+    }
+};
+
+// The hooks that one plug-in registered for one processing queue.
+struct QueueHooks {
+    void *queue_ctx = nullptr;  // what init_queue returned, handed to shutdown_queue
+    void *filter_ctx = nullptr;
+    corvane_filter_fn filter = nullptr;
+    void *update_ctx = nullptr;
+    corvane_update_fn update = nullptr;
+    void *release_ctx = nullptr;
+    corvane_release_fn release = nullptr;
+};
+
+}  // namespace corvane_host

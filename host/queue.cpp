@@ -1,0 +1,196 @@
+#include "queue.h"
+
+#include <algorithm>
+#include <tuple>
+
+#include "registration.h"
+
+namespace corvane_host {
+
+namespace {
+
+// Order of export when several flows leave at once: by start time, then by key, so that the
+// same input gives the same order however packets were spread over queues.
+bool export_before(const std::pair<const FlowKey *, const host_flow_record *> &x,
+                   const std::pair<const FlowKey *, const host_flow_record *> &y) {
+    const FlowKey &a = *x.first;
+    const FlowKey &b = *y.first;
+    return std::tie(x.second->first_ns, a.conn.ip_version, a.conn.addr_a, a.conn.port_a,
+                    a.conn.addr_b, a.conn.port_b, a.conn.protocol, a.hash) <
+           std::tie(y.second->first_ns, b.conn.ip_version, b.conn.addr_a, b.conn.port_a,
+                    b.conn.addr_b, b.conn.port_b, b.conn.protocol, b.hash);
+}
+
+}  // namespace
+
+Queue::Queue(Host &host, uint32_t queue_id, QueueConfig config, FlowSink sink)
+    : host_(host), id_(queue_id), config_(config), sink_(std::move(sink)) {
+    host_.queue_opened();
+    for (size_t i = 0; i < host_.plugin_count(); ++i) {
+        PluginInstance &p = host_.plugin(i);
+        RegistrationScope scope;
+        scope.phase = RegistrationScope::Phase::QueueInit;
+        scope.host_handle = &host_;
+        scope.plugin = &p;
+        scope.queue = &hooks_[i];
+        scope.problems = &host_.problems();
+        ScopeGuard guard(&scope);
+        hooks_[i].queue_ctx = p.desc->init_queue(p.id, p.ctx, queue_id);
+    }
+}
+
+Queue::~Queue() {
+    for (auto &[key, flow] : flows_)
+        for (size_t i = 0; i < host_.plugin_count(); ++i)
+            host_.plugin(i).free_slot(&flow.slots[i]);
+    flows_.clear();
+    for (size_t i = 0; i < host_.plugin_count(); ++i)
+        host_.plugin(i).desc->shutdown_queue(hooks_[i].queue_ctx);
+    host_.queue_closed();
+}
+
+bool Queue::timed_out(const Flow &flow, uint64_t now_ns) const {
+    return (now_ns > flow.rec.last_ns &&
+            now_ns - flow.rec.last_ns >= config_.inactive_timeout_ns) ||
+           (now_ns > flow.rec.first_ns && now_ns - flow.rec.first_ns >= config_.active_timeout_ns);
+}
+
+void Queue::process(host_packet &pkt, uint64_t bytes) {
+    const uint64_t now = pkt.timestamp_ns;
+    advance(now);
+    ++stats_.packets;
+
+    // The connection's first packet fixes which way is "the other way" until the flow
+    // record is known; after the filter hooks the flow record's own first packet decides.
+    bool from_a;
+    const ConnKey ck = conn_key_of(pkt, from_a);
+    auto [conn_it, conn_new] = conns_.try_emplace(ck);
+    Conn &conn = conn_it->second;
+    if (conn_new || (now > conn.last_ns && now - conn.last_ns >= config_.inactive_timeout_ns))
+        conn.first_from_a = from_a;
+    conn.last_ns = std::max(conn.last_ns, now);
+    const unsigned pre_dir = from_a != conn.first_from_a;
+
+    pkt.flow_hash = conn_hash(ck);
+    pkt.flags = static_cast<uint16_t>(pre_dir);
+    pkt.dir_counters[0] = {};
+    pkt.dir_counters[1] = {};
+    pkt.dir_counters[pre_dir] = {1, bytes};
+
+    const size_t n = host_.plugin_count();
+    std::array<host_slot, kMaxPlugins> pkt_slots{};
+    for (size_t i = 0; i < n; ++i)
+        if (hooks_[i].filter) hooks_[i].filter(hooks_[i].filter_ctx, &pkt, nullptr, &pkt_slots[i]);
+    if (pkt.flags & HOST_FLAG_SMB_PORT) ++stats_.smb_port_packets;
+    if (pkt.flags & HOST_FLAG_SMB_RECORD) ++stats_.smb_record_packets;
+
+    const FlowKey key{ck, pkt.flow_hash};
+    auto it = flows_.find(key);
+    if (it != flows_.end() && timed_out(it->second, now)) {
+        const bool active = !(now - it->second.rec.last_ns >= config_.inactive_timeout_ns);
+        hand_off(it->first, it->second, active ? ExportReason::Active : ExportReason::Inactive);
+        flows_.erase(it);
+        it = flows_.end();
+    }
+    if (it == flows_.end()) {
+        it = flows_.try_emplace(key).first;
+        Flow &f = it->second;
+        f.src_is_a = from_a;
+        f.rec.src_addr = pkt.src_addr;
+        f.rec.dst_addr = pkt.dst_addr;
+        f.rec.src_port = pkt.src_port;
+        f.rec.dst_port = pkt.dst_port;
+        f.rec.ip_version = pkt.ip_version;
+        f.rec.protocol = pkt.protocol;
+        f.rec.first_ns = now;
+        f.rec.last_ns = now;
+        ++stats_.flows_created;
+    }
+    Flow &flow = it->second;
+    const unsigned dir = from_a != flow.src_is_a;
+    pkt.flags = static_cast<uint16_t>((pkt.flags & ~HOST_FLAG_DIRECTION) | dir);
+    flow.rec.dir_counters[dir].packets += pkt.dir_counters[pre_dir].packets;
+    flow.rec.dir_counters[dir].bytes += pkt.dir_counters[pre_dir].bytes;
+    flow.rec.tcp_flags[dir] |= pkt.tcp_flags;
+    flow.rec.last_ns = std::max(flow.rec.last_ns, now);
+
+    for (size_t i = 0; i < n; ++i) {
+        const QueueHooks &h = hooks_[i];
+        if (!h.update || (flow.update_off & (1u << i))) continue;
+        UpdateCall call{&flow.rec, id_, h.update, false};
+        {
+            UpdateGuard guard(&call);
+            h.update(h.update_ctx, &pkt, &flow.rec, &pkt_slots[i], &flow.slots[i]);
+        }
+        if (call.removed) {
+            flow.update_off |= 1u << i;
+            ++stats_.update_removals;
+        }
+    }
+    for (size_t i = 0; i < n; ++i)
+        host_.plugin(i).free_slot(&pkt_slots[i]);
+}
+
+void Queue::hand_off(const FlowKey &key, Flow &flow, ExportReason reason) {
+    FlowHandoff out;
+    out.rec = flow.rec;
+    out.flow_hash = key.hash;
+    out.reason = reason;
+    for (size_t i = 0; i < host_.plugin_count(); ++i) {
+        const QueueHooks &h = hooks_[i];
+        if (h.release) {
+            h.release(h.release_ctx, nullptr, &flow.slots[i], nullptr, &out.slots[i], 1);
+            host_.plugin(i).free_slot(&flow.slots[i]);
+        } else {
+            out.slots[i] = flow.slots[i];
+            flow.slots[i] = nullptr;
+        }
+    }
+    ++stats_.flows_exported;
+    sink_(std::move(out));
+}
+
+void Queue::advance(uint64_t now_ns) {
+    if (now_ns <= clock_ns_) return;
+    clock_ns_ = now_ns;
+    if (clock_ns_ >= next_sweep_ns_) {
+        if (next_sweep_ns_ != 0) sweep(clock_ns_);
+        next_sweep_ns_ = clock_ns_ + config_.sweep_interval_ns;
+    }
+}
+
+void Queue::export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool end) {
+    std::sort(victims.begin(), victims.end(), [](const FlowIter &x, const FlowIter &y) {
+        return export_before({&x->first, &x->second.rec}, {&y->first, &y->second.rec});
+    });
+    for (FlowIter it : victims) {
+        ExportReason reason = ExportReason::End;
+        if (!end)
+            reason = now_ns - it->second.rec.last_ns >= config_.inactive_timeout_ns
+                         ? ExportReason::Inactive
+                         : ExportReason::Active;
+        hand_off(it->first, it->second, reason);
+        flows_.erase(it);
+    }
+}
+
+void Queue::sweep(uint64_t now_ns) {
+    std::vector<FlowIter> victims;
+    for (auto it = flows_.begin(); it != flows_.end(); ++it)
+        if (timed_out(it->second, now_ns)) victims.push_back(it);
+    export_sorted(victims, now_ns, false);
+    std::erase_if(conns_, [&](const auto &entry) {
+        return now_ns > entry.second.last_ns &&
+               now_ns - entry.second.last_ns >= config_.inactive_timeout_ns;
+    });
+}
+
+void Queue::flush() {
+    std::vector<FlowIter> victims;
+    for (auto it = flows_.begin(); it != flows_.end(); ++it)
+        victims.push_back(it);
+    export_sorted(victims, clock_ns_, true);
+    conns_.clear();
+}
+
+}  // namespace corvane_host

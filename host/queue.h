@@ -1,0 +1,102 @@
+// One processing queue: runs each packet through the plug-ins' filter hooks, finds or makes
+// its flow record in the queue's flow cache, counts it, runs the update hooks, and hands
+// flow records to export when they time out (in capture time) or when the queue is flushed.
+// A queue is used from one thread at a time.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <unordered_map>
+#include <vector>
+
+#include "flow_key.h"
+#include "host.h"
+
+namespace corvane_host {
+
+struct QueueConfig {
+    uint64_t active_timeout_ns = 300'000'000'000ull;
+    uint64_t inactive_timeout_ns = 30'000'000'000ull;
+    uint64_t sweep_interval_ns = 1'000'000'000ull;  // how often the cache is scanned for timeouts
+};
+
+enum class ExportReason : uint8_t { Inactive, Active, End };
+
+// A flow record on its way to export, with the plug-ins' records in its slots (copies made by
+// their release hooks). Whoever holds it owns those records.
+struct FlowHandoff {
+    host_flow_record rec{};
+    std::array<host_slot, kMaxPlugins> slots{};
+    uint64_t flow_hash = 0;
+    ExportReason reason = ExportReason::End;
+};
+
+using FlowSink = std::function<void(FlowHandoff &&)>;
+
+struct QueueStats {
+    uint64_t packets = 0;
+    uint64_t flows_created = 0;
+    uint64_t flows_exported = 0;
+    uint64_t smb_port_packets = 0;    // packets that a plug-in flagged 0x8000
+    uint64_t smb_record_packets = 0;  // packets that a plug-in flagged 0x0010
+    uint64_t update_removals = 0;
+};
+
+class Queue {
+  public:
+    // Calls every plug-in's init_queue; the plug-ins register their queue hooks there.
+    Queue(Host &host, uint32_t queue_id, QueueConfig config, FlowSink sink);
+    // Frees the records of flows still in the cache (without export) and calls every
+    // plug-in's shutdown_queue.
+    ~Queue();
+    Queue(const Queue &) = delete;
+    Queue &operator=(const Queue &) = delete;
+
+    // One packet. The caller fills the descriptor's data, length, payload_offset, addresses,
+    // ports, ip_version, protocol, ipv4_aux16, tcp_flags and timestamp_ns; `bytes` is what
+    // the packet counts in its flow. The queue sets flow_hash, flags and dir_counters.
+    void process(host_packet &pkt, uint64_t bytes);
+
+    // Moves the queue's capture-time clock; flows idle or open too long are exported.
+    void advance(uint64_t now_ns);
+
+    // Hands every flow in the cache to export, ordered by start time.
+    void flush();
+
+    const QueueStats &stats() const { return stats_; }
+    size_t flow_count() const { return flows_.size(); }
+    uint32_t id() const { return id_; }
+
+  private:
+    struct Flow {
+        host_flow_record rec{};
+        std::array<host_slot, kMaxPlugins> slots{};
+        uint32_t update_off = 0;  // plug-ins whose update hook this flow no longer calls
+        bool src_is_a = true;     // the first packet came from endpoint a
+    };
+    struct Conn {
+        bool first_from_a = true;
+        uint64_t last_ns = 0;
+    };
+
+    bool timed_out(const Flow &flow, uint64_t now_ns) const;
+    void hand_off(const FlowKey &key, Flow &flow, ExportReason reason);
+    void sweep(uint64_t now_ns);
+    using FlowMap = std::unordered_map<FlowKey, Flow, FlowKeyHash>;
+    using FlowIter = FlowMap::iterator;
+    void export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool end);
+
+    Host &host_;
+    uint32_t id_;
+    QueueConfig config_;
+    FlowSink sink_;
+    std::array<QueueHooks, kMaxPlugins> hooks_{};
+    FlowMap flows_;
+    std::unordered_map<ConnKey, Conn, ConnKeyHash> conns_;
+    uint64_t clock_ns_ = 0;
+    uint64_t next_sweep_ns_ = 0;
+    QueueStats stats_;
+};
+
+}  // namespace corvane_host

@@ -1,0 +1,77 @@
+// The four record writers that field fill callbacks call. Each returns the number of bytes it
+// appended to the output (binary form) or the length of the text it appended, or -1 for an
+// argument it cannot use.
+#include <cstring>
+
+#include "field_output.h"
+#include "host_interface.h"
+#include "utf16.h"
+
+#define HOST_API extern "C" __attribute__((visibility("default")))
+
+namespace corvane_host {
+
+std::string number_text(const uint8_t *value, uint32_t size) {
+    uint64_t v = 0;
+    for (uint32_t i = 0; i < size && i < 8; ++i)
+        v |= static_cast<uint64_t>(value[i]) << (8 * i);
+    return std::to_string(v);
+}
+
+}  // namespace corvane_host
+
+using corvane_host::FieldOutput;
+
+namespace {
+
+bool number_size_ok(uint32_t size) {
+    return size == 1 || size == 2 || size == 4 || size == 8;
+}
+
+}  // namespace
+
+HOST_API int record_universal_get_num(void *output, const void *value, uint32_t size, uint32_t,
+                                      uint32_t byte_order) {
+    if (!output || !value || !number_size_ok(size)) return -1;
+    auto *out = static_cast<FieldOutput *>(output);
+    const auto *bytes = static_cast<const uint8_t *>(value);
+    if (byte_order == corvane_host::kByteOrderHost) {
+        out->binary.insert(out->binary.end(), bytes, bytes + size);
+    } else {
+        for (uint32_t i = size; i-- > 0;)
+            out->binary.push_back(bytes[i]);
+    }
+    ++out->writes;
+    return static_cast<int>(size);
+}
+
+HOST_API int record_universal_get_txt_num(void *output, const void *value, uint32_t size, uint32_t,
+                                          uint32_t) {
+    if (!output || !value || !number_size_ok(size)) return -1;
+    auto *out = static_cast<FieldOutput *>(output);
+    const std::string text = corvane_host::number_text(static_cast<const uint8_t *>(value), size);
+    out->text += text;
+    ++out->writes;
+    return static_cast<int>(text.size());
+}
+
+HOST_API int record_universal_get_txt_string(void *output, const void *buffer, uint32_t size,
+                                             uint32_t, uint32_t) {
+    if (!output || !buffer) return -1;
+    auto *out = static_cast<FieldOutput *>(output);
+    const std::string text =
+        corvane_host::utf16le_to_utf8(static_cast<const uint8_t *>(buffer), size);
+    out->text += text;
+    ++out->writes;
+    return static_cast<int>(text.size());
+}
+
+HOST_API int record_universal_get_array(void *output, const void *buffer, uint32_t size, uint32_t,
+                                        uint32_t) {
+    if (!output || !buffer) return -1;
+    auto *out = static_cast<FieldOutput *>(output);
+    const auto *bytes = static_cast<const uint8_t *>(buffer);
+    out->binary.insert(out->binary.end(), bytes, bytes + size);
+    ++out->writes;
+    return static_cast<int>(size);
+}

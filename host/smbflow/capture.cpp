@@ -1,0 +1,167 @@
+#include "capture.h"
+
+#include <pcap/pcap.h>
+
+#include <fmt/format.h>
+
+#include "packet_decoder.h"
+
+namespace smbflow {
+
+Capture Capture::files(std::vector<std::string> paths, std::string filter) {
+    Capture c;
+    c.paths_ = std::move(paths);
+    c.filter_ = std::move(filter);
+    return c;
+}
+
+Capture Capture::live(std::string interface, std::string filter, int snaplen) {
+    Capture c;
+    c.live_ = true;
+    c.interface_ = std::move(interface);
+    c.filter_ = std::move(filter);
+    c.snaplen_ = snaplen;
+    return c;
+}
+
+Capture::Capture(Capture &&o) noexcept
+    : paths_(std::move(o.paths_)),
+      next_path_(o.next_path_),
+      interface_(std::move(o.interface_)),
+      filter_(std::move(o.filter_)),
+      snaplen_(o.snaplen_),
+      live_(o.live_),
+      pcap_(o.pcap_),
+      link_type_(o.link_type_),
+      nano_(o.nano_),
+      current_(std::move(o.current_)),
+      error_(std::move(o.error_)),
+      filter_error_(o.filter_error_) {
+    o.pcap_ = nullptr;
+}
+
+Capture::~Capture() {
+    close();
+}
+
+void Capture::close() {
+    if (pcap_) pcap_close(pcap_);
+    pcap_ = nullptr;
+}
+
+bool Capture::apply_filter() {
+    link_type_ = pcap_datalink(pcap_);
+    if (!corvane_host::link_type_supported(link_type_)) {
+        const char *name = pcap_datalink_val_to_name(link_type_);
+        error_ = fmt::format("{}: unsupported link type {} ({})", current_, link_type_,
+                             name ? name : "unknown");
+        return false;
+    }
+    if (filter_.empty()) return true;
+    bpf_program program;
+    if (pcap_compile(pcap_, &program, filter_.c_str(), 1, PCAP_NETMASK_UNKNOWN) != 0) {
+        error_ = fmt::format("bad filter '{}': {}", filter_, pcap_geterr(pcap_));
+        filter_error_ = true;
+        return false;
+    }
+    const int rc = pcap_setfilter(pcap_, &program);
+    pcap_freecode(&program);
+    if (rc != 0) {
+        error_ = fmt::format("cannot apply filter '{}': {}", filter_, pcap_geterr(pcap_));
+        filter_error_ = true;
+        return false;
+    }
+    return true;
+}
+
+bool Capture::open_file(const std::string &path) {
+    close();
+    current_ = path;
+    char errbuf[PCAP_ERRBUF_SIZE] = "";
+    pcap_ =
+        pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO, errbuf);
+    if (!pcap_) {
+        error_ = fmt::format("cannot read capture {}: {}", path, errbuf);
+        return false;
+    }
+    nano_ = true;
+    return apply_filter();
+}
+
+bool Capture::open() {
+    if (!live_) {
+        if (paths_.empty()) {
+            error_ = "no input";
+            return false;
+        }
+        return open_file(paths_[next_path_++]);
+    }
+    current_ = interface_;
+    char errbuf[PCAP_ERRBUF_SIZE] = "";
+    pcap_ = pcap_create(interface_.c_str(), errbuf);
+    if (!pcap_) {
+        error_ = fmt::format("cannot capture on {}: {}", interface_, errbuf);
+        return false;
+    }
+    pcap_set_snaplen(pcap_, snaplen_);
+    pcap_set_promisc(pcap_, 1);
+    pcap_set_timeout(pcap_, 200);
+    nano_ = pcap_set_tstamp_precision(pcap_, PCAP_TSTAMP_PRECISION_NANO) == 0;
+    const int rc = pcap_activate(pcap_);
+    if (rc < 0) {
+        std::string why = pcap_geterr(pcap_);
+        if (rc == PCAP_ERROR_NO_SUCH_DEVICE)
+            why = "no such interface";
+        else if (rc == PCAP_ERROR_PERM_DENIED)
+            why = "permission denied (" + why + ")";
+        error_ = fmt::format("cannot capture on {}: {}", interface_, why);
+        close();
+        return false;
+    }
+    return apply_filter();
+}
+
+ReadStatus Capture::next(Frame &frame) {
+    for (;;) {
+        if (interrupted_ || !pcap_) return ReadStatus::End;
+        pcap_pkthdr *header;
+        const u_char *data;
+        const int rc = pcap_next_ex(pcap_, &header, &data);
+        if (rc == 1) {
+            frame.ts_ns = uint64_t(header->ts.tv_sec) * 1'000'000'000ull +
+                          uint64_t(header->ts.tv_usec) * (nano_ ? 1 : 1000);
+            frame.caplen = header->caplen;
+            frame.wire_len = header->len;
+            frame.data = data;
+            frame.link_type = link_type_;
+            return ReadStatus::Packet;
+        }
+        if (rc == 0) return ReadStatus::Idle;
+        if (rc == PCAP_ERROR_BREAK) {
+            if (live_ || interrupted_) return ReadStatus::End;
+            // End of this file: on to the next.
+            if (next_path_ == paths_.size()) {
+                close();
+                return ReadStatus::End;
+            }
+            if (!open_file(paths_[next_path_++])) return ReadStatus::Error;
+            continue;
+        }
+        error_ = fmt::format("{}: {}", current_, pcap_geterr(pcap_));
+        return ReadStatus::Error;
+    }
+}
+
+void Capture::interrupt() {
+    interrupted_ = true;
+    if (pcap_) pcap_breakloop(pcap_);
+}
+
+uint64_t Capture::dropped() const {
+    if (!live_ || !pcap_) return 0;
+    pcap_stat st{};
+    if (pcap_stats(pcap_, &st) != 0) return 0;
+    return st.ps_drop;
+}
+
+}  // namespace smbflow

@@ -1,0 +1,74 @@
+// Packet input through libpcap: capture files (pcap and pcapng) read one after the other, or
+// a live interface, with an optional BPF filter. Timestamps come in nanoseconds.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+typedef struct pcap pcap_t;
+
+namespace smbflow {
+
+struct Frame {
+    uint64_t ts_ns = 0;
+    uint32_t caplen = 0;
+    uint32_t wire_len = 0;
+    const uint8_t *data = nullptr;
+    int link_type = 0;
+};
+
+enum class ReadStatus {
+    Packet,
+    Idle,   // live capture: nothing arrived before the read timeout
+    End,    // every file read, or the capture was interrupted
+    Error,  // see error()
+};
+
+class Capture {
+  public:
+    // Reads the files in order ("-" is standard input).
+    static Capture files(std::vector<std::string> paths, std::string filter);
+    // Captures on an interface until interrupted.
+    static Capture live(std::string interface, std::string filter, int snaplen);
+
+    Capture(Capture &&other) noexcept;
+    ~Capture();
+
+    // Opens the first input; false (with error()) if it cannot be opened.
+    bool open();
+    ReadStatus next(Frame &frame);
+    // Stops a read in progress and makes the next read report the end (signal-safe).
+    void interrupt();
+
+    const std::string &error() const { return error_; }
+    // The input being read, for messages.
+    const std::string &current() const { return current_; }
+    bool is_live() const { return live_; }
+    // A bad filter is the user's mistake, not the input's.
+    bool error_is_filter() const { return filter_error_; }
+    // Frames that libpcap's statistics report as dropped (live capture).
+    uint64_t dropped() const;
+
+  private:
+    Capture() = default;
+    bool open_file(const std::string &path);
+    bool apply_filter();
+    void close();
+
+    std::vector<std::string> paths_;
+    size_t next_path_ = 0;
+    std::string interface_;
+    std::string filter_;
+    int snaplen_ = 262144;
+    bool live_ = false;
+    pcap_t *pcap_ = nullptr;
+    int link_type_ = 0;
+    bool nano_ = true;
+    std::string current_;
+    std::string error_;
+    bool filter_error_ = false;
+    volatile bool interrupted_ = false;
+};
+
+}  // namespace smbflow

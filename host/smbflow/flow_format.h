@@ -1,0 +1,50 @@
+// The columns of smbflow's output and how each flow record is rendered into them: times,
+// addresses, counters, and the SMB plug-in's six fields in readable form (command masks in
+// hex and as command names, names as UTF-8, file type and operation as words and codes).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "exporter.h"
+
+namespace smbflow {
+
+struct Column {
+    const char *name;
+    bool number;  // a JSON number and right-aligned in the table
+};
+
+// A rendered value; null for a value the record does not have.
+struct Cell {
+    std::optional<std::string> value;
+    std::optional<std::string> display;  // shown in the text table instead of value
+};
+
+using Row = std::vector<Cell>;
+
+const std::vector<Column> &columns();
+
+// Finds the SMB plug-in's fields among the host's fields by their names.
+class FlowFormatter {
+  public:
+    explicit FlowFormatter(const std::vector<const corvane_host::FieldDef *> &fields);
+    Row render(const corvane_host::ExportedFlow &flow) const;
+
+  private:
+    enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
+    int index_[kSmbFields];
+};
+
+// Pieces, exposed for tests.
+std::string format_time(uint64_t ns);
+std::string format_addr(const host_addr &addr, uint8_t ip_version);
+std::string format_tcp_flags(uint8_t flags);
+std::string command_names(uint32_t word);
+std::string file_type_word(uint8_t type);
+std::string op_word(uint8_t op);
+std::string protocol_name(uint8_t protocol);
+
+}  // namespace smbflow

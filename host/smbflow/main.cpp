@@ -1,0 +1,187 @@
+// smbflow: runs the SMB process plug-in on capture files or live traffic and writes the flow
+// records it completes.
+#include <dlfcn.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+
+#include <fmt/format.h>
+
+#include "capture.h"
+#include "host.h"
+#include "options.h"
+#include "parse_results.h"
+#include "pipeline.h"
+#include "summary.h"
+#include "writers.h"
+
+namespace smbflow {
+
+namespace {
+
+constexpr const char *kPluginFile = "plugin-process-smb.so";
+
+std::atomic<Capture *> g_capture{nullptr};
+
+void on_signal(int) {
+    if (Capture *c = g_capture.load()) c->interrupt();
+}
+
+void install_signals() {
+    struct sigaction sa {};
+    sa.sa_handler = on_signal;
+    sa.sa_flags = SA_RESETHAND;  // a second signal ends the program at once
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+void error(const std::string &message) {
+    fprintf(stderr, "smbflow: %s\n", message.c_str());
+}
+
+std::string default_plugin_path() {
+    std::error_code ec;
+    const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (ec) return kPluginFile;
+    const auto dir = exe.parent_path();
+    for (const auto &candidate :
+         {dir / kPluginFile, dir / ".." / kPluginFile, dir / ".." / "lib" / kPluginFile})
+        if (std::filesystem::exists(candidate, ec)) return candidate.string();
+    return (dir / kPluginFile).string();
+}
+
+Format default_format(const Options &opts, FILE *out) {
+    if (opts.format) return *opts.format;
+    if (!opts.output.empty()) {
+        const auto ext = std::filesystem::path(opts.output).extension();
+        if (ext == ".json" || ext == ".jsonl") return Format::Json;
+        if (ext == ".txt") return Format::Text;
+        return Format::Csv;
+    }
+    return isatty(fileno(out)) ? Format::Text : Format::Csv;
+}
+
+uint64_t wall_clock_ns() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+int run(const Options &opts) {
+    Capture capture = opts.interface.empty()
+                          ? Capture::files(opts.files, opts.filter)
+                          : Capture::live(opts.interface, opts.filter, opts.snaplen);
+    if (!capture.open()) {
+        error(capture.error());
+        return capture.error_is_filter() ? kExitUsage : kExitInput;
+    }
+
+    corvane_host::Host host;
+    RunSummary summary;
+    if (!opts.no_plugin) {
+        const std::string path = opts.plugin.empty() ? default_plugin_path() : opts.plugin;
+        if (auto problem = host.load_library(path)) {
+            error(*problem);
+            return kExitPlugin;
+        }
+        for (size_t i = 0; i < host.plugin_count(); ++i) {
+            if (void *lib = host.plugin(i).library)
+                if (void *parser = dlsym(lib, "smb_parse_packet")) parse_results_install(parser);
+            host.init_plugin(i, opts.params ? opts.params->c_str() : nullptr);
+        }
+        summary.plugin_loaded = true;
+        summary.parse_counting = parse_results_installed();
+    }
+    for (const auto &problem : host.problems())
+        error("plug-in: " + problem);
+
+    FILE *out = stdout;
+    if (!opts.output.empty()) {
+        out = fopen(opts.output.c_str(), "w");
+        if (!out) {
+            error(fmt::format("cannot write {}: {}", opts.output, strerror(errno)));
+            return kExitOutput;
+        }
+    }
+    auto writer = make_writer(default_format(opts, out), out, capture.is_live());
+    corvane_host::QueueConfig config;
+    config.active_timeout_ns = static_cast<uint64_t>(opts.active_timeout_s * 1e9);
+    config.inactive_timeout_ns = static_cast<uint64_t>(opts.inactive_timeout_s * 1e9);
+
+    int status = kExitOk;
+    Progress progress(!opts.no_progress && isatty(STDERR_FILENO));
+    {
+        FlowFormatter formatter(host.fields());
+        Pipeline pipeline(host, opts.queues, config, [&](const corvane_host::ExportedFlow &flow) {
+            writer->write(formatter.render(flow));
+        });
+        g_capture.store(&capture);
+        install_signals();
+        InputStats &in = summary.input;
+        Frame frame;
+        corvane_host::DecodedPacket packet;
+        for (;;) {
+            const ReadStatus rs = capture.next(frame);
+            if (rs == ReadStatus::End) break;
+            if (rs == ReadStatus::Error) {
+                error(capture.error());
+                status = kExitInput;
+                break;
+            }
+            if (rs == ReadStatus::Idle) {
+                pipeline.advance_clock(wall_clock_ns());
+                progress.update(in.frames, pipeline.flows_exported());
+                continue;
+            }
+            ++in.frames;
+            switch (corvane_host::decode_frame(frame.link_type, frame.data, frame.caplen, packet)) {
+                case corvane_host::DecodeStatus::Ok:
+                    packet.pkt.timestamp_ns = frame.ts_ns;
+                    if (packet.capped) ++in.capped;
+                    pipeline.submit(packet);
+                    break;
+                case corvane_host::DecodeStatus::NotIp:
+                    ++in.not_ip;
+                    break;
+                default:
+                    ++in.undecodable;
+                    break;
+            }
+            if ((in.frames & 1023) == 0) progress.update(in.frames, pipeline.flows_exported());
+            if (opts.count && in.frames >= opts.count) break;
+        }
+        g_capture.store(nullptr);
+        signal(SIGINT, SIG_DFL);
+        signal(SIGTERM, SIG_DFL);
+        in.dropped = capture.dropped();
+        pipeline.finish();
+        writer->finish();
+        summary.pipeline = pipeline.stats();
+    }
+    progress.clear();
+    summary.elapsed_s = progress.elapsed_s();
+    host.shutdown();
+
+    if (ferror(out) || (out != stdout ? fclose(out) : fflush(out)) != 0) {
+        error(fmt::format("cannot write {}: {}", opts.output.empty() ? "output" : opts.output,
+                          strerror(errno)));
+        status = status == kExitOk ? kExitOutput : status;
+    }
+    if (!opts.quiet) fputs(format_summary(summary).c_str(), stderr);
+    return status;
+}
+
+}  // namespace
+
+}  // namespace smbflow
+
+int main(int argc, char **argv) {
+    smbflow::Options opts;
+    if (auto status = smbflow::parse_options(argc, argv, opts)) return *status;
+    return smbflow::run(opts);
+}

@@ -1,0 +1,132 @@
+#include "options.h"
+
+#include <map>
+
+#include <CLI/CLI.hpp>
+
+namespace smbflow {
+
+namespace {
+
+constexpr const char *kDescription =
+    "smbflow reads packets from capture files or a live interface, groups them into flow "
+    "records and runs them through the SMB process plug-in (plugin-process-smb.so), which adds "
+    "six fields to each record: the SMB commands seen in requests and in responses, the share, "
+    "the file name, the file type and the operation done on the file.";
+
+constexpr const char *kFooter = R"(Output columns:
+  start, end            first and last packet (UTC)
+  src_addr, src_port    the end that sent the flow's first packet
+  dst_addr, dst_port    the other end
+  proto                 IP protocol
+  packets, bytes        src to dst (IP bytes); rev_packets, rev_bytes: dst to src
+  tcp_flags             TCP flags seen each way (CEUAPRSF, '.' for unset)
+  smb_cmd_request       SMB_CMD_REQUEST in hex, and smb_cmd_request_names
+  smb_cmd_response      SMB_CMD_RESPONSE in hex, and smb_cmd_response_names
+  smb_tree              SMB_TREE, the share, as UTF-8
+  smb_file_name         SMB_FILE_NAME as UTF-8
+  smb_file_type         SMB_FILE_TYPE as a word, and smb_file_type_code
+  smb_op                SMB_OP as words, and smb_op_code in hex
+A value a flow does not have is '-' in the table, empty in CSV, null in JSON.
+
+Flow records end after --inactive-timeout seconds without packets or --active-timeout
+seconds after their start, both in capture time, and at the end of input. Records are
+written as they end; those left at the end of input follow in order of start time.
+
+A summary goes to standard error at the end (packets, flow records, records with SMB
+fields, the plug-in's parse results by code, elapsed time, packets per second), and a
+progress line while running when standard error is a terminal.
+
+Exit status: 0 success; 1 a capture file or interface could not be read (records of the
+packets read before the fault are still written); 2 bad options or filter; 3 the plug-in
+could not be loaded or was built for another API version; 4 the output could not be
+written. The plug-in itself ends the program with status 255 on bad --params.)";
+
+}  // namespace
+
+std::optional<int> parse_options(int argc, char **argv, Options &opts) {
+    CLI::App app{kDescription, "smbflow"};
+    app.footer(kFooter);
+    app.get_formatter()->column_width(34);
+
+    app.add_option("files", opts.files,
+                   "Capture files (pcap or pcapng) read one after the other as one stream; '-' "
+                   "reads standard input")
+        ->type_name("FILE...");
+    auto *iface = app.add_option("-i,--interface", opts.interface,
+                                 "Capture live on this interface instead (until interrupted "
+                                 "or --count packets)")
+                      ->type_name("IFACE");
+    app.add_option("-f,--filter", opts.filter,
+                   "BPF filter expression applied to the input, as in tcpdump")
+        ->type_name("EXPR");
+    app.add_option("-c,--count", opts.count, "Stop after this many packets")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
+    app.add_option("-o,--output", opts.output,
+                   "Write flow records to this file (default: "
+                   "standard output)")
+        ->type_name("FILE");
+    const std::map<std::string, Format> formats{
+        {"text", Format::Text}, {"csv", Format::Csv}, {"json", Format::Json}};
+    app.add_option("-F,--format", opts.format,
+                   "Output format: text (aligned table; the default on a terminal), csv (the "
+                   "default otherwise, or for an output file not named *.json or *.txt) or json "
+                   "(JSON Lines, one object per record)")
+        ->type_name("FORMAT")
+        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""));
+    app.add_option("--queues", opts.queues,
+                   "Processing queues, each on its own thread; both directions of a "
+                   "connection always share a queue. Post-processing and export run on a "
+                   "further thread")
+        ->type_name("N")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    auto *params = app.add_option("--params", opts.params,
+                                  "Plug-in parameters, handed to it unchanged, e.g. "
+                                  "'port=445,filetable-size=65536'")
+                       ->type_name("STRING");
+    auto *plugin = app.add_option("--plugin", opts.plugin,
+                                  "Plug-in library to load (default: plugin-process-smb.so next "
+                                  "to this program)")
+                       ->type_name("PATH");
+    app.add_flag("--no-plugin", opts.no_plugin,
+                 "Run without the plug-in: the same flow records without SMB fields (a "
+                 "baseline for the plug-in's cost)")
+        ->excludes(params)
+        ->excludes(plugin);
+    app.add_option("--active-timeout", opts.active_timeout_s,
+                   "End a flow record this many seconds after its first packet")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    app.add_option("--inactive-timeout", opts.inactive_timeout_s,
+                   "End a flow record after this many seconds without packets")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    app.add_option("--snaplen", opts.snaplen, "Bytes captured per packet on a live interface")
+        ->type_name("BYTES")
+        ->check(CLI::Range(64, 262144))
+        ->capture_default_str()
+        ->needs(iface);
+    app.add_flag("--no-progress", opts.no_progress, "No progress line on standard error");
+    app.add_flag("-q,--quiet", opts.quiet, "No summary on standard error");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError &e) {
+        app.exit(e);
+        return kExitUsage;
+    }
+    if (opts.files.empty() == opts.interface.empty()) {
+        fprintf(stderr, "smbflow: give capture files or --interface (one of the two)\n%s",
+                "Run with --help for more information.\n");
+        return kExitUsage;
+    }
+    return std::nullopt;
+}
+
+}  // namespace smbflow

@@ -1,0 +1,43 @@
+// Command-line options of smbflow and its exit statuses.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "writers.h"
+
+namespace smbflow {
+
+enum ExitStatus : int {
+    kExitOk = 0,
+    kExitInput = 1,   // a capture file or interface could not be read
+    kExitUsage = 2,   // bad options or filter expression
+    kExitPlugin = 3,  // the plug-in could not be loaded or speaks another API version
+    kExitOutput = 4,  // the output could not be written
+};
+
+struct Options {
+    std::vector<std::string> files;
+    std::string interface;
+    std::string filter;
+    uint64_t count = 0;  // 0: no limit
+    std::string output;  // empty: standard output
+    std::optional<Format> format;
+    unsigned queues = 1;
+    std::optional<std::string> params;
+    std::string plugin;  // empty: the default next to the program
+    bool no_plugin = false;
+    double active_timeout_s = 300;
+    double inactive_timeout_s = 30;
+    int snaplen = 262144;
+    bool no_progress = false;
+    bool quiet = false;
+};
+
+// Parses the command line. Returns an exit status when the program should stop right away
+// (help shown, or a usage error reported).
+std::optional<int> parse_options(int argc, char **argv, Options &opts);
+
+}  // namespace smbflow

@@ -1,0 +1,207 @@
+#include "pipeline.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <tuple>
+
+namespace smbflow {
+
+using namespace corvane_host;
+
+namespace {
+
+constexpr size_t kBatchPackets = 256;
+constexpr size_t kBatchBytes = 1 << 20;
+constexpr size_t kBatchesInFlight = 8;  // per queue
+constexpr uint64_t kBroadcastNs = 1'000'000'000ull;
+
+// Order of the flow records exported at the end of input.
+auto end_key(const FlowHandoff &f) {
+    std::array<uint8_t, 16> src, dst;
+    std::memcpy(src.data(), &f.rec.src_addr, 16);
+    std::memcpy(dst.data(), &f.rec.dst_addr, 16);
+    return std::make_tuple(f.rec.first_ns, f.rec.ip_version, src, f.rec.src_port, dst,
+                           f.rec.dst_port, f.rec.protocol, f.flow_hash);
+}
+
+bool end_order(const FlowHandoff &x, const FlowHandoff &y) {
+    return end_key(x) < end_key(y);
+}
+
+}  // namespace
+
+struct Pipeline::Batch {
+    struct Item {
+        host_packet pkt;
+        uint64_t bytes;
+        size_t offset;
+    };
+    std::vector<uint8_t> arena;
+    std::vector<Item> items;
+    uint64_t clock_ns = 0;
+};
+
+struct Pipeline::ExportMsg {
+    std::vector<FlowHandoff> flows;
+    bool final = false;  // the queue's flush at the end of input
+};
+
+struct Pipeline::Worker {
+    std::unique_ptr<Queue> queue;
+    Channel<std::unique_ptr<Batch>> in{kBatchesInFlight};
+    std::unique_ptr<Batch> filling;
+    uint64_t pushed_clock_ns = 0;
+    std::vector<FlowHandoff> handed;  // filled by the queue's sink on the worker thread
+    ParseResults parse;
+    std::thread thread;
+};
+
+Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallback on_record)
+    : host_(host), on_record_(std::move(on_record)) {
+    queues = std::max(queues, 1u);
+    spare_ = std::make_unique<Channel<std::unique_ptr<Batch>>>(queues * (kBatchesInFlight + 2));
+    export_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
+    for (unsigned i = 0; i < queues; ++i) {
+        auto w = std::make_unique<Worker>();
+        Worker *raw = w.get();
+        w->queue = std::make_unique<Queue>(
+            host_, i, config, [raw](FlowHandoff &&f) { raw->handed.push_back(std::move(f)); });
+        workers_.push_back(std::move(w));
+    }
+    export_thread_ = std::thread([this] { exporter_main(); });
+    for (auto &w : workers_)
+        w->thread = std::thread([this, raw = w.get()] { worker_main(*raw); });
+}
+
+Pipeline::~Pipeline() {
+    finish();
+}
+
+unsigned Pipeline::queue_index(const host_packet &pkt, unsigned queues) {
+    bool from_a;
+    return static_cast<unsigned>(conn_hash(conn_key_of(pkt, from_a)) % queues);
+}
+
+void Pipeline::push(Worker &w) {
+    if (!w.filling) {
+        if (auto spare = spare_->try_pop())
+            w.filling = std::move(*spare);
+        else
+            w.filling = std::make_unique<Batch>();
+    }
+    w.filling->clock_ns = clock_ns_;
+    w.pushed_clock_ns = clock_ns_;
+    w.in.push(std::move(w.filling));
+}
+
+void Pipeline::submit(const DecodedPacket &packet) {
+    const host_packet &pkt = packet.pkt;
+    clock_ns_ = std::max(clock_ns_, pkt.timestamp_ns);
+    Worker &w = *workers_[queue_index(pkt, static_cast<unsigned>(workers_.size()))];
+    if (!w.filling) {
+        if (auto spare = spare_->try_pop())
+            w.filling = std::move(*spare);
+        else
+            w.filling = std::make_unique<Batch>();
+    }
+    Batch &b = *w.filling;
+    const size_t offset = b.arena.size();
+    b.arena.insert(b.arena.end(), pkt.data, pkt.data + pkt.length);
+    b.items.push_back({pkt, packet.ip_bytes, offset});
+    if (b.items.size() >= kBatchPackets || b.arena.size() >= kBatchBytes) push(w);
+    if (clock_ns_ >= next_broadcast_ns_) {
+        // Queues that get no packets still learn how capture time moves on.
+        if (next_broadcast_ns_ != 0)
+            for (auto &other : workers_)
+                if (clock_ns_ - other->pushed_clock_ns >= kBroadcastNs) push(*other);
+        next_broadcast_ns_ = clock_ns_ + kBroadcastNs;
+    }
+}
+
+void Pipeline::advance_clock(uint64_t now_ns) {
+    clock_ns_ = std::max(clock_ns_, now_ns);
+    for (auto &w : workers_)
+        push(*w);
+}
+
+void Pipeline::worker_main(Worker &w) {
+    parse_results_bind_thread(&w.parse);
+    while (auto batch = w.in.pop()) {
+        Batch &b = **batch;
+        for (auto &item : b.items) {
+            item.pkt.data = b.arena.data() + item.offset;
+            w.queue->process(item.pkt, item.bytes);
+        }
+        w.queue->advance(b.clock_ns);
+        if (!w.handed.empty()) export_->push({std::move(w.handed), false});
+        w.handed.clear();
+        b.arena.clear();
+        b.items.clear();
+        spare_->try_push(std::move(*batch));
+    }
+    w.queue->flush();
+    export_->push({std::move(w.handed), true});
+    w.handed.clear();
+    parse_results_bind_thread(nullptr);
+}
+
+void Pipeline::export_one(Exporter &exporter, FlowHandoff &flow) {
+    const ExportedFlow out = exporter.run(flow);
+    if (out.plugin_records) ++flows_with_plugin_record_;
+    flows_exported_.fetch_add(1, std::memory_order_relaxed);
+    on_record_(out);
+}
+
+void Pipeline::exporter_main() {
+    Exporter exporter(host_);
+    std::vector<FlowHandoff> at_end;
+    size_t finals = 0;
+    while (finals < workers_.size()) {
+        auto msg = export_->pop();
+        if (!msg) break;
+        if (msg->final) {
+            ++finals;
+            std::move(msg->flows.begin(), msg->flows.end(), std::back_inserter(at_end));
+            continue;
+        }
+        for (auto &flow : msg->flows)
+            export_one(exporter, flow);
+    }
+    // Every queue is done: the plug-ins' shared state is final, and the order no longer
+    // depends on how packets were spread over queues.
+    std::sort(at_end.begin(), at_end.end(), end_order);
+    for (auto &flow : at_end)
+        export_one(exporter, flow);
+}
+
+void Pipeline::finish() {
+    if (finished_) return;
+    finished_ = true;
+    for (auto &w : workers_) {
+        if (w->filling && !w->filling->items.empty()) push(*w);
+        w->in.close();
+    }
+    for (auto &w : workers_)
+        w->thread.join();
+    export_thread_.join();
+}
+
+PipelineStats Pipeline::stats() const {
+    PipelineStats s;
+    for (const auto &w : workers_) {
+        const QueueStats &q = w->queue->stats();
+        s.queues.packets += q.packets;
+        s.queues.flows_created += q.flows_created;
+        s.queues.flows_exported += q.flows_exported;
+        s.queues.smb_port_packets += q.smb_port_packets;
+        s.queues.smb_record_packets += q.smb_record_packets;
+        s.queues.update_removals += q.update_removals;
+        s.parse += w->parse;
+    }
+    s.flows_exported = flows_exported_.load();
+    s.flows_with_plugin_record = flows_with_plugin_record_;
+    return s;
+}
+
+}  // namespace smbflow

@@ -1,0 +1,78 @@
+// The threads of smbflow: the reading thread submits decoded packets; N queue threads each
+// run a processing queue (both directions of a connection always go to the same queue); one
+// export thread post-processes and exports the flow records that the queues hand over.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "channel.h"
+#include "exporter.h"
+#include "packet_decoder.h"
+#include "parse_results.h"
+#include "queue.h"
+
+namespace smbflow {
+
+struct PipelineStats {
+    corvane_host::QueueStats queues;  // summed over the queues
+    uint64_t flows_exported = 0;
+    uint64_t flows_with_plugin_record = 0;
+    ParseResults parse;
+};
+
+// Called on the export thread for each exported flow record, in export order.
+using RecordCallback = std::function<void(const corvane_host::ExportedFlow &)>;
+
+class Pipeline {
+  public:
+    Pipeline(corvane_host::Host &host, unsigned queues, corvane_host::QueueConfig config,
+             RecordCallback on_record);
+    ~Pipeline();
+    Pipeline(const Pipeline &) = delete;
+    Pipeline &operator=(const Pipeline &) = delete;
+
+    // Copies the packet (from its IP header on) into the batch of its queue.
+    void submit(const corvane_host::DecodedPacket &packet);
+
+    // Capture time moved on without packets (a quiet live interface): queues learn it so
+    // that idle flows time out, and partly filled batches go out.
+    void advance_clock(uint64_t now_ns);
+
+    // End of input: every queue exports what it holds, and the threads stop. Flow records
+    // left at the end are exported in start-time order across all queues.
+    void finish();
+
+    uint64_t flows_exported() const { return flows_exported_.load(std::memory_order_relaxed); }
+    PipelineStats stats() const;  // after finish
+
+    // The queue that a packet goes to.
+    static unsigned queue_index(const host_packet &pkt, unsigned queues);
+
+  private:
+    struct Batch;
+    struct ExportMsg;
+    struct Worker;
+
+    void push(Worker &w);
+    void worker_main(Worker &w);
+    void exporter_main();
+    void export_one(corvane_host::Exporter &exporter, corvane_host::FlowHandoff &flow);
+
+    corvane_host::Host &host_;
+    RecordCallback on_record_;
+    std::vector<std::unique_ptr<Worker>> workers_;
+    std::unique_ptr<Channel<std::unique_ptr<Batch>>> spare_;
+    std::unique_ptr<Channel<ExportMsg>> export_;
+    std::thread export_thread_;
+    uint64_t clock_ns_ = 0;
+    uint64_t next_broadcast_ns_ = 0;
+    std::atomic<uint64_t> flows_exported_{0};
+    uint64_t flows_with_plugin_record_ = 0;
+    bool finished_ = false;
+};
+
+}  // namespace smbflow

@@ -1,0 +1,210 @@
+#include "writers.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace smbflow {
+
+namespace {
+
+// The table's column widths follow the first rows (up to kWidthRows of them, or fewer if the
+// output is flushed earlier); later rows with longer values overflow their column.
+constexpr size_t kWidthRows = 1000;
+constexpr const char *kNullText = "-";
+
+// Display width of UTF-8 text: one per code point (names are rarely wide characters).
+size_t text_width(const std::string &s) {
+    return static_cast<size_t>(
+        std::count_if(s.begin(), s.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
+class TextTableWriter : public RecordWriter {
+  public:
+    TextTableWriter(FILE *out, bool live) : out_(out), live_(live) {
+        // Widths of typical values, for a table that cannot wait for its first rows.
+        static const size_t typical[] = {27, 27, 15, 5,  15, 5,  4,  7, 9, 7,  9, 8,
+                                         8,  10, 20, 10, 20, 16, 24, 9, 1, 12, 4};
+        size_t i = 0;
+        for (const Column &c : columns()) {
+            widths_.push_back(text_width(c.name));
+            if (live_ && i < std::size(typical))
+                widths_.back() = std::max(widths_.back(), typical[i]);
+            ++i;
+        }
+    }
+
+    void write(const Row &row) override {
+        std::vector<std::string> texts;
+        texts.reserve(row.size());
+        for (const Cell &c : row)
+            texts.push_back(c.display ? *c.display : c.value ? *c.value : kNullText);
+        if (started_) {
+            print(texts);
+            return;
+        }
+        for (size_t i = 0; i < texts.size() && i < widths_.size(); ++i)
+            widths_[i] = std::max(widths_[i], text_width(texts[i]));
+        pending_.push_back(std::move(texts));
+        if (live_ || pending_.size() >= kWidthRows) flush();
+    }
+
+    void flush() override {
+        if (!started_) {
+            started_ = true;
+            std::vector<std::string> header;
+            for (const Column &c : columns())
+                header.push_back(c.name);
+            print(header, true);
+        }
+        for (const auto &texts : pending_)
+            print(texts);
+        pending_.clear();
+        fflush(out_);
+    }
+
+    void finish() override { flush(); }
+
+  private:
+    void print(const std::vector<std::string> &texts, bool header = false) {
+        std::string line;
+        const auto &cols = columns();
+        for (size_t i = 0; i < texts.size(); ++i) {
+            const size_t w = i < widths_.size() ? widths_[i] : 0;
+            const size_t pad = w > text_width(texts[i]) ? w - text_width(texts[i]) : 0;
+            const bool right = !header && i < cols.size() && cols[i].number;
+            if (i) line += "  ";
+            if (right) line.append(pad, ' ');
+            line += texts[i];
+            if (!right && i + 1 < texts.size()) line.append(pad, ' ');
+        }
+        line += '\n';
+        fputs(line.c_str(), out_);
+    }
+
+    FILE *out_;
+    bool live_;
+    std::vector<size_t> widths_;
+    std::vector<std::vector<std::string>> pending_;
+    bool started_ = false;
+};
+
+class CsvWriter : public RecordWriter {
+  public:
+    CsvWriter(FILE *out, bool live) : out_(out), live_(live) {
+        std::string line;
+        for (const Column &c : columns()) {
+            if (!line.empty()) line += ',';
+            line += c.name;
+        }
+        line += '\n';
+        fputs(line.c_str(), out_);
+    }
+
+    void write(const Row &row) override {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i) {
+            if (i) line += ',';
+            if (row[i].value) line += csv_quote(*row[i].value);
+        }
+        line += '\n';
+        fputs(line.c_str(), out_);
+        if (live_) fflush(out_);
+    }
+
+    void flush() override { fflush(out_); }
+    void finish() override { fflush(out_); }
+
+  private:
+    FILE *out_;
+    bool live_;
+};
+
+class JsonWriter : public RecordWriter {
+  public:
+    JsonWriter(FILE *out, bool live) : out_(out), live_(live) {}
+
+    void write(const Row &row) override {
+        std::string line = "{";
+        const auto &cols = columns();
+        for (size_t i = 0; i < row.size() && i < cols.size(); ++i) {
+            if (i) line += ',';
+            line += '"';
+            line += cols[i].name;
+            line += "\":";
+            if (!row[i].value)
+                line += "null";
+            else if (cols[i].number)
+                line += *row[i].value;
+            else
+                line += json_string(*row[i].value);
+        }
+        line += "}\n";
+        fputs(line.c_str(), out_);
+        if (live_) fflush(out_);
+    }
+
+    void flush() override { fflush(out_); }
+    void finish() override { fflush(out_); }
+
+  private:
+    FILE *out_;
+    bool live_;
+};
+
+}  // namespace
+
+std::string csv_quote(const std::string &s) {
+    if (s.find_first_of(",\"\r\n") == std::string::npos) return s;
+    std::string out = "\"";
+    for (char c : s) {
+        if (c == '"') out += '"';
+        out += c;
+    }
+    out += '"';
+    return out;
+}
+
+std::string json_string(const std::string &s) {
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (c < 0x20)
+                    out += fmt::format("\\u{:04x}", c);
+                else
+                    out += static_cast<char>(c);
+        }
+    }
+    out += '"';
+    return out;
+}
+
+std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live) {
+    switch (format) {
+        case Format::Text:
+            return std::make_unique<TextTableWriter>(out, live);
+        case Format::Csv:
+            return std::make_unique<CsvWriter>(out, live);
+        case Format::Json:
+            return std::make_unique<JsonWriter>(out, live);
+    }
+    return nullptr;
+}
+
+}  // namespace smbflow

@@ -1,0 +1,33 @@
+// Output of rendered flow records: an aligned text table, CSV (RFC 4180) or JSON Lines.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "flow_format.h"
+
+namespace smbflow {
+
+enum class Format { Text, Csv, Json };
+
+class RecordWriter {
+  public:
+    virtual ~RecordWriter() = default;
+    virtual void write(const Row &row) = 0;
+    // Rows so far should reach the output now (a live capture went quiet).
+    virtual void flush() {}
+    // End of output.
+    virtual void finish() {}
+};
+
+// `live`: rows reach the output one by one as they come (a live capture); the table then
+// takes its column widths from typical values instead of from the first rows.
+std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live = false);
+
+// Pieces, exposed for tests.
+std::string csv_quote(const std::string &s);
+std::string json_string(const std::string &s);
+
+}  // namespace smbflow

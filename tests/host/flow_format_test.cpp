@@ -1,0 +1,80 @@
+// Readable forms of the SMB fields and the quoting of CSV and JSON output.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+
+#include "flow_format.h"
+#include "writers.h"
+
+namespace {
+
+using namespace smbflow;
+
+TEST(FlowFormat, CommandNames) {
+    struct Case {
+        uint32_t word;
+        const char *names;
+    } cases[] = {
+        {0x000000ff, ""},
+        {0x000003ff, "NEGOTIATE|SESSION_SETUP"},
+        {0x000020ff, "CREATE"},
+        {0x000060ff, "CREATE|CLOSE"},
+        {0x000178ff, "TREE_CONNECT|TREE_DISCONNECT|CREATE|CLOSE|READ"},
+        {0x020000ff, "SET_INFO"},
+        {0x040000ff, "OPLOCK_BREAK"},
+        {0x800000ff, "ENCRYPTED"},
+        {0x00000072, "SMB1:0x72"},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(command_names(c.word), c.names) << std::hex << c.word;
+}
+
+TEST(FlowFormat, OperationWords) {
+    struct Case {
+        uint8_t op;
+        const char *word;
+    } cases[] = {
+        {0x00, "superseded"},
+        {0x01, "opened"},
+        {0x02, "created"},
+        {0x03, "overwritten"},
+        {0x3f, "unknown"},
+        {0x41, "opened,delete"},
+        {0x7f, "delete"},
+        {0x81, "open failed"},
+        {0x83, "overwrite failed"},
+        {0x84, "open-if failed"},
+        {0xc2, "create failed,delete"},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(op_word(c.op), c.word) << int(c.op);
+}
+
+TEST(FlowFormat, SmallPieces) {
+    EXPECT_EQ(file_type_word(1), "directory");
+    EXPECT_EQ(file_type_word(2), "file");
+    EXPECT_EQ(file_type_word(0xff), "unknown");
+    EXPECT_EQ(format_tcp_flags(0x02), "......S.");
+    EXPECT_EQ(format_tcp_flags(0x1b), "...AP.SF");
+    EXPECT_EQ(format_time(1709632800'123456789ull), "2024-03-05T10:00:00.123456Z");
+    EXPECT_EQ(protocol_name(6), "tcp");
+    EXPECT_EQ(protocol_name(47), "47");
+    host_addr a{};
+    a.v4 = htonl(0xc0a8380a);
+    EXPECT_EQ(format_addr(a, 4), "192.168.56.10");
+    host_addr b{};
+    b.v6[0] = 0xfd;
+    b.v6[15] = 0x10;
+    EXPECT_EQ(format_addr(b, 6), "fd00::10");
+}
+
+TEST(FlowFormat, Quoting) {
+    EXPECT_EQ(csv_quote("plain"), "plain");
+    EXPECT_EQ(csv_quote("a,b"), "\"a,b\"");
+    EXPECT_EQ(csv_quote("say \"hi\""), "\"say \"\"hi\"\"\"");
+    EXPECT_EQ(json_string("\\\\srv\\share"), "\"\\\\\\\\srv\\\\share\"");
+    EXPECT_EQ(json_string("a\"b\n\x01"), "\"a\\\"b\\n\\u0001\"");
+    EXPECT_EQ(json_string("\xc3\xa9"), "\"\xc3\xa9\"");
+}
+
+}  // namespace

@@ -1,0 +1,201 @@
+// Packets through a processing queue with the fake plug-in: direction and counters, the
+// packet's own counts at filter time, flow splitting by the filter's hash, update-hook
+// removal, timeouts in capture time, export with defaults and absent values, and every
+// record freed exactly once.
+#include <gtest/gtest.h>
+
+#include "fake_host.h"
+
+namespace {
+
+using namespace hosttest;
+using corvane_host::ExportReason;
+using Kind = corvane_host::FieldValue::Kind;
+
+enum Field { kBytes, kName, kSilent, kPost };
+
+TEST_F(FakeHostTest, TwoWayFlowCountsEachDirectionAndExportsFields) {
+    send(true, kT0, "");                     // 40 bytes
+    send(true, kT0 + 1000, "N:report.txt");  // 52
+    send(false, kT0 + 2000, "ok");           // 42
+    send(true, kT0 + 3000, "more");          // 44
+    send(false, kT0 + 4000, "");             // 40
+    queue->flush();
+    ASSERT_EQ(handed.size(), 1u);
+    const host_flow_record &r = handed[0].rec;
+    EXPECT_EQ(r.src_port, 50000) << "the first packet fixes the flow's source";
+    EXPECT_EQ(r.dst_port, 445);
+    EXPECT_EQ(r.dir_counters[0].packets, 3u);
+    EXPECT_EQ(r.dir_counters[0].bytes, 40u + 52 + 44);
+    EXPECT_EQ(r.dir_counters[1].packets, 2u);
+    EXPECT_EQ(r.dir_counters[1].bytes, 42u + 40);
+    EXPECT_EQ(r.first_ns, kT0);
+    EXPECT_EQ(r.last_ns, kT0 + 4000);
+    EXPECT_EQ(r.tcp_flags[0], testnet::ACK | testnet::PSH);
+    EXPECT_EQ(r.flags & HOST_FLAG_DIRECTION, 0);
+    EXPECT_EQ(r.flags & HOST_FLAG_SMB_RECORD, HOST_FLAG_SMB_RECORD);
+
+    auto flows = export_all();
+    ASSERT_EQ(flows.size(), 1u);
+    const auto &f = flows[0].fields;
+    EXPECT_EQ(f[kBytes].kind, Kind::Value);
+    EXPECT_EQ(f[kBytes].number(), 12u + 2 + 4);
+    EXPECT_EQ(f[kBytes].text, "18");
+    EXPECT_EQ(f[kName].kind, Kind::Value);
+    EXPECT_EQ(f[kName].text, "report.txt");
+    EXPECT_EQ(f[kName].binary.size(), 128u);
+    EXPECT_EQ(f[kSilent].kind, Kind::Absent) << "valid, but the fill wrote nothing";
+    EXPECT_EQ(f[kPost].number(), 1u) << "post-processing runs before the fills";
+    EXPECT_EQ(flows[0].plugin_records, 1u);
+
+    EXPECT_EQ(stats().bad_counters, 0u);
+    EXPECT_EQ(stats().bad_direction, 0u);
+    EXPECT_EQ(stats().postprocess_calls, 1u);
+    EXPECT_EQ(stats().records_alive, 0) << "every record freed";
+    EXPECT_EQ(stats().callbacks, stats().records_made) << "and freed once";
+}
+
+TEST_F(FakeHostTest, FirstPacketFromTheServerMakesTheServerTheSource) {
+    send(false, kT0, "hello");
+    send(true, kT0 + 1, "x");
+    send(true, kT0 + 2, "y");
+    queue->flush();
+    ASSERT_EQ(handed.size(), 1u);
+    EXPECT_EQ(handed[0].rec.src_port, 445);
+    EXPECT_EQ(handed[0].rec.dir_counters[0].packets, 1u);
+    EXPECT_EQ(handed[0].rec.dir_counters[1].packets, 2u);
+    EXPECT_EQ(stats().bad_direction, 0u) << "the update hook sees bit 0 set for client packets";
+    EXPECT_EQ(stats().bad_counters, 0u);
+}
+
+TEST_F(FakeHostTest, FilterHashSplitsOneConnectionIntoFlowRecords) {
+    send(true, kT0, "F:1 first");
+    send(false, kT0 + 1, "F:1 answer");
+    send(true, kT0 + 2, "F:2 other");
+    send(true, kT0 + 3, "");  // hash left alone
+    send(false, kT0 + 4, "plain");
+    queue->flush();
+    ASSERT_EQ(handed.size(), 3u);
+    std::vector<std::pair<uint64_t, uint64_t>> counts;
+    for (auto &h : handed)
+        counts.emplace_back(h.rec.dir_counters[0].packets, h.rec.dir_counters[1].packets);
+    // Ordered by start time.
+    EXPECT_EQ(counts, (std::vector<std::pair<uint64_t, uint64_t>>{{1, 1}, {1, 0}, {1, 1}}));
+    EXPECT_EQ(handed[2].rec.src_port, 50000);
+}
+
+TEST_F(FakeHostTest, UpdateHookLeavesAFlowWithoutRecordAfterTenPackets) {
+    for (int i = 0; i < 11; ++i)
+        send(i % 2 == 0, kT0 + i, "");  // pure ACKs: no records
+    EXPECT_EQ(stats().update_removals, 1u);
+    EXPECT_EQ(queue->stats().update_removals, 1u);
+    send(true, kT0 + 20, "late data");
+    EXPECT_EQ(stats().update_calls, 11u) << "no update call after the removal";
+    queue->flush();
+    auto flows = export_all();
+    ASSERT_EQ(flows.size(), 1u);
+    EXPECT_EQ(flows[0].plugin_records, 0u) << "the late record never reached the flow";
+    EXPECT_EQ(flows[0].fields[kBytes].kind, Kind::Default);
+    EXPECT_EQ(flows[0].fields[kBytes].number(), 0xffffffffu);
+    EXPECT_EQ(flows[0].fields[kBytes].text, "4294967295");
+    EXPECT_EQ(flows[0].fields[kName].kind, Kind::Absent) << "no value and no default";
+    EXPECT_EQ(flows[0].fields[kSilent].kind, Kind::Default);
+    EXPECT_EQ(flows[0].rec.dir_counters[0].packets + flows[0].rec.dir_counters[1].packets, 12u);
+    EXPECT_EQ(stats().records_alive, 0);
+}
+
+TEST_F(FakeHostTest, TenPacketsKeepTheUpdateHook) {
+    for (int i = 0; i < 10; ++i)
+        send(i % 2 == 0, kT0 + i, "");
+    send(true, kT0 + 20, "data");
+    EXPECT_EQ(stats().update_removals, 0u);
+    queue->flush();
+    auto flows = export_all();
+    ASSERT_EQ(flows.size(), 1u);
+    EXPECT_EQ(flows[0].fields[kBytes].number(), 4u);
+}
+
+TEST_F(FakeHostTest, FlowsLeftInTheQueueAreFreedWithoutExport) {
+    send(true, kT0, "a");
+    send(true, kT0 + 1, "b", 50001);
+    queue.reset();
+    EXPECT_TRUE(handed.empty());
+    EXPECT_EQ(stats().records_alive, 0);
+}
+
+struct TimeoutCase {
+    const char *what;
+    std::vector<uint64_t> offsets_s;  // packet times after kT0, all from the client
+    std::vector<uint64_t> flow_packets;
+    std::vector<ExportReason> reasons;
+    friend void PrintTo(const TimeoutCase &c, std::ostream *os) { *os << c.what; }
+};
+
+class Timeouts : public FakeHostTest, public testing::WithParamInterface<TimeoutCase> {
+  protected:
+    void SetUp() override {}
+};
+
+TEST_P(Timeouts, FollowCaptureTime) {
+    start();
+    for (uint64_t s : GetParam().offsets_s)
+        send(true, kT0 + s * kSecond, "x");
+    queue->flush();
+    std::vector<uint64_t> packets;
+    std::vector<ExportReason> reasons;
+    for (auto &h : handed) {
+        packets.push_back(h.rec.dir_counters[0].packets);
+        reasons.push_back(h.reason);
+    }
+    EXPECT_EQ(packets, GetParam().flow_packets) << GetParam().what;
+    EXPECT_EQ(reasons, GetParam().reasons) << GetParam().what;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CaptureTime, Timeouts,
+    testing::Values(TimeoutCase{"29 s gaps keep one flow", {0, 29, 58}, {3}, {ExportReason::End}},
+                    TimeoutCase{"30 s without packets ends a flow",
+                                {0, 10, 40},
+                                {2, 1},
+                                {ExportReason::Inactive, ExportReason::End}},
+                    TimeoutCase{"300 s after its start a busy flow ends",
+                                {0, 20, 40, 60, 80, 100, 120, 140, 160, 180, 200, 220, 240, 260,
+                                 280, 300, 320},
+                                {15, 2},
+                                {ExportReason::Active, ExportReason::End}}));
+
+TEST_F(FakeHostTest, IdleFlowsLeaveWhenTheClockMovesOn) {
+    send(true, kT0, "a");
+    send(true, kT0 + 1, "b", 50001);
+    send(true, kT0 + 20 * kSecond, "b", 50001);
+    queue->advance(kT0 + 31 * kSecond);
+    ASSERT_EQ(handed.size(), 1u) << "only the flow idle for 30 s";
+    EXPECT_EQ(handed[0].reason, ExportReason::Inactive);
+    EXPECT_EQ(handed[0].rec.src_port, 50000);
+    EXPECT_EQ(queue->flow_count(), 1u);
+}
+
+TEST(QueueWithoutPlugins, CountsFlowsAlone) {
+    corvane_host::Host host;
+    std::vector<corvane_host::FlowHandoff> out;
+    {
+        corvane_host::Queue q(host, 0, {},
+                              [&](corvane_host::FlowHandoff &&f) { out.push_back(f); });
+        const testnet::Bytes ip = testnet::udp_datagram(testnet::ipv4(1, 2, 3, 4),
+                                                        testnet::ipv4(5, 6, 7, 8), 53, 53, {1, 2});
+        corvane_host::DecodedPacket d;
+        ASSERT_EQ(corvane_host::decode_frame(228, ip.data(), ip.size(), d),
+                  corvane_host::DecodeStatus::Ok);
+        d.pkt.timestamp_ns = kT0;
+        q.process(d.pkt, d.ip_bytes);
+        q.process(d.pkt, d.ip_bytes);
+        q.flush();
+    }
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].rec.dir_counters[0].packets, 2u);
+    EXPECT_EQ(out[0].rec.protocol, 17);
+    corvane_host::Exporter exporter(host);
+    EXPECT_TRUE(exporter.run(out[0]).fields.empty());
+}
+
+}  // namespace

@@ -1,0 +1,70 @@
+// The four record writers: binary and text forms, byte order, bad arguments.
+#include <gtest/gtest.h>
+
+#include "field_output.h"
+#include "host_interface.h"
+
+namespace {
+
+using corvane_host::FieldOutput;
+
+TEST(RecordWriters, NumbersInBinaryFollowTheRequestedByteOrder) {
+    const uint32_t word = 0x000020ff;
+    FieldOutput host_order, network_order;
+    EXPECT_EQ(record_universal_get_num(&host_order, &word, 4, 0, corvane_host::kByteOrderHost), 4);
+    EXPECT_EQ(
+        record_universal_get_num(&network_order, &word, 4, 0, corvane_host::kByteOrderNetwork), 4);
+    EXPECT_EQ(host_order.binary, (std::vector<uint8_t>{0xff, 0x20, 0x00, 0x00}));
+    EXPECT_EQ(network_order.binary, (std::vector<uint8_t>{0x00, 0x00, 0x20, 0xff}));
+    const uint8_t byte = 0x81;
+    FieldOutput one;
+    EXPECT_EQ(record_universal_get_num(&one, &byte, 1, 5, 1),
+              1);  // fifth argument 1 as plug-ins pass it
+    EXPECT_EQ(one.binary, std::vector<uint8_t>{0x81});
+    EXPECT_EQ(one.writes, 1u);
+}
+
+TEST(RecordWriters, NumbersAsTextAreDecimal) {
+    struct Case {
+        uint64_t value;
+        uint32_t size;
+        const char *text;
+    } cases[] = {{0xff, 1, "255"},        {0x3f, 1, "63"},
+                 {0x000020ff, 4, "8447"}, {0xffffffff, 4, "4294967295"},
+                 {0x0102, 2, "258"},      {~0ull, 8, "18446744073709551615"}};
+    for (const Case &c : cases) {
+        FieldOutput out;
+        EXPECT_GT(record_universal_get_txt_num(&out, &c.value, c.size, 0, 0), 0);
+        EXPECT_EQ(out.text, c.text);
+    }
+}
+
+TEST(RecordWriters, ArraysAreCopiedWholeAndStringsRenderedAsUtf8) {
+    uint8_t name[128] = {};
+    const char16_t text[] = u"a\u00e9";
+    for (size_t i = 0; i < 2; ++i) {
+        name[2 * i] = text[i] & 0xff;
+        name[2 * i + 1] = text[i] >> 8;
+    }
+    FieldOutput bin, txt;
+    EXPECT_EQ(record_universal_get_array(&bin, name, 128, 0, 0), 128);
+    ASSERT_EQ(bin.binary.size(), 128u);
+    EXPECT_EQ(0, memcmp(bin.binary.data(), name, 128));
+    EXPECT_EQ(record_universal_get_txt_string(&txt, name, 128, 0, 0), 3);
+    EXPECT_EQ(txt.text, "a\xc3\xa9");
+}
+
+TEST(RecordWriters, RejectUnusableArguments) {
+    const uint32_t v = 1;
+    FieldOutput out;
+    EXPECT_EQ(record_universal_get_num(nullptr, &v, 4, 0, 0), -1);
+    EXPECT_EQ(record_universal_get_num(&out, nullptr, 4, 0, 0), -1);
+    EXPECT_EQ(record_universal_get_num(&out, &v, 3, 0, 0), -1);
+    EXPECT_EQ(record_universal_get_txt_num(&out, &v, 0, 0, 0), -1);
+    EXPECT_EQ(record_universal_get_txt_string(&out, nullptr, 128, 0, 0), -1);
+    EXPECT_EQ(record_universal_get_array(nullptr, &v, 4, 0, 0), -1);
+    EXPECT_EQ(out.writes, 0u);
+    EXPECT_TRUE(out.binary.empty());
+}
+
+}  // namespace

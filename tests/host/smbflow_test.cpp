@@ -1,0 +1,375 @@
+// smbflow as a user runs it: golden outputs of the sample capture, every link type, pcapng,
+// several files, queues, timeouts in capture time, filters, and the error paths with their
+// messages and exit statuses.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <sstream>
+
+#include "run_command.h"
+#include "smb2_messages.h"
+
+namespace {
+
+using namespace hosttest;
+using namespace testnet;
+
+const std::string kSample = std::string(TEST_DATA) + "/sample-smb2.pcap";
+constexpr uint64_t kSecond = 1'000'000'000ull;
+constexpr uint64_t kT0 = 1709632800ull * kSecond;
+
+CommandResult smbflow(std::vector<std::string> args) {
+    args.insert(args.begin(), {SMBFLOW, "--no-progress"});
+    return run_command(args);
+}
+
+std::vector<std::string> lines(const std::string &text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
+
+// Compares with a golden file; SMBFLOW_UPDATE_GOLDEN=1 rewrites it instead.
+void expect_golden(const std::string &name, const std::string &actual) {
+    const std::string path = std::string(GOLDEN_DIR) + "/" + name;
+    if (getenv("SMBFLOW_UPDATE_GOLDEN")) {
+        write_file(path, actual);
+        return;
+    }
+    EXPECT_EQ(read_file(path), actual)
+        << "golden " << name << " differs (SMBFLOW_UPDATE_GOLDEN=1 rewrites it)";
+}
+
+// Sessions of several clients, for link-type and queue tests.
+std::vector<Packet> many_sessions(int clients, bool v6 = false) {
+    std::vector<Packet> all;
+    for (int i = 0; i < clients; ++i) {
+        SessionSpec s;
+        s.client =
+            v6 ? ipv6("fd00::" + std::to_string(100 + i)) : ipv4(10, 9, i / 200, 1 + i % 200);
+        s.server = v6 ? ipv6("fd00::1") : ipv4(10, 9, 255, 1);
+        s.client_port = static_cast<uint16_t>(40000 + 7 * i);
+        s.start_ns = kT0 + i * 3'000'000ull;
+        s.create_new = i % 3 == 0;
+        s.file = "dir" + std::to_string(i % 5) + "\\file" + std::to_string(i) + ".dat";
+        auto p = smb2_session(s);
+        all.insert(all.end(), p.begin(), p.end());
+    }
+    std::stable_sort(all.begin(), all.end(),
+                     [](const Packet &a, const Packet &b) { return a.ts_ns < b.ts_ns; });
+    return all;
+}
+
+// One line of the summary, as smbflow prints it.
+std::string summary_line(const std::string &key, const std::string &value) {
+    std::string k = "  " + key;
+    k.resize(std::max<size_t>(k.size(), 28), ' ');
+    return k + value + "\n";
+}
+
+class Smbflow : public testing::Test {
+  protected:
+    TempDir tmp;
+};
+
+TEST_F(Smbflow, SampleCaptureIsWhatTheGeneratorWrites) {
+    const std::string fresh = tmp.path("fresh.pcap");
+    ASSERT_EQ(run_command({MAKE_SAMPLE, fresh}).status, 0);
+    EXPECT_EQ(read_file(fresh), read_file(kSample));
+}
+
+TEST_F(Smbflow, GoldenOutputsWithoutPlugin) {
+    for (const auto &[format, file] :
+         {std::pair{"text", "sample-noplugin.txt"}, std::pair{"csv", "sample-noplugin.csv"},
+          std::pair{"json", "sample-noplugin.jsonl"}}) {
+        auto r = smbflow({"--no-plugin", "-q", "-F", format, kSample});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.err, "");
+        expect_golden(file, r.out);
+    }
+}
+
+TEST_F(Smbflow, OutputFileAndFormatFromItsName) {
+    const std::string out = tmp.path("flows.json");
+    auto r = smbflow({"--no-plugin", "-q", "-o", out, kSample});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(read_file(out), smbflow({"--no-plugin", "-q", "-F", "json", kSample}).out);
+    EXPECT_EQ(read_file(out).front(), '{');
+}
+
+struct LinkCase {
+    const char *name;
+    int link;
+    int vlans;
+    bool pcapng;
+    friend void PrintTo(const LinkCase &c, std::ostream *os) { *os << c.name; }
+};
+
+class SmbflowLinks : public Smbflow, public testing::WithParamInterface<LinkCase> {};
+
+TEST_P(SmbflowLinks, GiveTheSameRecordsAsEthernet) {
+    for (bool v6 : {false, true}) {
+        const auto packets = many_sessions(3, v6);
+        const std::string ref = tmp.path("ref.pcap"), file = tmp.path("link.cap");
+        write_pcap(ref, kEthernet, frames_of(kEthernet, packets));
+        const auto frames = frames_of(GetParam().link, packets, GetParam().vlans,
+                                      GetParam().link == kEthernet ? 4 : 0);
+        if (GetParam().pcapng)
+            write_pcapng(file, GetParam().link, frames);
+        else
+            write_pcap(file, GetParam().link, frames);
+        auto expected = smbflow({"--plugin", FAKE_PLUGIN, "-q", "-F", "csv", ref});
+        auto actual = smbflow({"--plugin", FAKE_PLUGIN, "-F", "csv", file});
+        ASSERT_EQ(actual.status, 0) << actual.err;
+        EXPECT_EQ(actual.out, expected.out) << GetParam().name << (v6 ? " v6" : " v4");
+        EXPECT_EQ(lines(actual.out).size(), 4u);
+        EXPECT_NE(actual.err.find(summary_line("packets read", std::to_string(packets.size()))),
+                  std::string::npos)
+            << actual.err;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Captures, SmbflowLinks,
+                         testing::Values(LinkCase{"ethernet_vlan", kEthernet, 1, false},
+                                         LinkCase{"ethernet_qinq_pcapng", kEthernet, 2, true},
+                                         LinkCase{"sll", kSll, 0, false},
+                                         LinkCase{"sll2", kSll2, 0, true},
+                                         LinkCase{"raw", kRaw, 0, false},
+                                         LinkCase{"null", kNull, 0, false},
+                                         LinkCase{"loop", kLoop, 0, true}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(Smbflow, FourQueuesGiveTheSameRecordsAsOne) {
+    const std::string file = tmp.path("many.pcap");
+    write_pcap(file, kEthernet, frames_of(kEthernet, many_sessions(60)));
+    auto one = smbflow({"--plugin", FAKE_PLUGIN, "-q", "-F", "csv", "--queues", "1", file});
+    auto four = smbflow({"--plugin", FAKE_PLUGIN, "-q", "-F", "csv", "--queues", "4", file});
+    ASSERT_EQ(one.status, 0) << one.err;
+    ASSERT_EQ(four.status, 0) << four.err;
+    EXPECT_EQ(lines(one.out).size(), 61u);
+    EXPECT_EQ(four.out, one.out);
+}
+
+TEST_F(Smbflow, FilesAreReadInOrderAsOneStream) {
+    const auto packets = many_sessions(4);
+    const std::vector<Packet> first(packets.begin(), packets.begin() + packets.size() / 2);
+    const std::vector<Packet> second(packets.begin() + packets.size() / 2, packets.end());
+    const std::string whole = tmp.path("whole.pcap"), a = tmp.path("a.pcap"),
+                      b = tmp.path("b.pcapng");
+    write_pcap(whole, kEthernet, frames_of(kEthernet, packets));
+    write_pcap(a, kEthernet, frames_of(kEthernet, first));
+    write_pcapng(b, kSll2, frames_of(kSll2, second));
+    auto r = smbflow({"--plugin", FAKE_PLUGIN, "-q", "-F", "csv", a, b});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, smbflow({"--plugin", FAKE_PLUGIN, "-q", "-F", "csv", whole}).out);
+}
+
+TEST_F(Smbflow, TimeoutsFollowCaptureTimestamps) {
+    // One connection with packets at 0, 10, 45 (35 s quiet), then every 20 s from 65 to 385 s.
+    TcpConversation c(ipv4(10, 0, 0, 1), 40000, ipv4(10, 0, 0, 2), 445, kT0);
+    std::vector<uint64_t> at = {0, 10, 45};
+    for (uint64_t s = 65; s <= 400; s += 20)
+        at.push_back(s);
+    std::vector<Packet> packets;
+    for (uint64_t s : at) {
+        c.client_sends({'x'});
+        packets.push_back({kT0 + s * kSecond, c.packets().back().ip});
+    }
+    const std::string file = tmp.path("slow.pcap");
+    write_pcap(file, kEthernet, frames_of(kEthernet, packets));
+    auto r = smbflow({"--no-plugin", "-q", "-F", "csv", file});
+    ASSERT_EQ(r.status, 0) << r.err;
+    auto rows = lines(r.out);
+    ASSERT_EQ(rows.size(), 4u) << r.out;
+    // Ended by 30 s without packets, by 300 s after its start, and by the end of input.
+    EXPECT_EQ(rows[1].substr(0, 55), "2024-03-05T10:00:00.000000Z,2024-03-05T10:00:10.000000Z");
+    EXPECT_EQ(rows[2].substr(0, 55), "2024-03-05T10:00:45.000000Z,2024-03-05T10:05:25.000000Z");
+    EXPECT_EQ(rows[3].substr(0, 55), "2024-03-05T10:05:45.000000Z,2024-03-05T10:06:25.000000Z");
+    auto shorter = smbflow({"--no-plugin", "-q", "-F", "csv", "--inactive-timeout", "5",
+                            "--active-timeout", "1000", file});
+    EXPECT_EQ(lines(shorter.out).size(), 1u + 20) << "every packet 10 s or more apart";
+}
+
+TEST_F(Smbflow, FilterAndCountLimitTheInput) {
+    auto udp = smbflow({"--no-plugin", "-q", "-F", "csv", "-f", "udp", kSample});
+    ASSERT_EQ(udp.status, 0) << udp.err;
+    ASSERT_EQ(lines(udp.out).size(), 2u);
+    EXPECT_NE(lines(udp.out)[1].find(",53001,192.168.56.1,53,17,1,"), std::string::npos);
+    auto counted = smbflow({"--no-plugin", "-F", "csv", "-c", "3", kSample});
+    EXPECT_NE(counted.err.find(summary_line("packets read", "3")), std::string::npos)
+        << counted.err;
+}
+
+TEST_F(Smbflow, OversizeFramesAreCappedAndCounted) {
+    TcpSpec s;
+    s.src = ipv4(127, 0, 0, 1);
+    s.dst = ipv4(127, 0, 0, 1);
+    s.sport = 50000;
+    s.dport = 445;
+    s.payload.assign(70000, 'z');
+    Bytes ip = tcp_datagram(s);
+    ip[2] = ip[3] = 0;
+    const std::string file = tmp.path("big.pcap");
+    write_pcap(file, kLoop, {{kT0, frame(kLoop, ip), 0}});
+    auto r = smbflow({"--plugin", FAKE_PLUGIN, "-F", "json", file});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find(summary_line("  capped at 65535 bytes", "1")), std::string::npos) << r.err;
+    EXPECT_NE(r.out.find("\"bytes\":70040"), std::string::npos) << r.out;
+}
+
+TEST_F(Smbflow, SummaryTellsWhatHappened) {
+    auto r = smbflow({"--plugin", FAKE_PLUGIN, "-F", "csv", kSample});
+    ASSERT_EQ(r.status, 0) << r.err;
+    for (const std::string &expected :
+         {summary_line("packets read", "47"), summary_line("  not IP (skipped)", "1"),
+          summary_line("flow records", "3"), summary_line("  with SMB fields", "2"),
+          summary_line("packets with SMB records", "32"),
+          summary_line("parse results by code",
+                       "not counted (the plug-in has no smb_parse_packet)"),
+          std::string("packets per second")})
+        EXPECT_NE(r.err.find(expected), std::string::npos) << expected << "\n" << r.err;
+    auto q = smbflow({"--no-plugin", "-q", kSample});
+    EXPECT_EQ(q.err, "");
+}
+
+struct ErrorCase {
+    const char *what;
+    std::vector<std::string> args;  // "@" is replaced by a scratch directory
+    int status;
+    const char *message;
+    friend void PrintTo(const ErrorCase &c, std::ostream *os) { *os << c.what; }
+};
+
+class SmbflowErrors : public Smbflow, public testing::WithParamInterface<ErrorCase> {};
+
+TEST_P(SmbflowErrors, ReportAndExit) {
+    std::vector<std::string> args;
+    for (std::string a : GetParam().args) {
+        if (a.rfind("@", 0) == 0) a = tmp.path(a.substr(1));
+        args.push_back(a);
+    }
+    write_file(tmp.path("garbage.pcap"), std::string(200, 'g'));
+    auto r = smbflow(args);
+    EXPECT_EQ(r.status, GetParam().status) << GetParam().what << "\n" << r.err;
+    EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << GetParam().what << "\n"
+                                                                 << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, SmbflowErrors,
+    testing::Values(
+        ErrorCase{
+            "missing file", {"--no-plugin", "@missing.pcap"}, 1, "smbflow: cannot read capture"},
+        ErrorCase{"not a capture", {"--no-plugin", "@garbage.pcap"}, 1, "unknown file format"},
+        ErrorCase{"unknown interface",
+                  {"--no-plugin", "-i", "nosuchif0"},
+                  1,
+                  "cannot capture on nosuchif0"},
+        ErrorCase{"plug-in for API 7",
+                  {"--plugin", FAKE_PLUGIN_V7, kSample},
+                  3,
+                  "was built for plug-in API version 7; this host speaks version 8"},
+        ErrorCase{"missing plug-in", {"--plugin", "@none.so", kSample}, 3, "cannot load plug-in"},
+        ErrorCase{"bad filter", {"--no-plugin", "-f", "tcp port", kSample}, 2, "bad filter"},
+        ErrorCase{"no input", {"--no-plugin"}, 2, "give capture files or --interface"},
+        ErrorCase{"files and interface",
+                  {"--no-plugin", "-i", "lo", kSample},
+                  2,
+                  "give capture files or --interface"},
+        ErrorCase{"params without plug-in",
+                  {"--no-plugin", "--params", "port=0", kSample},
+                  2,
+                  "--params excludes --no-plugin"},
+        ErrorCase{"unknown format", {"--no-plugin", "-F", "xml", kSample}, 2, "--format"},
+        ErrorCase{"zero queues", {"--no-plugin", "--queues", "0", kSample}, 2, "--queues"},
+        ErrorCase{"unwritable output",
+                  {"--no-plugin", "-o", "@no/such/dir/out.csv", kSample},
+                  4,
+                  "cannot write"}),
+    [](const auto &info) {
+        std::string n = info.param.what;
+        std::replace_if(
+            n.begin(), n.end(), [](char c) { return !isalnum(c); }, '_');
+        return n;
+    });
+
+TEST_F(Smbflow, RecordsBeforeACorruptRecordAreStillWritten) {
+    // A capture cut in the middle of its last record.
+    std::string bytes = read_file(kSample);
+    const std::string cut = tmp.path("cut.pcap");
+    write_file(cut, bytes.substr(0, bytes.size() - 30));
+    auto r = smbflow({"--no-plugin", "-F", "csv", cut});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("truncated"), std::string::npos) << r.err;
+    EXPECT_EQ(lines(r.out).size(), 4u) << "every flow of the packets read before the fault";
+    EXPECT_NE(r.err.find(summary_line("packets read", "46")), std::string::npos) << r.err;
+    // A missing second file: the first file's records are written.
+    auto m = smbflow({"--no-plugin", "-F", "csv", kSample, tmp.path("gone.pcap")});
+    EXPECT_EQ(m.status, 1);
+    EXPECT_EQ(lines(m.out).size(), 4u);
+}
+
+TEST_F(Smbflow, LiveCaptureOnLoopback) {
+    // smbflow captures three UDP datagrams to a port of its own on lo, then stops (-c 3).
+    const uint16_t port = static_cast<uint16_t>(40000 + getpid() % 20000);
+    const std::string out = tmp.path("live.csv");
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::string filter = "udp and dst port " + std::to_string(port);
+        const char *argv[] = {SMBFLOW, "--no-progress", "-q", "--no-plugin", "-i", "lo",
+                              "-f",    filter.c_str(),  "-c", "3",           "-o", out.c_str(),
+                              nullptr};
+        freopen("/dev/null", "w", stderr);
+        execv(SMBFLOW, const_cast<char **>(argv));
+        _exit(127);
+    }
+    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int wstatus = 0;
+    bool done = false;
+    for (int i = 0; i < 200 && !done; ++i) {  // until it has seen three, at most 10 s
+        sendto(sock, "ping", 4, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+        usleep(50'000);
+        done = waitpid(child, &wstatus, WNOHANG) == child;
+    }
+    close(sock);
+    if (!done) {
+        kill(child, SIGKILL);
+        waitpid(child, &wstatus, 0);
+        FAIL() << "smbflow did not stop after three packets";
+    }
+    if (WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 1 && geteuid() != 0)
+        GTEST_SKIP() << "live capture needs root or CAP_NET_RAW";
+    ASSERT_TRUE(WIFEXITED(wstatus));
+    ASSERT_EQ(WEXITSTATUS(wstatus), 0);
+    auto rows = lines(read_file(out));
+    ASSERT_EQ(rows.size(), 2u) << read_file(out);
+    EXPECT_NE(rows[1].find(",127.0.0.1," + std::to_string(port) + ",17,3,"), std::string::npos)
+        << rows[1];
+}
+
+TEST_F(Smbflow, HelpExplainsEveryOption) {
+    auto r = smbflow({"--help"});
+    EXPECT_EQ(r.status, 0);
+    for (const char *opt :
+         {"--interface", "--filter", "--count", "--output", "--format", "--queues", "--params",
+          "--plugin", "--no-plugin", "--active-timeout", "--inactive-timeout", "--snaplen",
+          "--no-progress", "--quiet", "Exit status"})
+        EXPECT_NE(r.out.find(opt), std::string::npos) << opt;
+}
+
+}  // namespace
