@@ -842,8 +842,6 @@ class Model:
                 e.pending = [0, 0]
                 if not empty(e.name) and flag == 0:
                     r.file_name = e.name
-                    if len(render(e.name) or "") >= 62:
-                        pass
                 if not r.label:
                     r.label = e.label
             self.fold_masks(r, masks)
