@@ -71,6 +71,8 @@ for h in "${harnesses[@]}"; do
   [ -n "$seconds" ] && args+=(-max_total_time="$seconds")
   [ -n "$runs" ] && args+=(-runs="$runs")
   [ -r "fuzz/$h.dict" ] && args+=(-dict="fuzz/$h.dict")
+  # Whole capture files: keep them small enough to run a few hundred times a second.
+  [ "$h" = capture ] && args+=(-max_len=65536)
   log=$build/fuzz-$h.log
   echo "=== fuzz_$h (${seconds:+${seconds}s}${runs:+ ${runs} runs}, $workers worker(s))"
   before=$(find "$crashes" -type f | wc -l)

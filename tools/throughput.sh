@@ -75,8 +75,8 @@ best_of() {
   rss[$label]=$mem
 }
 
-pps() { awk -v n="$1" -v s="$2" 'BEGIN {printf "%.0f", s > 0 ? n / s : 0}'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2f", b > 0 ? a / b : 0}'; }
+pps() { awk -v n="$1" -v s="$2" 'BEGIN {printf "%.0f", (s > 0 ? n / s : 0)}'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2f", (b > 0 ? a / b : 0)}'; }
 verdict() { awk -v v="$1" -v op="$2" -v t="$3" 'BEGIN {
   ok = (op == "<=") ? v <= t : v >= t; printf "%s (target %s %s)", ok ? "met" : "MISSED", op, t}'; }
 

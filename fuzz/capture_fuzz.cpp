@@ -1,0 +1,83 @@
+// Fuzzes smbflow's input path on whole capture files: the input is a pcap or pcapng file that
+// libpcap reads, the host decodes each frame and runs it through the processing queues with
+// the plug-in (linked in, small tables), and every flow record is exported and formatted as
+// smbflow writes it. Two queues when the file's last byte is odd, so that the shared tables are
+// used from two threads.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "capture.h"
+#include "cv_log.h"
+#include "flow_format.h"
+#include "host.h"
+#include "packet_decoder.h"
+#include "pipeline.h"
+#include "smb.h"
+
+namespace {
+
+constexpr const char *kSizes =
+    "treetable-size=1024,filetable-size=1024,messagetable-size=1024,messagetable2-size=1024,"
+    "datatable-size=1024";
+constexpr uint64_t kMaxFrames = 20000;
+
+// The input as a file without touching the file system: a memory file named through /proc.
+class memory_file {
+  public:
+    memory_file(const uint8_t *data, size_t size) {
+        fd_ = memfd_create("capture-fuzz", 0);
+        if (fd_ < 0) return;
+        for (size_t done = 0; done < size;) {
+            const ssize_t n = write(fd_, data + done, size - done);
+            if (n <= 0) break;
+            done += static_cast<size_t>(n);
+        }
+        path_ = "/proc/self/fd/" + std::to_string(fd_);
+    }
+    ~memory_file() {
+        if (fd_ >= 0) close(fd_);
+    }
+    const std::string &path() const { return path_; }
+
+  private:
+    int fd_ = -1;
+    std::string path_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    g_CvLogCtx.level = 0xffffffffu;
+    memory_file file(data, size);
+    if (file.path().empty()) return 0;
+    smbflow::Capture capture = smbflow::Capture::files({file.path()}, "");
+    if (!capture.open()) return 0;
+
+    corvane_host::Host host;
+    if (host.add_module(corvane_module_init, "linked-in")) return 0;
+    host.init_plugin(0, kSizes);
+    {
+        const unsigned queues = size && (data[size - 1] & 1) ? 2 : 1;
+        smbflow::FlowFormatter formatter(host.fields());
+        size_t rendered = 0;
+        smbflow::Pipeline pipeline(host, queues, corvane_host::QueueConfig{},
+                                   [&](const corvane_host::ExportedFlow &flow) {
+                                       rendered += formatter.render(flow).size();
+                                   });
+        smbflow::Frame frame;
+        corvane_host::DecodedPacket packet;
+        for (uint64_t n = 0; n < kMaxFrames; ++n) {
+            if (capture.next(frame) != smbflow::ReadStatus::Packet) break;
+            if (corvane_host::decode_frame(frame.link_type, frame.data, frame.caplen, packet) !=
+                corvane_host::DecodeStatus::Ok)
+                continue;
+            packet.pkt.timestamp_ns = frame.ts_ns;
+            pipeline.submit(packet);
+        }
+        pipeline.finish();
+    }
+    host.shutdown();
+    return 0;
+}
