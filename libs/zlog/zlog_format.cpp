@@ -23,10 +23,17 @@ void append_field(std::string &out, std::string_view value, bool left, size_t mi
     if (left) out.append(pad, ' ');
 }
 
+// A field width beyond any log line's buffer is a configuration error, not a request to pad
+// a line to gigabytes.
+constexpr size_t kMaxFieldWidth = 4096;
+
+// The decimal number at i, or kMaxFieldWidth + 1 once it exceeds the largest width.
 size_t read_number(std::string_view text, size_t &i) {
     size_t n = 0;
-    while (i < text.size() && isdigit(static_cast<unsigned char>(text[i])))
+    while (i < text.size() && isdigit(static_cast<unsigned char>(text[i]))) {
         n = n * 10 + size_t(text[i++] - '0');
+        if (n > kMaxFieldWidth) n = kMaxFieldWidth + 1;
+    }
     return n;
 }
 
@@ -58,7 +65,9 @@ std::optional<Pattern> Pattern::compile(std::string_view text) {
         }
         piece.min_width = read_number(text, i);
         if (i < text.size() && text[i] == '.') piece.max_width = read_number(text, ++i);
-        if (i == text.size()) return std::nullopt;
+        if (i == text.size() || piece.min_width > kMaxFieldWidth ||
+            piece.max_width > kMaxFieldWidth)
+            return std::nullopt;
         bool next_is_s = i + 1 < text.size() && text[i + 1] == 's';
         switch (text[i]) {
             case 'c':

@@ -40,7 +40,8 @@ TEST(ZlogPattern, RendersAsWritten) {
         pattern->render(event, out);
         EXPECT_EQ(out, expected);
     }
-    for (const char *bad : {"%q", "abc%", "%d(%F", "%u", "%-5"})
+    for (const char *bad :
+         {"%q", "abc%", "%d(%F", "%u", "%-5", "%-29999999999999999999c", "%1.5000m"})
         EXPECT_FALSE(zl::Pattern::compile(bad)) << bad;
 }
 
