@@ -25,5 +25,8 @@ elif [ "$status" -ne 0 ]; then
   exit "$status"
 fi
 cat "$out/MANIFEST.txt"
-PYTHONDONTWRITEBYTECODE=1 python3 tools/smbdiff/smbdiff.py --smbflow "$smbflow" \
-  --plugin "$plugin" "$out"/*.pcap
+for queues in 1 4; do
+  echo "traffic-check: smbflow with $queues queue(s)"
+  PYTHONDONTWRITEBYTECODE=1 python3 tools/smbdiff/smbdiff.py --smbflow "$smbflow" --queues "$queues" \
+    --plugin "$plugin" "$out"/*.pcap
+done

@@ -156,8 +156,9 @@ def compare(expected: list[model.Expected], written: list[Written]) -> list[Diff
     return diffs
 
 
-def run_smbflow(smbflow: str, plugin: str | None, capture: str, params: str | None) -> list[str]:
-    argv = [smbflow, "--format", "json", "--queues", "1", "--no-progress", "--quiet"]
+def run_smbflow(smbflow: str, plugin: str | None, capture: str, params: str | None,
+                queues: int = 1) -> list[str]:
+    argv = [smbflow, "--format", "json", "--queues", str(queues), "--no-progress", "--quiet"]
     if plugin:
         argv += ["--plugin", plugin]
     if params:
@@ -218,7 +219,8 @@ class Result:
 
 def check_capture(path: str, args) -> Result:
     cap = wire.read_capture(path, args.tshark, args.port)
-    written = read_records(run_smbflow(args.smbflow, args.plugin, path, args.params), args.port)
+    written = read_records(run_smbflow(args.smbflow, args.plugin, path, args.params,
+                                       args.queues), args.port)
     intended = model.Model(port=args.port)
     expected = intended.run(cap)
     diffs = compare(expected, written)
@@ -248,6 +250,9 @@ def main(argv=None) -> int:
     ap.add_argument("--params", help="plug-in parameters handed to smbflow")
     ap.add_argument("--tshark", default="tshark")
     ap.add_argument("--port", type=int, default=445)
+    ap.add_argument("--queues", type=int, default=1,
+                    help="smbflow's processing queues (a connection stays in one, so the "
+                         "records do not depend on it)")
     ap.add_argument("--strict", action="store_true",
                     help="count differences that known bugs explain as failures too")
     ap.add_argument("--verbose", action="store_true",
