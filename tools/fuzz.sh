@@ -75,7 +75,10 @@ for h in "${harnesses[@]}"; do
   [ "$h" = capture ] && args+=(-max_len=65536)
   log=$build/fuzz-$h.log
   echo "=== fuzz_$h (${seconds:+${seconds}s}${runs:+ ${runs} runs}, $workers worker(s))"
-  before=$(find "$crashes" -type f | wc -l)
+  # Slow units are only noted; crashes, leaks, timeouts and out-of-memory inputs fail the run.
+  findings() { find "$crashes" -type f \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' \
+    -o -name 'oom-*' \) | wc -l; }
+  before=$(findings)
   status=0
   if [ "$workers" -gt 1 ]; then
     # Workers share the corpus; each stops on its own limits.
@@ -95,7 +98,7 @@ for h in "${harnesses[@]}"; do
   execs=$(awk '/stat::number_of_executed_units/ {n += $2} END {print n + 0}' "$log")
   secs=$(awk '/^Done [0-9]+ runs in/ {if ($5 > s) s = $5} END {print s + 0}' "$log")
   units=$(find "$corpus" -type f | wc -l)
-  after=$(find "$crashes" -type f | wc -l)
+  after=$(findings)
   line="fuzz_$h: $execs executions in ${secs}s, corpus $units inputs"
   if [ "$status" -ne 0 ] || [ "$after" -gt "$before" ]; then
     line="$line, FAILED (see $log, inputs in $crashes)"
