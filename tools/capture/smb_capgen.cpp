@@ -5,14 +5,15 @@
 //       the captures again and again until at least MIN_PACKETS packets, each copy with its own
 //       client and server addresses and client ports (so flows and file keys differ), times
 //       running on
-//   smb_capgen opens -o OUT -n FILES [-c CONNECTIONS]
+//   smb_capgen opens -o OUT -n FILES [-c CONNECTIONS] [-g GAP_US]
 //       per connection a handshake and a TREE_CONNECT, then successful CREATEs (request and
 //       response) of distinct files that are never closed: FILES in all
-//   smb_capgen unanswered -o OUT -n REQUESTS [-c CONNECTIONS]
+//   smb_capgen unanswered -o OUT -n REQUESTS [-c CONNECTIONS] [-g GAP_US]
 //       CREATE requests that never get a response
-//   smb_capgen halfopen -o OUT -n CONNECTIONS
+//   smb_capgen halfopen -o OUT -n CONNECTIONS [-g GAP_US]
 //       connections that send a SYN and the first segment of a compound request that never
 //       goes on
+//   The synthetic captures space their packets GAP_US microseconds apart (default 1).
 #include <pcap/pcap.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -145,27 +146,28 @@ struct synth_options {
     std::string out;
     uint64_t count = 0;
     uint32_t connections = 1000;
+    uint64_t gap_us = 1;
 };
 
-// Frames written 1 microsecond apart.
-synth::frame_sink timed_sink(writer &w) {
-    return [&w,
-            clock = uint64_t(1700000000ull * 1000000000u)](std::span<const uint8_t> frame) mutable {
+// Frames written gap_us microseconds apart.
+synth::frame_sink timed_sink(writer &w, uint64_t gap_us) {
+    uint64_t clock = 1700000000ull * 1000000000u;
+    return [&w, gap_us, clock](std::span<const uint8_t> frame) mutable {
         w.write(frame, clock);
-        clock += 1000;
+        clock += gap_us * 1000;
     };
 }
 
 int opens(const synth_options &o, bool answered) {
     writer w(o.out);
-    synth::open_files(timed_sink(w), o.count, o.connections, answered);
+    synth::open_files(timed_sink(w, o.gap_us), o.count, o.connections, answered);
     printf("%llu packets\n", static_cast<unsigned long long>(w.packets()));
     return 0;
 }
 
 int halfopen(const synth_options &o) {
     writer w(o.out);
-    synth::half_open(timed_sink(w), o.count);
+    synth::half_open(timed_sink(w, o.gap_us), o.count);
     printf("%llu packets\n", static_cast<unsigned long long>(w.packets()));
     return 0;
 }
@@ -173,8 +175,8 @@ int halfopen(const synth_options &o) {
 [[noreturn]] void usage() {
     fprintf(stderr,
             "usage: smb_capgen replicate -o OUT -n MIN_PACKETS CAPTURE...\n"
-            "       smb_capgen opens|unanswered -o OUT -n COUNT [-c CONNECTIONS]\n"
-            "       smb_capgen halfopen -o OUT -n CONNECTIONS\n");
+            "       smb_capgen opens|unanswered -o OUT -n COUNT [-c CONNECTIONS] [-g GAP_US]\n"
+            "       smb_capgen halfopen -o OUT -n CONNECTIONS [-g GAP_US]\n");
     exit(2);
 }
 
@@ -186,7 +188,7 @@ int main(int argc, char **argv) {
     synth_options o;
     int opt;
     optind = 2;
-    while ((opt = getopt(argc, argv, "o:n:c:")) != -1) {
+    while ((opt = getopt(argc, argv, "o:n:c:g:")) != -1) {
         switch (opt) {
             case 'o':
                 o.out = optarg;
@@ -196,6 +198,9 @@ int main(int argc, char **argv) {
                 break;
             case 'c':
                 o.connections = static_cast<uint32_t>(strtoul(optarg, nullptr, 10));
+                break;
+            case 'g':
+                o.gap_us = strtoull(optarg, nullptr, 10);
                 break;
             default:
                 usage();
