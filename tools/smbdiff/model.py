@@ -11,6 +11,7 @@ the rule is counted under its name (RULES) so that the check can say what it all
 from __future__ import annotations
 
 import ipaddress
+import math
 from collections import Counter
 from dataclasses import dataclass, field
 
@@ -73,6 +74,8 @@ RULES = {
     "unknown-request": "a response whose request was not parsed gets no name",
     "first-record": "a record keeps the operation, type, ids and names of its first message; "
                     "later messages of the same tree or file add only command bits and delete",
+    "collision": "a table record was taken over by another key that hashed to its slot, so "
+                 "a name or file id is not known when it is needed",
     "unmodelled": "something the model does not follow (listed with the differences)",
 }
 
@@ -184,42 +187,123 @@ class DataEntry:
     saved: int = 0
 
 
-class Tables:
-    """The plug-in's tables, without slot collisions (the captures are far below their sizes)."""
+def _crc32c_table() -> list[int]:
+    table = []
+    for i in range(256):
+        c = i
+        for _ in range(8):
+            c = (c >> 1) ^ 0x82F63B78 if c & 1 else c >> 1
+        table.append(c)
+    return table
 
-    def __init__(self) -> None:
-        self.msg: dict[tuple, MsgEntry] = {}
-        self.msg2: dict[tuple, Msg2Entry] = {}
-        self.tree: dict[tuple, TreeEntry] = {}
-        self.file: dict[tuple, FileEntry] = {}
-        self.data: dict[tuple, DataEntry] = {}
+
+_CRC32C = _crc32c_table()
+
+
+def crc32c(data: bytes, seed: int = 0) -> int:
+    """CRC-32C with the register starting at the seed itself and the result complemented,
+    as the plug-in's tables place their keys (seed 0)."""
+    c = seed
+    for b in data:
+        c = (c >> 8) ^ _CRC32C[(c ^ b) & 0xFF]
+    return c ^ 0xFFFFFFFF
+
+
+def slot_count(requested: int) -> int:
+    """The power of two nearest to the requested size (a tie going up), at least 1024."""
+    if requested <= 0:
+        return 1024
+    e = math.log(requested) * 1.4426950408889634
+    if e - int(e) >= 0.5:
+        e += 1.0
+    return 1 << int(max(e, 10.0))
+
+
+class SlotTable:
+    """One of the plug-in's hash tables: one record per slot, the slot chosen by the CRC-32C of
+    the packed key, a colliding key taking the slot over. Keys are (client address word,
+    client port, identifier); `layout` gives the identifier's size and whether it leads."""
+
+    def __init__(self, requested: int, id_size: int, id_first: bool = True) -> None:
+        self.mask = slot_count(requested) - 1
+        self.id_size, self.id_first = id_size, id_first
+        self.slots: dict[int, tuple[tuple, object]] = {}
+
+    def index(self, key: tuple) -> int:
+        addr, port, ident = key
+        k = addr.to_bytes(4, "little") + port.to_bytes(2, "little")
+        i = ident.to_bytes(self.id_size, "little")
+        return crc32c(i + k if self.id_first else k + i) & self.mask
+
+    def state(self, key: tuple):
+        """("empty" | "same" | "other", the slot's entry)."""
+        slot = self.slots.get(self.index(key))
+        if slot is None:
+            return "empty", None
+        return ("same" if slot[0] == key else "other"), slot[1]
+
+    def get(self, key: tuple):
+        kind, entry = self.state(key)
+        return entry if kind == "same" else None
+
+    def insert(self, key: tuple, entry) -> None:
+        """The first insert of a key wins; another key overwrites the slot."""
+        if self.state(key)[0] != "same":
+            self.slots[self.index(key)] = (key, entry)
+
+    def __setitem__(self, key: tuple, entry) -> None:
+        """Replaces the slot's record whatever key it held (the data table's rule)."""
+        self.slots[self.index(key)] = (key, entry)
+
+    def remove(self, key: tuple) -> None:
+        if self.state(key)[0] == "same":
+            del self.slots[self.index(key)]
+
+
+DEFAULT_SIZES = {"messagetable-size": 1024, "messagetable2-size": 65536,
+                 "treetable-size": 2048, "filetable-size": 1048576, "datatable-size": 1024}
+
+
+class Tables:
+    """The plug-in's tables, slot collisions included. With several queues each queue has
+    message tables of its own; the model keeps one pair, as with a single queue."""
+
+    def __init__(self, sizes: dict | None = None) -> None:
+        sz = dict(DEFAULT_SIZES, **(sizes or {}))
+        self.msg = SlotTable(sz["messagetable-size"], 8)
+        self.msg2 = SlotTable(sz["messagetable2-size"], 8)
+        self.tree = SlotTable(sz["treetable-size"], 4)
+        self.file = SlotTable(sz["filetable-size"], 8)
+        self.data = SlotTable(sz["datatable-size"], 1, id_first=False)
 
     def msg_insert(self, name: bytes | None, op: int, tree_id: int, key: tuple, mid: int) -> None:
-        self.msg.setdefault(key + (mid,), MsgEntry(name or bytes(128), op, tree_id))
+        self.msg.insert(key + (mid,), MsgEntry(name or bytes(128), op, tree_id))
 
     def msg2_insert(self, fid: int, tid: int, key: tuple, mid: int, delete: int) -> None:
-        self.msg2.setdefault(key + (mid,), Msg2Entry(fid, tid, delete))
+        self.msg2.insert(key + (mid,), Msg2Entry(fid, tid, delete))
 
     def tree_insert(self, name: bytes | None, pending, key: tuple, tid: int) -> None:
-        self.tree.setdefault(key + (tid,), TreeEntry(name or bytes(128), list(pending or (0, 0))))
+        self.tree.insert(key + (tid,), TreeEntry(name or bytes(128), list(pending or (0, 0))))
 
     def file_insert(self, name, name_empty, ftype, op, pending, tid, key, fid, label="") -> None:
-        self.file.setdefault(key + (fid,), FileEntry(name or bytes(128), name_empty, ftype, op,
-                                                     list(pending or (0, 0)), tid, 0, label))
+        self.file.insert(key + (fid,), FileEntry(name or bytes(128), name_empty, ftype, op,
+                                                 list(pending or (0, 0)), tid, 0, label))
 
     def file_add_command(self, key: tuple, fid: int, masks) -> None:
-        e = self.file.get(key + (fid,))
-        if e is None:
-            self.file[key + (fid,)] = FileEntry(bytes(128), 0, 0, 63, list(masks), 0)
-        else:
+        kind, e = self.file.state(key + (fid,))
+        if kind == "empty":
+            self.file.insert(key + (fid,), FileEntry(bytes(128), 0, 0, 63, list(masks), 0))
+        elif kind == "same":
             e.pending[0] |= masks[0]
             e.pending[1] |= masks[1]
 
     def file_set_delete_flag(self, key: tuple, fid: int, value: int) -> None:
-        e = self.file.get(key + (fid,))
-        if e is None:
-            e = self.file[key + (fid,)] = FileEntry(bytes(128), 0, 0, 63, [0, 0], 0)
-        e.delete_flags = value
+        kind, e = self.file.state(key + (fid,))
+        if kind == "empty":
+            e = FileEntry(bytes(128), 0, 0, 63, [0, 0], 0)
+            self.file.insert(key + (fid,), e)
+        if kind != "other":
+            e.delete_flags = value
 
 
 def addr32(ip: str) -> int:
@@ -258,13 +342,21 @@ CREATE_RESPONSE_MIN = 88
 class Parser:
     """The parser's handling of one capture, in capture order."""
 
-    def __init__(self, port: int = 445, create_response_min: int = CREATE_RESPONSE_MIN) -> None:
+    def __init__(self, port: int = 445, create_response_min: int = CREATE_RESPONSE_MIN,
+                 sizes: dict | None = None) -> None:
         self.port = port
         self.create_response_min = create_response_min
-        self.t = Tables()
+        self.t = Tables(sizes)
         self.rules: Counter = Counter()
         self.rule_examples: dict[str, str] = {}
         self.checked = Counter()  # what tshark showed that the records were compared against
+
+    def lookup(self, table: SlotTable, key: tuple):
+        """A table lookup that notes when the record was lost to a colliding key."""
+        kind, entry = table.state(key)
+        if kind == "other":
+            self.rule("collision", f"key {key}")
+        return entry if kind == "same" else None
 
     def rule(self, name: str, example: str = "") -> None:
         self.rules[name] += 1
@@ -319,7 +411,7 @@ class Parser:
                 return -1
             rec.file_id = m.file_id or 0
             if resp and rec.tree_id == 0:
-                e = self.t.file.get(key + (rec.file_id,))
+                e = self.lookup(self.t.file, key + (rec.file_id,))
                 rec.tree_id = e.tree_id if e else 0
             pkt.fold("tf", rec.tree_id, rec.file_id)
             return 0
@@ -345,7 +437,7 @@ class Parser:
         return 2
 
     def tree_connect_response(self, pkt, rec, m, key) -> int:
-        e = self.t.msg.get(key + (m.message_id,))
+        e = self.lookup(self.t.msg, key + (m.message_id,))
         if e is not None and not empty(e.name):
             self.t.tree_insert(e.name, None, key, rec.tree_id)
             if m.status == 0:
@@ -383,7 +475,7 @@ class Parser:
         rec.file_type = 1 if (m.attributes or 0) & wire.FILE_ATTRIBUTE_DIRECTORY else 2
         rec.op = (m.action or 0) & 0xFF
         rec.file_id = m.file_id or 0
-        e = self.t.msg.get(key + (m.message_id,))
+        e = self.lookup(self.t.msg, key + (m.message_id,))
         req_op, commands, linked = 0xFF, 0, 0
         if e is not None:
             req_op, commands, linked = e.op, e.commands, e.linked
@@ -416,7 +508,7 @@ class Parser:
         return render(e.name) if not empty(e.name) else "(share root)"
 
     def create_failure(self, pkt, rec, m, key) -> int:
-        e = self.t.msg.get(key + (m.message_id,))
+        e = self.lookup(self.t.msg, key + (m.message_id,))
         req_op, commands = 0xFF, CMD_INVALID
         if e is not None:
             req_op, commands = e.op, e.commands
@@ -437,7 +529,7 @@ class Parser:
         return 0
 
     def file_response(self, pkt, rec, m, key) -> int:
-        e = self.t.msg2.get(key + (m.message_id,))
+        e = self.lookup(self.t.msg2, key + (m.message_id,))
         delete = 0
         rec.file_id = 0
         if e is not None:
@@ -510,7 +602,7 @@ class Parser:
                 if c == TREE_CONNECT and not resp:
                     self.path_request(m, key, body)
                 elif c == TREE_CONNECT:
-                    e = self.t.msg.get(key + (m.message_id,))
+                    e = self.lookup(self.t.msg, key + (m.message_id,))
                     if e is not None and not empty(e.name):
                         self.t.tree_insert(e.name, (0, TREE_CONNECT_BIT), key, rec.tree_id)
                         self.rule("one-shot", m.label())
@@ -538,12 +630,12 @@ class Parser:
                         self.delete_check(rec, m, key)
                 elif c == OPLOCK_BREAK and resp:
                     if body >= 24 and rec.tree_id == 0:
-                        e = self.t.file.get(key + (rec.file_id,))
+                        e = self.lookup(self.t.file, key + (rec.file_id,))
                         rec.tree_id = e.tree_id if e else 0
         except ValueError:
             return -1
         if resp == 0 and rec.commands[0] & CREATE_BIT:
-            e = self.t.msg.get(key + (first_id,))
+            e = self.lookup(self.t.msg, key + (first_id,))
             if e is not None:
                 e.commands |= rec.commands[0]
                 e.linked = rec.message_id
@@ -555,7 +647,7 @@ class Parser:
         rec.file_type = 1 if (m.attributes or 0) & wire.FILE_ATTRIBUTE_DIRECTORY else 2
         rec.op = (m.action or 0) & 0xFF
         rec.file_id = m.file_id or 0
-        e = self.t.msg.get(key + (m.message_id,))
+        e = self.lookup(self.t.msg, key + (m.message_id,))
         if e is None:
             self.rule("unknown-request", m.label())
             return
@@ -571,7 +663,7 @@ class Parser:
         self.rule("related-first", m.label())
 
     def delete_check(self, rec: Record, m: Smb2Message, key: tuple) -> None:
-        e = self.t.msg2.get(key + (m.message_id,))
+        e = self.lookup(self.t.msg2, key + (m.message_id,))
         if e is not None and e.delete:
             rec.op |= 0x40 if m.status == 0 else 0xC0
             self.checked["operations"] += 1
@@ -601,7 +693,7 @@ class Parser:
         if c == TREE_CONNECT and not resp:
             self.path_request(m, key, body)
         elif c == TREE_CONNECT:
-            e = self.t.msg.get(key + (m.message_id,))
+            e = self.lookup(self.t.msg, key + (m.message_id,))
             if e is not None and not empty(e.name):
                 self.t.tree_insert(e.name, (0, TREE_CONNECT_BIT), key, tree_id)
         elif c == CREATE and not resp:
@@ -618,7 +710,7 @@ class Parser:
             op = (m.action or 0) & 0xFF
             ftype = 1 if (m.attributes or 0) & wire.FILE_ATTRIBUTE_DIRECTORY else 2
             fid = m.file_id or 0
-            e = self.t.msg.get(key + (m.message_id,))
+            e = self.lookup(self.t.msg, key + (m.message_id,))
             if e is None:
                 return
             if m.is_async:
@@ -639,7 +731,7 @@ class Parser:
             self.t.file_add_command(key, fid, (word, 0))
             self.rule("one-shot", m.label())
         elif c in FILE_REQUESTS:
-            e = self.t.msg2.get(key + (m.message_id,))
+            e = self.lookup(self.t.msg2, key + (m.message_id,))
             fid, delete = (e.file_id, e.delete) if e else (0, 0)
             if delete:
                 self.t.file_set_delete_flag(key, fid, 1 if m.status == 0 else 2)
@@ -725,7 +817,7 @@ class Parser:
         if e.saved < e.total:
             return 2
         pdu = e.pdu
-        del self.t.data[key]
+        self.t.data.remove(key)
         return self.compound(pkt, rec, pdu, e.total - 4)
 
 
@@ -766,9 +858,10 @@ class Model:
     """Runs a capture through the parser and the host's flow handling, then exports."""
 
     def __init__(self, port: int = 445, smb1_response_word: bool = True,
-                 create_response_min: int = CREATE_RESPONSE_MIN) -> None:
+                 create_response_min: int = CREATE_RESPONSE_MIN,
+                 sizes: dict | None = None) -> None:
         self.port = port
-        self.parser = Parser(port, create_response_min)
+        self.parser = Parser(port, create_response_min, sizes)
         self.flows: dict[tuple, Flow] = {}
         self.smb1_response_word = smb1_response_word
 
@@ -832,7 +925,7 @@ class Model:
         else:
             client = (addr32(first.src), first.sport)
         if r.file_id and r.file_name is None:
-            e = t.file.get(client + (r.file_id,))
+            e = self.parser.lookup(t.file, client + (r.file_id,))
             if e is not None:
                 r.file_type = e.file_type
                 file_op, flag = e.op, e.name_empty
@@ -854,7 +947,7 @@ class Model:
             else:
                 self.set_info_delete(r, client)
         if r.tree_id and r.tree_name is None:
-            e = t.tree.get(client + (r.tree_id,))
+            e = self.parser.lookup(t.tree, client + (r.tree_id,))
             if e is not None:
                 masks = list(e.pending)
                 e.pending = [0, 0]

@@ -217,19 +217,32 @@ class Result:
     rules: Counter
 
 
+def plugin_settings(params: str | None) -> tuple[int, dict]:
+    """The port and table sizes that a plug-in parameter string sets."""
+    port, sizes = 445, {}
+    for item in (params or "").split(","):
+        key, _, value = item.strip().partition("=")
+        if key == "port" and value:
+            port = int(value, 0)
+        elif key in model.DEFAULT_SIZES and value:
+            sizes[key] = int(value, 0)
+    return port, sizes
+
+
 def check_capture(path: str, args) -> Result:
     cap = wire.read_capture(path, args.tshark, args.port)
     written = read_records(run_smbflow(args.smbflow, args.plugin, path, args.params,
                                        args.queues), args.port)
-    intended = model.Model(port=args.port)
+    settings = {"port": args.port, "sizes": args.sizes}
+    intended = model.Model(**settings)
     expected = intended.run(cap)
     diffs = compare(expected, written)
     unexplained, by_bug = diffs, Counter()
     if diffs:
         switches = {k: v for bug in KNOWN_BUGS for k, v in bug.switch.items()}
-        unexplained = compare(model.Model(port=args.port, **switches).run(cap), written)
+        unexplained = compare(model.Model(**settings, **switches).run(cap), written)
         for bug in KNOWN_BUGS:
-            alone = compare(model.Model(port=args.port, **bug.switch).run(cap), written)
+            alone = compare(model.Model(**settings, **bug.switch).run(cap), written)
             if len(alone) < len(diffs):
                 by_bug[bug.name] = len(diffs) - len(alone)
     counts = Counter(intended.parser.checked)
@@ -249,7 +262,6 @@ def main(argv=None) -> int:
     ap.add_argument("--plugin", help="plug-in library handed to smbflow")
     ap.add_argument("--params", help="plug-in parameters handed to smbflow")
     ap.add_argument("--tshark", default="tshark")
-    ap.add_argument("--port", type=int, default=445)
     ap.add_argument("--queues", type=int, default=1,
                     help="smbflow's processing queues (a connection stays in one, so the "
                          "records do not depend on it)")
@@ -258,6 +270,11 @@ def main(argv=None) -> int:
     ap.add_argument("--verbose", action="store_true",
                     help="list the differences that known bugs explain, and every rule")
     args = ap.parse_args(argv)
+    try:
+        args.port, args.sizes = plugin_settings(args.params)
+    except ValueError:
+        print(f"smbdiff: cannot read the plug-in parameters {args.params!r}", file=sys.stderr)
+        return 2
     if shutil.which(args.tshark) is None:
         print(f"smbdiff: SKIP: {args.tshark} is not installed", file=sys.stderr)
         return SKIP

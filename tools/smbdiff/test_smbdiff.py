@@ -155,6 +155,41 @@ class NameCaptureTest(unittest.TestCase):
                 self.assertEqual(model.render(raw + bytes(128 - len(raw))), text)
 
 
+class TableTest(unittest.TestCase):
+    def test_crc32c_and_sizing(self):
+        self.assertEqual(model.crc32c(b"123456789", 0xFFFFFFFF), 0xE3069283)
+        for requested, slots in ((0, 1024), (-5, 1024), (1, 1024), (1000, 1024), (1448, 1024),
+                                 (1449, 2048), (2896, 2048), (2897, 4096), (65536, 65536)):
+            with self.subTest(requested=requested):
+                self.assertEqual(model.slot_count(requested), slots)
+
+    def colliding(self, table: model.SlotTable) -> tuple[tuple, tuple]:
+        first = (1, 2, 0)
+        for ident in range(1, 100000):
+            if table.index((1, 2, ident)) == table.index(first):
+                return first, (1, 2, ident)
+        raise AssertionError("no collision found")
+
+    def test_slot_rules(self):
+        small = {"filetable-size": 1024}
+        t = model.Tables(small)
+        a, b = self.colliding(t.file)
+        t.file_insert(b"A" * 128, 0, 2, 1, None, 5, a[:2], a[2])
+        t.file_add_command(b[:2], b[2], (0x1FF, 0))  # never displaces another key
+        self.assertEqual(t.file.get(a).name, b"A" * 128)
+        t.file_insert(b"A" * 128, 0, 2, 1, None, 5, a[:2], a[2])
+        t.file_insert(b"B" * 128, 0, 1, 2, None, 5, b[:2], b[2])  # the newest key wins
+        self.assertIsNone(t.file.get(a))
+        self.assertEqual((t.file.get(b).file_type, t.file.get(b).pending), (1, [0, 0]))
+        t.file_insert(b"C" * 128, 0, 2, 1, None, 5, b[:2], b[2])  # the first insert wins
+        self.assertEqual(t.file.get(b).name, b"B" * 128)
+        p = model.Parser(sizes=small)
+        self.assertIsNone(p.lookup(p.t.file, a))
+        p.t.file.insert(b, "x")
+        self.assertIsNone(p.lookup(p.t.file, a))
+        self.assertEqual(p.rules["collision"], 1)
+
+
 class ModelTest(unittest.TestCase):
     def test_tree_and_file_records(self):
         conv = Conversation()
