@@ -76,6 +76,12 @@ RULES = {
                     "later messages of the same tree or file add only command bits and delete",
     "collision": "a table record was taken over by another key that hashed to its slot, so "
                  "a name or file id is not known when it is needed",
+    "short-create": "a successful CREATE response needs the 89-byte body of its StructureSize; "
+                    "one without create contexts (88 bytes, as Samba sends for a plain open) is "
+                    "rejected, so that open gives no record, name, type or operation",
+    "smb1-no-response": "an SMB1 record takes its response word only while the other direction "
+                        "has counted no packet; the host counts each packet before the update "
+                        "hook, so a two-way SMB1 record keeps the invalid response marker",
     "unmodelled": "something the model does not follow (listed with the differences)",
 }
 
@@ -333,10 +339,11 @@ class Packet:
         self.folds.append(b"".join(v.to_bytes(n, "little") for v, n in zip(ids, sizes)))
 
 
-# The fixed part of a CREATE response ends after CreateContextsLength, 88 bytes into the body
-# (MS-SMB2 2.2.14; its StructureSize of 89 counts one byte of the variable buffer). Samba sends
-# exactly 88 bytes when a response has no create contexts.
-CREATE_RESPONSE_MIN = 88
+# The plug-in takes a successful CREATE response only with the 89-byte body that its
+# StructureSize names (MS-SMB2 2.2.14). The fixed part ends after CreateContextsLength, 88 bytes
+# in, and Samba sends exactly 88 bytes when a response has no create contexts: such opens are
+# not reported (rule "short-create").
+CREATE_RESPONSE_MIN = 89
 
 
 class Parser:
@@ -471,6 +478,7 @@ class Parser:
 
     def create_success(self, pkt, rec, m, key, body) -> int:
         if body < self.create_response_min:
+            self.rule("short-create", m.label())
             return -1
         rec.file_type = 1 if (m.attributes or 0) & wire.FILE_ATTRIBUTE_DIRECTORY else 2
         rec.op = (m.action or 0) & 0xFF
@@ -857,7 +865,7 @@ class Expected:
 class Model:
     """Runs a capture through the parser and the host's flow handling, then exports."""
 
-    def __init__(self, port: int = 445, smb1_response_word: bool = True,
+    def __init__(self, port: int = 445, smb1_response_word: bool = False,
                  create_response_min: int = CREATE_RESPONSE_MIN,
                  sizes: dict | None = None) -> None:
         self.port = port
@@ -904,8 +912,11 @@ class Model:
         if rec.version == 1:
             # The first SMB1 message against the flow's first direction gives the response
             # word (the counter already holds this packet).
-            if not same_way and self.smb1_response_word and flow.packets[1] == 1:
-                r.commands[1] = rec.commands[0]
+            if not same_way and flow.packets[1] == 1:
+                if self.smb1_response_word:
+                    r.commands[1] = rec.commands[0]
+                else:
+                    self.parser.rule("smb1-no-response")
             return
         r.commands[0 if same_way else 1] |= rec.commands[0]
         if (rec.commands[0] | rec.commands[1]) & SET_INFO_BIT:
