@@ -83,8 +83,8 @@ int main(int argc, char **argv) {
                       frame(kEthernet, udp_datagram(ipv4(192, 168, 56, 1), ipv4(192, 168, 56, 10),
                                                     53, 53001, answer)),
                       0});
-    for (const auto &spec : {reader, writer}) {
-        auto f = frames_of(kEthernet, smb2_session(spec));
+    for (const auto &segment : {reader, writer}) {
+        auto f = frames_of(kEthernet, smb2_session(segment));
         frames.insert(frames.end(), f.begin(), f.end());
     }
     std::stable_sort(frames.begin(), frames.end(),

@@ -31,7 +31,7 @@ struct TcpSpec {
     Bytes ipv6_ext;     // a hop-by-hop options header put in front of TCP (IPv6 only)
 };
 
-Bytes tcp_datagram(const TcpSpec &spec);
+Bytes tcp_datagram(const TcpSpec &segment);
 Bytes udp_datagram(const Addr &src, const Addr &dst, uint16_t sport, uint16_t dport,
                    const Bytes &payload);
 

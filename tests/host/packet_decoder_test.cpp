@@ -18,7 +18,7 @@ using corvane_host::DecodeStatus;
 
 const Bytes kPayload = {'h', 'e', 'l', 'l', 'o'};
 
-TcpSpec spec(bool v6) {
+TcpSpec segment(bool v6) {
     TcpSpec s;
     s.src = v6 ? ipv6("2001:db8::1") : ipv4(10, 0, 0, 1);
     s.dst = v6 ? ipv6("2001:db8::2") : ipv4(10, 0, 0, 2);
@@ -43,7 +43,7 @@ TEST_P(DecodeLink, FindsAddressesPortsAndPayloadWithoutTrailer) {
     const auto &[link, v6] = GetParam();
     if ((link.dlt == corvane_host::kLinkIpv4 && v6) || (link.dlt == corvane_host::kLinkIpv6 && !v6))
         GTEST_SKIP();
-    const Bytes ip = tcp_datagram(spec(v6));
+    const Bytes ip = tcp_datagram(segment(v6));
     const Bytes f = frame(link.file_link, ip, link.vlans, link.file_link == kEthernet ? 6 : 0);
     DecodedPacket d;
     ASSERT_EQ(decode_frame(link.dlt, f.data(), f.size(), d), DecodeStatus::Ok) << link.name;
@@ -59,8 +59,8 @@ TEST_P(DecodeLink, FindsAddressesPortsAndPayloadWithoutTrailer) {
     EXPECT_EQ(Bytes(p.data + p.payload_offset, p.data + p.length), kPayload);
     EXPECT_EQ(p.ipv4_aux16, 0);
     if (v6) {
-        EXPECT_EQ(0, memcmp(p.src_addr.v6, spec(true).src.bytes.data(), 16));
-        EXPECT_EQ(0, memcmp(p.dst_addr.v6, spec(true).dst.bytes.data(), 16));
+        EXPECT_EQ(0, memcmp(p.src_addr.v6, segment(true).src.bytes.data(), 16));
+        EXPECT_EQ(0, memcmp(p.dst_addr.v6, segment(true).dst.bytes.data(), 16));
     } else {
         EXPECT_EQ(p.src_addr.v4, htonl(0x0a000001));
         EXPECT_EQ(p.dst_addr.v4, htonl(0x0a000002));
@@ -86,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Decode, NullLinkInBigEndianOrder) {
     Bytes f = {0, 0, 0, 2};
-    const Bytes ip = tcp_datagram(spec(false));
+    const Bytes ip = tcp_datagram(segment(false));
     f.insert(f.end(), ip.begin(), ip.end());
     DecodedPacket d;
     EXPECT_EQ(decode_frame(corvane_host::kLinkNull, f.data(), f.size(), d), DecodeStatus::Ok);
@@ -94,7 +94,7 @@ TEST(Decode, NullLinkInBigEndianOrder) {
 }
 
 TEST(Decode, TcpOptionsMovePayload) {
-    TcpSpec s = spec(false);
+    TcpSpec s = segment(false);
     s.tcp_options = {1, 1, 8, 10, 0, 0, 0, 1, 0, 0, 0, 2};  // NOP NOP timestamps
     const Bytes f = frame(kEthernet, tcp_datagram(s));
     DecodedPacket d;
@@ -104,7 +104,7 @@ TEST(Decode, TcpOptionsMovePayload) {
 }
 
 TEST(Decode, Ipv6ExtensionHeadersAreSkipped) {
-    TcpSpec s = spec(true);
+    TcpSpec s = segment(true);
     s.ipv6_ext = {0, 0, 1, 4, 0, 0, 0, 0};  // hop-by-hop, PadN
     const Bytes f = frame(kEthernet, tcp_datagram(s));
     DecodedPacket d;
@@ -115,10 +115,10 @@ TEST(Decode, Ipv6ExtensionHeadersAreSkipped) {
 }
 
 TEST(Decode, Ipv4FragmentsCarryTheFragmentField) {
-    Bytes first = tcp_datagram(spec(false));
+    Bytes first = tcp_datagram(segment(false));
     first[6] = 0x20;  // MF, offset 0
     first[7] = 0x00;
-    Bytes later = tcp_datagram(spec(false));
+    Bytes later = tcp_datagram(segment(false));
     later[6] = 0x00;  // offset 100 (in 8-byte units)
     later[7] = 100;
     DecodedPacket d;
@@ -132,7 +132,7 @@ TEST(Decode, Ipv4FragmentsCarryTheFragmentField) {
 }
 
 TEST(Decode, Ipv6FragmentsAreNotTakenForTcp) {
-    TcpSpec s = spec(true);
+    TcpSpec s = segment(true);
     s.ipv6_ext = {0, 0, 0, 1, 0, 0, 0, 7};  // placeholder, turned into a fragment header below
     Bytes ip = tcp_datagram(s);
     ip[6] = 44;  // next header: fragment
@@ -144,7 +144,7 @@ TEST(Decode, Ipv6FragmentsAreNotTakenForTcp) {
 }
 
 TEST(Decode, OversizeDatagramIsCapped) {
-    TcpSpec s = spec(false);
+    TcpSpec s = segment(false);
     s.payload.assign(70000, 'x');
     Bytes ip = tcp_datagram(s);
     ip[2] = ip[3] = 0;  // segmentation offload leaves the length field empty
@@ -157,7 +157,7 @@ TEST(Decode, OversizeDatagramIsCapped) {
 }
 
 TEST(Decode, SnapLengthCutsPayloadButNotCounts) {
-    TcpSpec s = spec(false);
+    TcpSpec s = segment(false);
     s.payload.assign(1000, 'x');
     const Bytes ip = tcp_datagram(s);
     DecodedPacket d;
@@ -180,12 +180,12 @@ TEST(Decode, BadAndForeignFrames) {
     Bytes arp(42, 0);
     arp[12] = 0x08;
     arp[13] = 0x06;
-    Bytes bad_ihl = tcp_datagram(spec(false));
+    Bytes bad_ihl = tcp_datagram(segment(false));
     bad_ihl[0] = 0x44;
-    Bytes short_total = tcp_datagram(spec(false));
+    Bytes short_total = tcp_datagram(segment(false));
     short_total[2] = 0;
     short_total[3] = 10;
-    Bytes v6_short = tcp_datagram(spec(true));
+    Bytes v6_short = tcp_datagram(segment(true));
     v6_short.resize(30);
     const Case cases[] = {
         {"arp", 1, arp, DecodeStatus::NotIp},
@@ -196,7 +196,7 @@ TEST(Decode, BadAndForeignFrames) {
         {"total length below header", 228, short_total, DecodeStatus::Malformed},
         {"ipv6 header cut", 229, v6_short, DecodeStatus::Truncated},
         {"raw, version 5", 12, Bytes{0x50, 0, 0, 0}, DecodeStatus::NotIp},
-        {"unknown link", 147, tcp_datagram(spec(false)), DecodeStatus::NotIp},
+        {"unknown link", 147, tcp_datagram(segment(false)), DecodeStatus::NotIp},
         {"loop, unknown family", 108, Bytes{0, 0, 0, 7, 0x45}, DecodeStatus::NotIp},
     };
     for (const Case &c : cases) {
@@ -221,10 +221,10 @@ TEST(Decode, RandomAndMutatedFramesStayInBounds) {
         return state;
     };
     const int links[] = {0, 1, 12, 14, 108, 113, 228, 229, 276};
-    TcpSpec s = spec(true);
+    TcpSpec s = segment(true);
     s.ipv6_ext = {0, 0, 1, 4, 0, 0, 0, 0};
-    const Bytes seeds[] = {frame(kEthernet, tcp_datagram(spec(false)), 2),
-                           frame(kSll2, tcp_datagram(s)), tcp_datagram(spec(false))};
+    const Bytes seeds[] = {frame(kEthernet, tcp_datagram(segment(false)), 2),
+                           frame(kSll2, tcp_datagram(s)), tcp_datagram(segment(false))};
     for (int round = 0; round < 20000; ++round) {
         const int link = links[next() % std::size(links)];
         Bytes f;
