@@ -54,6 +54,6 @@ struct SessionSpec {
     uint64_t start_ns = 0;
 };
 
-std::vector<Packet> smb2_session(const SessionSpec &spec);
+std::vector<Packet> smb2_session(const SessionSpec &session);
 
 }  // namespace testnet
