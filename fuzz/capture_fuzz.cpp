@@ -3,14 +3,12 @@
 // the plug-in (linked in, small tables), and every flow record is exported and formatted as
 // smbflow writes it. Two queues when the file's last byte is odd, so that the shared tables are
 // used from two threads.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <string>
 
 #include "capture.h"
 #include "cv_log.h"
 #include "flow_format.h"
+#include "fuzz_input.h"
 #include "host.h"
 #include "packet_decoder.h"
 #include "pipeline.h"
@@ -23,34 +21,11 @@ constexpr const char *kSizes =
     "datatable-size=1024";
 constexpr uint64_t kMaxFrames = 20000;
 
-// The input as a file without touching the file system: a memory file named through /proc.
-class memory_file {
-  public:
-    memory_file(const uint8_t *data, size_t size) {
-        fd_ = memfd_create("capture-fuzz", 0);
-        if (fd_ < 0) return;
-        for (size_t done = 0; done < size;) {
-            const ssize_t n = write(fd_, data + done, size - done);
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-        path_ = "/proc/self/fd/" + std::to_string(fd_);
-    }
-    ~memory_file() {
-        if (fd_ >= 0) close(fd_);
-    }
-    const std::string &path() const { return path_; }
-
-  private:
-    int fd_ = -1;
-    std::string path_;
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     g_CvLogCtx.level = 0xffffffffu;
-    memory_file file(data, size);
+    fuzz::memory_file file(data, size);
     if (file.path().empty()) return 0;
     smbflow::Capture capture = smbflow::Capture::files({file.path()}, "");
     if (!capture.open()) return 0;

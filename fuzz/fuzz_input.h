@@ -4,6 +4,8 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <span>
@@ -50,5 +52,35 @@ inline std::string c_string(std::span<const uint8_t> bytes) {
     s.resize(s.find('\0') == std::string::npos ? s.size() : s.find('\0'));
     return s;
 }
+
+// Bytes as a file without touching the file system: a memory file named through /proc, closed
+// when the scope ends. path() is empty when the file could not be made.
+class memory_file {
+  public:
+    memory_file(const void *data, size_t size) {
+        fd_ = memfd_create("fuzz-input", 0);
+        if (fd_ < 0) return;
+        const auto *bytes = static_cast<const uint8_t *>(data);
+        for (size_t done = 0; done < size;) {
+            const ssize_t n = write(fd_, bytes + done, size - done);
+            if (n <= 0) break;
+            done += static_cast<size_t>(n);
+        }
+        path_ = "/proc/self/fd/" + std::to_string(fd_);
+    }
+    explicit memory_file(const std::string &content)
+        : memory_file(content.data(), content.size()) {}
+    ~memory_file() {
+        if (fd_ >= 0) close(fd_);
+    }
+    memory_file(const memory_file &) = delete;
+    memory_file &operator=(const memory_file &) = delete;
+
+    const std::string &path() const { return path_; }
+
+  private:
+    int fd_ = -1;
+    std::string path_;
+};
 
 }  // namespace fuzz

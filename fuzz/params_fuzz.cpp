@@ -5,7 +5,6 @@
 // Input: one mode byte, then the text. Mode bit 0 clear: the text is passed inline; set: it is
 // written to a file whose path is passed instead.
 #include <stdio.h>
-#include <sys/mman.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -29,30 +28,6 @@ size_t occurrences(const std::string &text, const char *needle) {
         ++n;
     return n;
 }
-
-// A file holding the text without touching the file system: a memory file named through
-// /proc, closed when the scope ends.
-class memory_file {
-  public:
-    explicit memory_file(const std::string &content) {
-        fd_ = memfd_create("smb-params-fuzz", 0);
-        if (fd_ < 0) return;
-        for (size_t done = 0; done < content.size();) {
-            const ssize_t n = write(fd_, content.data() + done, content.size() - done);
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-        path_ = "/proc/self/fd/" + std::to_string(fd_);
-    }
-    ~memory_file() {
-        if (fd_ >= 0) close(fd_);
-    }
-    const std::string &path() const { return path_; }
-
-  private:
-    int fd_ = -1;
-    std::string path_;
-};
 
 void parse(const char *text, const std::string &content, uint8_t mode) {
     int32_t port = -1, sizes[5] = {-1, -1, -1, -1, -1}, needed = 0, broken = 0;
@@ -95,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string content = fuzz::c_string(in.remaining());
 
     if (mode & 1) {
-        memory_file file(content);
+        fuzz::memory_file file(content);
         if (!file.path().empty()) parse(file.path().c_str(), content, mode);
     } else if (content.empty() || access(content.c_str(), F_OK) != 0) {
         // An inline text that happens to name a file on this machine would make the input mean

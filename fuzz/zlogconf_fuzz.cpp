@@ -1,37 +1,12 @@
 // Fuzzes the zlog back end's configuration reader: the input is a configuration file; every
 // format and rule that it yields is then rendered and matched for a few categories and levels.
 // Nothing is written to the configured outputs.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <string>
 
+#include "fuzz_input.h"
 #include "zlog_conf.h"
 
 namespace {
-
-// The input as a file without touching the file system: a memory file read through /proc.
-class memory_file {
-  public:
-    memory_file(const uint8_t *data, size_t size) {
-        fd_ = memfd_create("zlog-conf-fuzz", 0);
-        if (fd_ < 0) return;
-        for (size_t done = 0; done < size;) {
-            const ssize_t n = write(fd_, data + done, size - done);
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-        path_ = "/proc/self/fd/" + std::to_string(fd_);
-    }
-    ~memory_file() {
-        if (fd_ >= 0) close(fd_);
-    }
-    const char *path() const { return path_.empty() ? nullptr : path_.c_str(); }
-
-  private:
-    int fd_ = -1;
-    std::string path_;
-};
 
 void use(const zl::Config &config) {
     constexpr std::string_view kCategories[] = {"smb", "smb_parser", "", "*", "a_b_c"};
@@ -63,9 +38,9 @@ void use(const zl::Config &config) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    memory_file file(data, size);
-    if (!file.path()) return 0;
+    fuzz::memory_file file(data, size);
+    if (file.path().empty()) return 0;
     std::string error;
-    if (auto config = zl::load_config(file.path(), error)) use(*config);
+    if (auto config = zl::load_config(file.path().c_str(), error)) use(*config);
     return 0;
 }
