@@ -17,51 +17,70 @@ std::string default_text(const FieldDef &field) {
     return number_text(v.data(), static_cast<uint32_t>(v.size()));
 }
 
-Exporter::Exporter(const Host &host) : host_(host), fields_(host.fields()) {}
+Exporter::Exporter(const Host &host, FillForms forms)
+    : host_(host), forms_(forms), fields_(host.fields()) {
+    for (const FieldDef *f : fields_)
+        default_texts_.push_back(f->has_default ? default_text(*f) : std::string());
+}
 
-FieldValue Exporter::evaluate(const FieldDef &field, uint32_t position, host_flow_record &rec,
-                              host_slot *slot) const {
-    FieldValue value;
+void Exporter::evaluate(const FieldDef &field, uint32_t position, host_flow_record &rec,
+                        host_slot *slot, FieldValue &value) {
+    value.kind = FieldValue::Kind::Absent;
+    value.binary.clear();
+    value.text.clear();
     const int valid = field.validity ? field.validity(field.ctx, &rec, slot) : 1;
     if (valid) {
         if (field.length) field.length(field.ctx, &rec, slot);
-        FieldOutput binary, text;
-        if (field.fill) field.fill(field.ctx, &rec, slot, &binary, position, kByteOrderHost);
-        if (field.fill_txt) field.fill_txt(field.ctx, &rec, slot, &text, position, kByteOrderHost);
+        binary_.binary.clear();
+        binary_.text.clear();
+        binary_.writes = 0;
+        text_.binary.clear();
+        text_.text.clear();
+        text_.writes = 0;
+        const bool both = forms_ == FillForms::Both;
+        const bool is_string = field.type == CORVANE_FIELD_STRING;
+        if (field.fill && (both || !is_string))
+            field.fill(field.ctx, &rec, slot, &binary_, position, kByteOrderHost);
+        if (field.fill_txt && (both || is_string))
+            field.fill_txt(field.ctx, &rec, slot, &text_, position, kByteOrderHost);
         // A valid field whose fill writes nothing has no value for this flow, and its
         // default does not stand in for it either.
-        if (binary.writes == 0 && text.writes == 0) return value;
+        if (binary_.writes == 0 && text_.writes == 0) return;
         value.kind = FieldValue::Kind::Value;
-        value.binary = std::move(binary.binary);
-        value.text = std::move(text.text);
-        return value;
+        value.binary.assign(binary_.binary.begin(), binary_.binary.end());
+        value.text.assign(text_.text);
+        return;
     }
     if (field.has_default) {
         value.kind = FieldValue::Kind::Default;
-        value.binary = field.default_value;
-        value.text = default_text(field);
+        value.binary.assign(field.default_value.begin(), field.default_value.end());
+        value.text.assign(default_texts_[position]);
     }
-    return value;
 }
 
 ExportedFlow Exporter::run(FlowHandoff &flow) {
     ExportedFlow out;
+    run(flow, out);
+    return out;
+}
+
+void Exporter::run(FlowHandoff &flow, ExportedFlow &out) {
+    out.plugin_records = 0;
     const size_t n = host_.plugin_count();
     for (size_t i = 0; i < n; ++i) {
         const PluginInstance &p = host_.plugin(i);
         if (flow.slots[i]) out.plugin_records |= 1u << i;
         if (p.postprocess) p.postprocess(p.postprocess_ctx, &flow.rec, &flow.slots[i]);
     }
-    out.fields.reserve(fields_.size());
+    out.fields.resize(fields_.size());
     for (uint32_t pos = 0; pos < fields_.size(); ++pos) {
         const FieldDef &f = *fields_[pos];
-        out.fields.push_back(evaluate(f, pos, flow.rec, &flow.slots[f.plugin_index]));
+        evaluate(f, pos, flow.rec, &flow.slots[f.plugin_index], out.fields[pos]);
     }
     out.rec = flow.rec;
     out.flow_hash = flow.flow_hash;
     out.reason = flow.reason;
     discard(flow);
-    return out;
 }
 
 void Exporter::discard(FlowHandoff &flow) {

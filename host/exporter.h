@@ -34,12 +34,22 @@ struct ExportedFlow {
     uint32_t plugin_records = 0;     // bit i: plug-in i had a record in the flow's slot
 };
 
+// Which of a field's fill callbacks the exporter asks for its value.
+enum class FillForms : uint8_t {
+    Both,      // binary and text, for every field
+    Readable,  // what a reader of numbers and names needs: the binary form of a number field,
+               // the text form of a string field
+};
+
 class Exporter {
   public:
-    explicit Exporter(const Host &host);
+    explicit Exporter(const Host &host, FillForms forms = FillForms::Both);
 
     // Post-processes and exports one flow record, then frees the records in its slots.
     ExportedFlow run(FlowHandoff &flow);
+    // The same into `out`, whose buffers are reused from one record to the next (the export
+    // thread's loop makes no allocation per record this way).
+    void run(FlowHandoff &flow, ExportedFlow &out);
 
     // Frees the records of a flow record that will not be exported.
     void discard(FlowHandoff &flow);
@@ -47,11 +57,14 @@ class Exporter {
     const std::vector<const FieldDef *> &fields() const { return fields_; }
 
   private:
-    FieldValue evaluate(const FieldDef &field, uint32_t position, host_flow_record &rec,
-                        host_slot *slot) const;
+    void evaluate(const FieldDef &field, uint32_t position, host_flow_record &rec, host_slot *slot,
+                  FieldValue &value);
 
     const Host &host_;
+    FillForms forms_;
     std::vector<const FieldDef *> fields_;
+    std::vector<std::string> default_texts_;  // by position
+    FieldOutput binary_, text_;               // what the fill callbacks write, reused
 };
 
 // Text of a field's default value, as the text writers would render it.

@@ -42,6 +42,7 @@ ConnKey conn_key_of(const host_packet &pkt, bool &from_a) {
         key.port_a = pkt.dst_port;
         key.port_b = pkt.src_port;
     }
+    key.digest = conn_hash(key);
     return key;
 }
 

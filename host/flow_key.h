@@ -20,6 +20,7 @@ struct ConnKey {
     uint16_t port_b = 0;
     uint8_t ip_version = 0;
     uint8_t protocol = 0;
+    uint64_t digest = 0;  // conn_hash of the fields above, set by conn_key_of
 
     bool operator==(const ConnKey &) const = default;
 };
@@ -31,19 +32,21 @@ struct FlowKey {
     bool operator==(const FlowKey &) const = default;
 };
 
-// The packet's connection key; `from_a` tells whether the packet's source is endpoint a.
+// The packet's connection key, with its digest; `from_a` tells whether the packet's source
+// is endpoint a.
 ConnKey conn_key_of(const host_packet &pkt, bool &from_a);
 
-// A 64-bit hash of the connection key: the same for both directions of a connection.
+// A 64-bit hash of the connection key's endpoints and protocol: the same for both directions
+// of a connection. Keys made by conn_key_of carry it as their digest.
 uint64_t conn_hash(const ConnKey &key);
 
 struct ConnKeyHash {
-    size_t operator()(const ConnKey &k) const { return conn_hash(k); }
+    size_t operator()(const ConnKey &k) const { return k.digest; }
 };
 
 struct FlowKeyHash {
     size_t operator()(const FlowKey &k) const {
-        return conn_hash(k.conn) ^ (k.hash * 0x9e3779b97f4a7c15ull);
+        return k.conn.digest ^ (k.hash * 0x9e3779b97f4a7c15ull);
     }
 };
 

@@ -55,15 +55,37 @@ bool Queue::timed_out(const Flow &flow, uint64_t now_ns) const {
            (now_ns > flow.rec.first_ns && now_ns - flow.rec.first_ns >= config_.active_timeout_ns);
 }
 
+namespace {
+
+uint64_t saturating_add(uint64_t a, uint64_t b) {
+    return a > UINT64_MAX - b ? UINT64_MAX : a + b;
+}
+
+}  // namespace
+
+uint64_t Queue::deadline(const Flow &flow) const {
+    return std::min(saturating_add(flow.rec.last_ns, config_.inactive_timeout_ns),
+                    saturating_add(flow.rec.first_ns, config_.active_timeout_ns));
+}
+
+void Queue::schedule(const FlowKey &key, Flow &flow) {
+    flow.check_ns = deadline(flow);
+    checks_.push({flow.check_ns, key});
+}
+
 void Queue::process(host_packet &pkt, uint64_t bytes) {
+    bool from_a;
+    const ConnKey ck = conn_key_of(pkt, from_a);
+    process(pkt, bytes, ck, from_a);
+}
+
+void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool from_a) {
     const uint64_t now = pkt.timestamp_ns;
     advance(now);
     ++stats_.packets;
 
     // The connection's first packet fixes which way is "the other way" until the flow
     // record is known; after the filter hooks the flow record's own first packet decides.
-    bool from_a;
-    const ConnKey ck = conn_key_of(pkt, from_a);
     auto [conn_it, conn_new] = conns_.try_emplace(ck);
     Conn &conn = conn_it->second;
     if (conn_new || (now > conn.last_ns && now - conn.last_ns >= config_.inactive_timeout_ns))
@@ -71,7 +93,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     conn.last_ns = std::max(conn.last_ns, now);
     const unsigned pre_dir = from_a != conn.first_from_a;
 
-    pkt.flow_hash = conn_hash(ck);
+    pkt.flow_hash = ck.digest;
     pkt.flags = static_cast<uint16_t>(pre_dir);
     pkt.dir_counters[0] = {};
     pkt.dir_counters[1] = {};
@@ -104,6 +126,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
         f.rec.protocol = pkt.protocol;
         f.rec.first_ns = now;
         f.rec.last_ns = now;
+        schedule(it->first, f);
         ++stats_.flows_created;
     }
     Flow &flow = it->second;
@@ -176,13 +199,37 @@ void Queue::export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool 
 
 void Queue::sweep(uint64_t now_ns) {
     std::vector<FlowIter> victims;
-    for (auto it = flows_.begin(); it != flows_.end(); ++it)
-        if (timed_out(it->second, now_ns)) victims.push_back(it);
+    while (!checks_.empty() && checks_.top().due_ns <= now_ns) {
+        const Check check = checks_.top();
+        checks_.pop();
+        auto it = flows_.find(check.key);
+        // An entry is stale when its flow left the cache (and maybe came back as a new flow
+        // with another entry) or was filed again later.
+        if (it == flows_.end() || it->second.check_ns != check.due_ns) continue;
+        Flow &flow = it->second;
+        if (timed_out(flow, now_ns)) {
+            flow.check_ns = UINT64_MAX;
+            victims.push_back(it);
+        } else if (deadline(flow) > now_ns) {
+            schedule(it->first, flow);
+        } else {
+            // Due but not timed out: only a zero timeout gets here, on a flow whose last
+            // packet is stamped with the current time. Look again at the next sweep.
+            flow.check_ns = now_ns + config_.sweep_interval_ns;
+            checks_.push({flow.check_ns, it->first});
+        }
+    }
     export_sorted(victims, now_ns, false);
-    std::erase_if(conns_, [&](const auto &entry) {
-        return now_ns > entry.second.last_ns &&
-               now_ns - entry.second.last_ns >= config_.inactive_timeout_ns;
-    });
+    // A connection entry only remembers which way its first packet went, and process()
+    // ignores an expired one; dropping them is for memory and need not be done every sweep.
+    if (now_ns >= next_conn_sweep_ns_) {
+        std::erase_if(conns_, [&](const auto &entry) {
+            return now_ns > entry.second.last_ns &&
+                   now_ns - entry.second.last_ns >= config_.inactive_timeout_ns;
+        });
+        next_conn_sweep_ns_ =
+            now_ns + std::max(config_.sweep_interval_ns, config_.inactive_timeout_ns / 4);
+    }
 }
 
 void Queue::flush() {
@@ -191,6 +238,7 @@ void Queue::flush() {
         victims.push_back(it);
     export_sorted(victims, clock_ns_, true);
     conns_.clear();
+    checks_ = {};
 }
 
 }  // namespace corvane_host

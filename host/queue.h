@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <queue>
 #include <unordered_map>
 #include <vector>
 
@@ -57,6 +58,8 @@ class Queue {
     // ports, ip_version, protocol, ipv4_aux16, tcp_flags and timestamp_ns; `bytes` is what
     // the packet counts in its flow. The queue sets flow_hash, flags and dir_counters.
     void process(host_packet &pkt, uint64_t bytes);
+    // The same with the packet's connection key already made (conn_key_of).
+    void process(host_packet &pkt, uint64_t bytes, const ConnKey &key, bool from_a);
 
     // Moves the queue's capture-time clock; flows idle or open too long are exported.
     void advance(uint64_t now_ns);
@@ -74,6 +77,15 @@ class Queue {
         std::array<host_slot, kMaxPlugins> slots{};
         uint32_t update_off = 0;  // plug-ins whose update hook this flow no longer calls
         bool src_is_a = true;     // the first packet came from endpoint a
+        uint64_t check_ns = 0;    // when its entry in the timeout heap falls due
+    };
+    // A flow record to look at once capture time reaches `due_ns`. Packets push a flow's
+    // timeout later without touching its entry; the sweep then finds the flow still active
+    // and files it again, so the heap sees each flow about once per timeout period.
+    struct Check {
+        uint64_t due_ns;
+        FlowKey key;
+        bool operator>(const Check &o) const { return due_ns > o.due_ns; }
     };
     struct Conn {
         bool first_from_a = true;
@@ -81,6 +93,8 @@ class Queue {
     };
 
     bool timed_out(const Flow &flow, uint64_t now_ns) const;
+    uint64_t deadline(const Flow &flow) const;
+    void schedule(const FlowKey &key, Flow &flow);
     void hand_off(const FlowKey &key, Flow &flow, ExportReason reason);
     void sweep(uint64_t now_ns);
     using FlowMap = std::unordered_map<FlowKey, Flow, FlowKeyHash>;
@@ -94,8 +108,10 @@ class Queue {
     std::array<QueueHooks, kMaxPlugins> hooks_{};
     FlowMap flows_;
     std::unordered_map<ConnKey, Conn, ConnKeyHash> conns_;
+    std::priority_queue<Check, std::vector<Check>, std::greater<>> checks_;
     uint64_t clock_ns_ = 0;
     uint64_t next_sweep_ns_ = 0;
+    uint64_t next_conn_sweep_ns_ = 0;
     QueueStats stats_;
 };
 

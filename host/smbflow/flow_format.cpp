@@ -21,11 +21,26 @@ const char *const kSmb2Commands[] = {
 constexpr const char *kFieldNames[] = {"SMB_CMD_REQUEST", "SMB_CMD_RESPONSE", "SMB_TREE",
                                        "SMB_FILE_TYPE",   "SMB_FILE_NAME",    "SMB_OP"};
 
-Cell cell(std::string v) {
-    return Cell{std::move(v), std::nullopt};
+// The cell's value, emptied for a new record; its buffer is kept. Only the protocol column
+// has a display text, and it sets that itself.
+std::string &value_of(Cell &c) {
+    if (c.value)
+        c.value->clear();
+    else
+        c.value.emplace();
+    return *c.value;
 }
-Cell null_cell() {
-    return Cell{};
+
+void set_null(Cell &c) {
+    c.value.reset();
+}
+
+void append_addr(std::string &out, const host_addr &addr, uint8_t ip_version) {
+    char buf[INET6_ADDRSTRLEN];
+    if (ip_version == 4)
+        out += inet_ntop(AF_INET, &addr.v4, buf, sizeof buf);
+    else
+        out += inet_ntop(AF_INET6, addr.v6, buf, sizeof buf);
 }
 
 }  // namespace
@@ -59,19 +74,33 @@ const std::vector<Column> &columns() {
     return cols;
 }
 
+// Records come in time order, so the calendar part of a timestamp rarely changes from one to
+// the next: each thread keeps the last second it formatted.
+void append_time(std::string &out, uint64_t ns) {
+    thread_local time_t cached_secs = -1;
+    thread_local char cached[24];
+    thread_local size_t cached_len = 0;
+    const auto secs = static_cast<time_t>(ns / 1'000'000'000ull);
+    if (secs != cached_secs) {
+        struct tm tm;
+        gmtime_r(&secs, &tm);
+        cached_len = strftime(cached, sizeof cached, "%Y-%m-%dT%H:%M:%S", &tm);
+        cached_secs = secs;
+    }
+    out.append(cached, cached_len);
+    fmt::format_to(std::back_inserter(out), ".{:06}Z", (ns % 1'000'000'000ull) / 1000);
+}
+
 std::string format_time(uint64_t ns) {
-    const time_t secs = static_cast<time_t>(ns / 1'000'000'000ull);
-    struct tm tm;
-    gmtime_r(&secs, &tm);
-    char buf[32];
-    strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &tm);
-    return fmt::format("{}.{:06}Z", buf, (ns % 1'000'000'000ull) / 1000);
+    std::string out;
+    append_time(out, ns);
+    return out;
 }
 
 std::string format_addr(const host_addr &addr, uint8_t ip_version) {
-    char buf[INET6_ADDRSTRLEN];
-    if (ip_version == 4) return inet_ntop(AF_INET, &addr.v4, buf, sizeof buf);
-    return inet_ntop(AF_INET6, addr.v6, buf, sizeof buf);
+    std::string out;
+    append_addr(out, addr, ip_version);
+    return out;
 }
 
 std::string format_tcp_flags(uint8_t flags) {
@@ -82,17 +111,25 @@ std::string format_tcp_flags(uint8_t flags) {
     return out;
 }
 
-std::string command_names(uint32_t word) {
-    std::string out;
-    auto add = [&out](std::string_view name) {
-        if (!out.empty()) out += '|';
+void append_command_names(std::string &out, uint32_t word) {
+    const size_t start = out.size();
+    auto add = [&](std::string_view name) {
+        if (out.size() > start) out += '|';
         out += name;
     };
     const uint32_t low = word & 0xff;
-    if (low != 0xff) add(fmt::format("SMB1:0x{:02x}", low));
+    if (low != 0xff) {
+        add("SMB1:");
+        fmt::format_to(std::back_inserter(out), "0x{:02x}", low);
+    }
     for (int n = 0; n <= 18; ++n)
         if (word & (1u << (8 + n))) add(kSmb2Commands[n]);
     if (word & 0x80000000u) add("ENCRYPTED");
+}
+
+std::string command_names(uint32_t word) {
+    std::string out;
+    append_command_names(out, word);
     return out;
 }
 
@@ -154,23 +191,37 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
 }
 
 Row FlowFormatter::render(const ExportedFlow &flow) const {
+    Row row;
+    render(flow, row);
+    return row;
+}
+
+void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
     const host_flow_record &r = flow.rec;
     const bool tcp = r.protocol == 6;
-    Row row;
-    row.reserve(columns().size());
-    row.push_back(cell(format_time(r.first_ns)));
-    row.push_back(cell(format_time(r.last_ns)));
-    row.push_back(cell(format_addr(r.src_addr, r.ip_version)));
-    row.push_back(cell(std::to_string(r.src_port)));
-    row.push_back(cell(format_addr(r.dst_addr, r.ip_version)));
-    row.push_back(cell(std::to_string(r.dst_port)));
-    row.push_back(Cell{std::to_string(r.protocol), protocol_name(r.protocol)});
-    row.push_back(cell(std::to_string(r.dir_counters[0].packets)));
-    row.push_back(cell(std::to_string(r.dir_counters[0].bytes)));
-    row.push_back(cell(std::to_string(r.dir_counters[1].packets)));
-    row.push_back(cell(std::to_string(r.dir_counters[1].bytes)));
-    row.push_back(tcp ? cell(format_tcp_flags(r.tcp_flags[0])) : null_cell());
-    row.push_back(tcp ? cell(format_tcp_flags(r.tcp_flags[1])) : null_cell());
+    row.resize(columns().size());
+    Cell *c = row.data();
+    auto num = [&](uint64_t v) { fmt::format_to(std::back_inserter(value_of(*c++)), "{}", v); };
+
+    append_time(value_of(*c++), r.first_ns);
+    append_time(value_of(*c++), r.last_ns);
+    append_addr(value_of(*c++), r.src_addr, r.ip_version);
+    num(r.src_port);
+    append_addr(value_of(*c++), r.dst_addr, r.ip_version);
+    num(r.dst_port);
+    c->display = protocol_name(r.protocol);  // value_of leaves display alone
+    num(r.protocol);
+    num(r.dir_counters[0].packets);
+    num(r.dir_counters[0].bytes);
+    num(r.dir_counters[1].packets);
+    num(r.dir_counters[1].bytes);
+    for (int dir = 0; dir < 2; ++dir) {
+        if (tcp)
+            value_of(*c) = format_tcp_flags(r.tcp_flags[dir]);
+        else
+            set_null(*c);
+        ++c;
+    }
 
     auto field = [&](Smb which) -> const FieldValue * {
         const int i = index_[which];
@@ -181,34 +232,35 @@ Row FlowFormatter::render(const ExportedFlow &flow) const {
     for (Smb cmd : {CmdRequest, CmdResponse}) {
         if (const FieldValue *v = field(cmd)) {
             const auto word = static_cast<uint32_t>(v->number());
-            row.push_back(cell(fmt::format("0x{:08x}", word)));
-            row.push_back(cell(command_names(word)));
+            fmt::format_to(std::back_inserter(value_of(*c++)), "0x{:08x}", word);
+            append_command_names(value_of(*c++), word);
         } else {
-            row.push_back(null_cell());
-            row.push_back(null_cell());
+            set_null(*c++);
+            set_null(*c++);
         }
     }
     for (Smb name : {Tree, FileName}) {
-        const FieldValue *v = field(name);
-        row.push_back(v ? cell(v->text) : null_cell());
+        if (const FieldValue *v = field(name))
+            value_of(*c++) += v->text;
+        else
+            set_null(*c++);
     }
     if (const FieldValue *v = field(FileType)) {
         const auto type = static_cast<uint8_t>(v->number());
-        row.push_back(cell(file_type_word(type)));
-        row.push_back(cell(std::to_string(type)));
+        value_of(*c++) = file_type_word(type);
+        num(type);
     } else {
-        row.push_back(null_cell());
-        row.push_back(null_cell());
+        set_null(*c++);
+        set_null(*c++);
     }
     if (const FieldValue *v = field(Op)) {
         const auto op = static_cast<uint8_t>(v->number());
-        row.push_back(cell(op_word(op)));
-        row.push_back(cell(fmt::format("0x{:02x}", op)));
+        value_of(*c++) = op_word(op);
+        fmt::format_to(std::back_inserter(value_of(*c++)), "0x{:02x}", op);
     } else {
-        row.push_back(null_cell());
-        row.push_back(null_cell());
+        set_null(*c++);
+        set_null(*c++);
     }
-    return row;
 }
 
 }  // namespace smbflow

@@ -32,13 +32,17 @@ class FlowFormatter {
   public:
     explicit FlowFormatter(const std::vector<const corvane_host::FieldDef *> &fields);
     Row render(const corvane_host::ExportedFlow &flow) const;
+    // The same into `row`, reusing its strings (no allocation per record once they have grown).
+    void render(const corvane_host::ExportedFlow &flow, Row &row) const;
 
   private:
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
 };
 
-// Pieces, exposed for tests.
+// Pieces, exposed for tests. The append_ forms add to `out`.
+void append_time(std::string &out, uint64_t ns);
+void append_command_names(std::string &out, uint32_t word);
 std::string format_time(uint64_t ns);
 std::string format_addr(const host_addr &addr, uint8_t ip_version);
 std::string format_tcp_flags(uint8_t flags);

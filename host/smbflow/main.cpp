@@ -117,8 +117,10 @@ int run(const Options &opts) {
     Progress progress(!opts.no_progress && isatty(STDERR_FILENO));
     {
         FlowFormatter formatter(host.fields());
+        Row row;  // reused by the export thread
         Pipeline pipeline(host, opts.queues, config, [&](const corvane_host::ExportedFlow &flow) {
-            writer->write(formatter.render(flow));
+            formatter.render(flow, row);
+            writer->write(row);
         });
         g_capture.store(&capture);
         install_signals();

@@ -77,8 +77,8 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts) {
         ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""));
     app.add_option("--queues", opts.queues,
                    "Processing queues, each on its own thread; both directions of a "
-                   "connection always share a queue. Post-processing and export run on a "
-                   "further thread")
+                   "connection always share a queue and flow records are post-processed on it. "
+                   "Output is written by a further thread")
         ->type_name("N")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();

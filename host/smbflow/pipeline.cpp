@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <span>
 #include <tuple>
 
 namespace smbflow {
@@ -17,7 +18,7 @@ constexpr size_t kBatchesInFlight = 8;  // per queue
 constexpr uint64_t kBroadcastNs = 1'000'000'000ull;
 
 // Order of the flow records exported at the end of input.
-auto end_key(const FlowHandoff &f) {
+auto end_key(const ExportedFlow &f) {
     std::array<uint8_t, 16> src, dst;
     std::memcpy(src.data(), &f.rec.src_addr, 16);
     std::memcpy(dst.data(), &f.rec.dst_addr, 16);
@@ -25,7 +26,7 @@ auto end_key(const FlowHandoff &f) {
                            f.rec.dst_port, f.rec.protocol, f.flow_hash);
 }
 
-bool end_order(const FlowHandoff &x, const FlowHandoff &y) {
+bool end_order(const ExportedFlow &x, const ExportedFlow &y) {
     return end_key(x) < end_key(y);
 }
 
@@ -36,23 +37,30 @@ struct Pipeline::Batch {
         host_packet pkt;
         uint64_t bytes;
         size_t offset;
+        ConnKey conn;  // made once here for the choice of queue, used again by the queue
+        bool from_a;
     };
     std::vector<uint8_t> arena;
     std::vector<Item> items;
     uint64_t clock_ns = 0;
 };
 
+// Flow records that a queue exported, already post-processed and evaluated. The messages go
+// back to the queues once written, so that their records' buffers are reused.
 struct Pipeline::ExportMsg {
-    std::vector<FlowHandoff> flows;
+    std::vector<ExportedFlow> flows;  // the first `count` are in use
+    size_t count = 0;
     bool final = false;  // the queue's flush at the end of input
 };
 
 struct Pipeline::Worker {
+    explicit Worker(const Host &host) : exporter(host, FillForms::Readable) {}
     std::unique_ptr<Queue> queue;
     Channel<std::unique_ptr<Batch>> in{kBatchesInFlight};
     std::unique_ptr<Batch> filling;
     uint64_t pushed_clock_ns = 0;
-    std::vector<FlowHandoff> handed;  // filled by the queue's sink on the worker thread
+    Exporter exporter;
+    ExportMsg handed;  // filled by the queue's sink on the worker thread
     ParseResults parse;
     std::thread thread;
 };
@@ -62,11 +70,18 @@ Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallba
     queues = std::max(queues, 1u);
     spare_ = std::make_unique<Channel<std::unique_ptr<Batch>>>(queues * (kBatchesInFlight + 2));
     export_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
+    written_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
     for (unsigned i = 0; i < queues; ++i) {
-        auto w = std::make_unique<Worker>();
+        auto w = std::make_unique<Worker>(host_);
         Worker *raw = w.get();
-        w->queue = std::make_unique<Queue>(
-            host_, i, config, [raw](FlowHandoff &&f) { raw->handed.push_back(std::move(f)); });
+        // Post-processing runs here, on the queue's thread, the moment the queue lets the flow
+        // record go: the shared tables are then as the flow's last packet left them, not as
+        // packets processed since then have changed them.
+        w->queue = std::make_unique<Queue>(host_, i, config, [raw](FlowHandoff &&f) {
+            ExportMsg &m = raw->handed;
+            if (m.count == m.flows.size()) m.flows.emplace_back();
+            raw->exporter.run(f, m.flows[m.count++]);
+        });
         workers_.push_back(std::move(w));
     }
     export_thread_ = std::thread([this] { exporter_main(); });
@@ -80,7 +95,7 @@ Pipeline::~Pipeline() {
 
 unsigned Pipeline::queue_index(const host_packet &pkt, unsigned queues) {
     bool from_a;
-    return static_cast<unsigned>(conn_hash(conn_key_of(pkt, from_a)) % queues);
+    return static_cast<unsigned>(conn_key_of(pkt, from_a).digest % queues);
 }
 
 void Pipeline::push(Worker &w) {
@@ -98,7 +113,9 @@ void Pipeline::push(Worker &w) {
 void Pipeline::submit(const DecodedPacket &packet) {
     const host_packet &pkt = packet.pkt;
     clock_ns_ = std::max(clock_ns_, pkt.timestamp_ns);
-    Worker &w = *workers_[queue_index(pkt, static_cast<unsigned>(workers_.size()))];
+    bool from_a;
+    const ConnKey conn = conn_key_of(pkt, from_a);
+    Worker &w = *workers_[conn.digest % workers_.size()];
     if (!w.filling) {
         if (auto spare = spare_->try_pop())
             w.filling = std::move(*spare);
@@ -108,7 +125,7 @@ void Pipeline::submit(const DecodedPacket &packet) {
     Batch &b = *w.filling;
     const size_t offset = b.arena.size();
     b.arena.insert(b.arena.end(), pkt.data, pkt.data + pkt.length);
-    b.items.push_back({pkt, packet.ip_bytes, offset});
+    b.items.push_back({pkt, packet.ip_bytes, offset, conn, from_a});
     if (b.items.size() >= kBatchPackets || b.arena.size() >= kBatchBytes) push(w);
     if (clock_ns_ >= next_broadcast_ns_) {
         // Queues that get no packets still learn how capture time moves on.
@@ -131,48 +148,56 @@ void Pipeline::worker_main(Worker &w) {
         Batch &b = **batch;
         for (auto &item : b.items) {
             item.pkt.data = b.arena.data() + item.offset;
-            w.queue->process(item.pkt, item.bytes);
+            w.queue->process(item.pkt, item.bytes, item.conn, item.from_a);
         }
         w.queue->advance(b.clock_ns);
-        if (!w.handed.empty()) export_->push({std::move(w.handed), false});
-        w.handed.clear();
+        if (w.handed.count) send(w, false);
         b.arena.clear();
         b.items.clear();
         spare_->try_push(std::move(*batch));
     }
     w.queue->flush();
-    export_->push({std::move(w.handed), true});
-    w.handed.clear();
+    send(w, true);
     parse_results_bind_thread(nullptr);
 }
 
-void Pipeline::export_one(Exporter &exporter, FlowHandoff &flow) {
-    const ExportedFlow out = exporter.run(flow);
-    if (out.plugin_records) ++flows_with_plugin_record_;
+void Pipeline::send(Worker &w, bool final) {
+    w.handed.final = final;
+    export_->push(std::move(w.handed));
+    if (auto reused = written_->try_pop())
+        w.handed = std::move(*reused);
+    else
+        w.handed = ExportMsg{};
+    w.handed.count = 0;
+}
+
+void Pipeline::export_one(const ExportedFlow &flow) {
+    if (flow.plugin_records) ++flows_with_plugin_record_;
     flows_exported_.fetch_add(1, std::memory_order_relaxed);
-    on_record_(out);
+    on_record_(flow);
 }
 
 void Pipeline::exporter_main() {
-    Exporter exporter(host_);
-    std::vector<FlowHandoff> at_end;
+    std::vector<ExportedFlow> at_end;
     size_t finals = 0;
     while (finals < workers_.size()) {
         auto msg = export_->pop();
         if (!msg) break;
+        const auto flows = std::span(msg->flows).first(msg->count);
         if (msg->final) {
             ++finals;
-            std::move(msg->flows.begin(), msg->flows.end(), std::back_inserter(at_end));
+            std::move(flows.begin(), flows.end(), std::back_inserter(at_end));
             continue;
         }
-        for (auto &flow : msg->flows)
-            export_one(exporter, flow);
+        for (const auto &flow : flows)
+            export_one(flow);
+        written_->try_push(std::move(*msg));
     }
-    // Every queue is done: the plug-ins' shared state is final, and the order no longer
-    // depends on how packets were spread over queues.
-    std::sort(at_end.begin(), at_end.end(), end_order);
-    for (auto &flow : at_end)
-        export_one(exporter, flow);
+    // Every queue is done; the order of what they held at the end no longer depends on how
+    // packets were spread over queues.
+    std::stable_sort(at_end.begin(), at_end.end(), end_order);
+    for (const auto &flow : at_end)
+        export_one(flow);
 }
 
 void Pipeline::finish() {

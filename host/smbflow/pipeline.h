@@ -1,6 +1,6 @@
 // The threads of smbflow: the reading thread submits decoded packets; N queue threads each
-// run a processing queue (both directions of a connection always go to the same queue); one
-// export thread post-processes and exports the flow records that the queues hand over.
+// run a processing queue (both directions of a connection always go to the same queue) and
+// post-process the flow records that their queue lets go; one export thread writes them.
 #pragma once
 
 #include <atomic>
@@ -59,14 +59,16 @@ class Pipeline {
 
     void push(Worker &w);
     void worker_main(Worker &w);
+    void send(Worker &w, bool final);
     void exporter_main();
-    void export_one(corvane_host::Exporter &exporter, corvane_host::FlowHandoff &flow);
+    void export_one(const corvane_host::ExportedFlow &flow);
 
     corvane_host::Host &host_;
     RecordCallback on_record_;
     std::vector<std::unique_ptr<Worker>> workers_;
     std::unique_ptr<Channel<std::unique_ptr<Batch>>> spare_;
     std::unique_ptr<Channel<ExportMsg>> export_;
+    std::unique_ptr<Channel<ExportMsg>> written_;  // back to the queues, for reuse
     std::thread export_thread_;
     uint64_t clock_ns_ = 0;
     uint64_t next_broadcast_ns_ = 0;

@@ -102,13 +102,13 @@ class CsvWriter : public RecordWriter {
     }
 
     void write(const Row &row) override {
-        std::string line;
+        line_.clear();
         for (size_t i = 0; i < row.size(); ++i) {
-            if (i) line += ',';
-            if (row[i].value) line += csv_quote(*row[i].value);
+            if (i) line_ += ',';
+            if (row[i].value) append_csv_field(line_, *row[i].value);
         }
-        line += '\n';
-        fputs(line.c_str(), out_);
+        line_ += '\n';
+        fwrite(line_.data(), 1, line_.size(), out_);
         if (live_) fflush(out_);
     }
 
@@ -118,6 +118,7 @@ class CsvWriter : public RecordWriter {
   private:
     FILE *out_;
     bool live_;
+    std::string line_;
 };
 
 class JsonWriter : public RecordWriter {
@@ -125,22 +126,22 @@ class JsonWriter : public RecordWriter {
     JsonWriter(FILE *out, bool live) : out_(out), live_(live) {}
 
     void write(const Row &row) override {
-        std::string line = "{";
+        line_.assign(1, '{');
         const auto &cols = columns();
         for (size_t i = 0; i < row.size() && i < cols.size(); ++i) {
-            if (i) line += ',';
-            line += '"';
-            line += cols[i].name;
-            line += "\":";
+            if (i) line_ += ',';
+            line_ += '"';
+            line_ += cols[i].name;
+            line_ += "\":";
             if (!row[i].value)
-                line += "null";
+                line_ += "null";
             else if (cols[i].number)
-                line += *row[i].value;
+                line_ += *row[i].value;
             else
-                line += json_string(*row[i].value);
+                append_json_string(line_, *row[i].value);
         }
-        line += "}\n";
-        fputs(line.c_str(), out_);
+        line_ += "}\n";
+        fwrite(line_.data(), 1, line_.size(), out_);
         if (live_) fflush(out_);
     }
 
@@ -150,24 +151,32 @@ class JsonWriter : public RecordWriter {
   private:
     FILE *out_;
     bool live_;
+    std::string line_;
 };
 
 }  // namespace
 
-std::string csv_quote(const std::string &s) {
-    if (s.find_first_of(",\"\r\n") == std::string::npos) return s;
-    std::string out = "\"";
+void append_csv_field(std::string &out, std::string_view s) {
+    if (s.find_first_of(",\"\r\n") == std::string_view::npos) {
+        out += s;
+        return;
+    }
+    out += '"';
     for (char c : s) {
         if (c == '"') out += '"';
         out += c;
     }
     out += '"';
-    return out;
 }
 
-std::string json_string(const std::string &s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
+void append_json_string(std::string &out, std::string_view s) {
+    out += '"';
+    size_t plain = 0;  // start of the run of bytes that need no escape
+    for (size_t i = 0; i < s.size(); ++i) {
+        const auto c = static_cast<unsigned char>(s[i]);
+        if (c >= 0x20 && c != '"' && c != '\\') continue;
+        out.append(s.data() + plain, i - plain);
+        plain = i + 1;
         switch (c) {
             case '"':
                 out += "\\\"";
@@ -185,13 +194,22 @@ std::string json_string(const std::string &s) {
                 out += "\\t";
                 break;
             default:
-                if (c < 0x20)
-                    out += fmt::format("\\u{:04x}", c);
-                else
-                    out += static_cast<char>(c);
+                fmt::format_to(std::back_inserter(out), "\\u{:04x}", c);
         }
     }
+    out.append(s.data() + plain, s.size() - plain);
     out += '"';
+}
+
+std::string csv_quote(const std::string &s) {
+    std::string out;
+    append_csv_field(out, s);
+    return out;
+}
+
+std::string json_string(const std::string &s) {
+    std::string out;
+    append_json_string(out, s);
     return out;
 }
 

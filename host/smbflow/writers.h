@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "flow_format.h"
@@ -26,7 +27,9 @@ class RecordWriter {
 // takes its column widths from typical values instead of from the first rows.
 std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live = false);
 
-// Pieces, exposed for tests.
+// Pieces, exposed for tests. The append_ forms add to `out`.
+void append_csv_field(std::string &out, std::string_view s);
+void append_json_string(std::string &out, std::string_view s);
 std::string csv_quote(const std::string &s);
 std::string json_string(const std::string &s);
 

@@ -175,6 +175,38 @@ TEST_F(FakeHostTest, IdleFlowsLeaveWhenTheClockMovesOn) {
     EXPECT_EQ(queue->flow_count(), 1u);
 }
 
+// The clock alone ends flows whose timeout was pushed back by later packets, at the time
+// their last packet sets, not at the time their first one did.
+TEST_F(FakeHostTest, TheClockEndsFlowsWhoseTimeoutPacketsPushedBack) {
+    for (uint64_t s : {0, 20, 40})
+        send(true, kT0 + s * kSecond, "a");
+    queue->advance(kT0 + 69 * kSecond);
+    EXPECT_TRUE(handed.empty()) << "idle for 29 s only";
+    queue->advance(kT0 + 70 * kSecond);
+    ASSERT_EQ(handed.size(), 1u);
+    EXPECT_EQ(handed[0].reason, ExportReason::Inactive);
+    EXPECT_EQ(handed[0].rec.dir_counters[0].packets, 3u);
+
+    for (uint64_t s = 100; s <= 390; s += 10)
+        send(true, kT0 + s * kSecond, "b", 50001);
+    queue->advance(kT0 + 399 * kSecond);
+    EXPECT_EQ(handed.size(), 1u) << "busy for 299 s only";
+    queue->advance(kT0 + 400 * kSecond);
+    ASSERT_EQ(handed.size(), 2u);
+    EXPECT_EQ(handed[1].reason, ExportReason::Active);
+    EXPECT_EQ(handed[1].rec.dir_counters[0].packets, 30u);
+}
+
+TEST_F(FakeHostTest, TimeoutsPastTheEndOfTimeNeverEndAFlow) {
+    queue.reset();
+    host->shutdown();
+    start({UINT64_MAX, UINT64_MAX, 1'000'000'000ull});
+    send(true, kT0, "a");
+    queue->advance(UINT64_MAX - 1);
+    EXPECT_TRUE(handed.empty());
+    EXPECT_EQ(queue->flow_count(), 1u);
+}
+
 TEST(QueueWithoutPlugins, CountsFlowsAlone) {
     corvane_host::Host host;
     std::vector<corvane_host::FlowHandoff> out;

@@ -45,7 +45,7 @@ std::vector<Record> run_plugin(const std::vector<Packet> &packets, const char *p
             d.pkt.timestamp_ns = p.ts_ns;
             bool from_a;
             const auto key = corvane_host::conn_key_of(d.pkt, from_a);
-            qs[corvane_host::conn_hash(key) % queues]->process(d.pkt, d.ip_bytes);
+            qs[key.digest % queues]->process(d.pkt, d.ip_bytes);
         }
         for (auto &q : qs)
             q->flush();
