@@ -20,6 +20,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -150,11 +151,13 @@ struct synth_options {
 };
 
 // Frames written gap_us microseconds apart.
+// Every conversation holds a copy of the sink; the copies share one clock, so that the
+// capture's time runs on across conversations instead of starting over in each.
 synth::frame_sink timed_sink(writer &w, uint64_t gap_us) {
-    uint64_t clock = 1700000000ull * 1000000000u;
-    return [&w, gap_us, clock](std::span<const uint8_t> frame) mutable {
-        w.write(frame, clock);
-        clock += gap_us * 1000;
+    auto clock = std::make_shared<uint64_t>(1700000000ull * 1000000000u);
+    return [&w, gap_us, clock](std::span<const uint8_t> frame) {
+        w.write(frame, *clock);
+        *clock += gap_us * 1000;
     };
 }
 
