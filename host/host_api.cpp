@@ -48,6 +48,16 @@ RegistrationScope *queue_scope(const char *function, uint32_t plugin_id) {
     return scope;
 }
 
+// Registers one of a queue's hooks with its context, from inside that queue's init_queue.
+template <typename Hook>
+void set_queue_hook(const char *function, uint32_t plugin_id, void *ctx, Hook hook,
+                    void *QueueHooks::*ctx_member, Hook QueueHooks::*hook_member) {
+    if (RegistrationScope *scope = queue_scope(function, plugin_id)) {
+        scope->queue->*ctx_member = ctx;
+        scope->queue->*hook_member = hook;
+    }
+}
+
 }  // namespace
 
 ScopeGuard::ScopeGuard(RegistrationScope *scope) : previous_(t_scope) {
@@ -146,26 +156,20 @@ HOST_API void corvane_hook_callback(void *ctx, uint32_t plugin_id, corvane_callb
 
 HOST_API void corvane_hook_queue_filter(void *queue_ctx, uint32_t plugin_id,
                                         corvane_filter_fn hook) {
-    if (RegistrationScope *scope = queue_scope("corvane_hook_queue_filter", plugin_id)) {
-        scope->queue->filter_ctx = queue_ctx;
-        scope->queue->filter = hook;
-    }
+    set_queue_hook("corvane_hook_queue_filter", plugin_id, queue_ctx, hook, &QueueHooks::filter_ctx,
+                   &QueueHooks::filter);
 }
 
 HOST_API void corvane_hook_queue_update(void *queue_ctx, uint32_t plugin_id,
                                         corvane_update_fn hook) {
-    if (RegistrationScope *scope = queue_scope("corvane_hook_queue_update", plugin_id)) {
-        scope->queue->update_ctx = queue_ctx;
-        scope->queue->update = hook;
-    }
+    set_queue_hook("corvane_hook_queue_update", plugin_id, queue_ctx, hook, &QueueHooks::update_ctx,
+                   &QueueHooks::update);
 }
 
 HOST_API void corvane_hook_queue_release(void *queue_ctx, uint32_t plugin_id,
                                          corvane_release_fn hook) {
-    if (RegistrationScope *scope = queue_scope("corvane_hook_queue_release", plugin_id)) {
-        scope->queue->release_ctx = queue_ctx;
-        scope->queue->release = hook;
-    }
+    set_queue_hook("corvane_hook_queue_release", plugin_id, queue_ctx, hook,
+                   &QueueHooks::release_ctx, &QueueHooks::release);
 }
 
 // Takes the calling update hook off this flow. The host reads no result of the update hook,

@@ -110,12 +110,14 @@ bool has_ports(uint8_t protocol) {
 }
 
 // Reads the transport header at `l4` within the `len` bytes of the datagram at `ip`.
-void decode_transport(const uint8_t *ip, size_t len, size_t l4, host_packet &pkt) {
+void decode_transport(const uint8_t *ip, size_t len, size_t l4, DecodedPacket &out) {
+    host_packet &pkt = out.pkt;
     pkt.payload_offset = static_cast<uint16_t>(std::min(l4, len));
     if (!has_ports(pkt.protocol) || l4 + 4 > len) {
         if (has_ports(pkt.protocol)) pkt.payload_offset = static_cast<uint16_t>(len);
         return;
     }
+    out.transport_offset = static_cast<uint16_t>(l4);
     pkt.src_port = be16(ip + l4);
     pkt.dst_port = be16(ip + l4 + 2);
     size_t header = 0;
@@ -163,7 +165,7 @@ DecodeStatus decode_ipv4(const uint8_t *ip, size_t avail, DecodedPacket &out) {
     if (later_fragment)
         pkt.payload_offset = static_cast<uint16_t>(std::min(ihl, len));
     else
-        decode_transport(ip, len, ihl, pkt);
+        decode_transport(ip, len, ihl, out);
     return DecodeStatus::Ok;
 }
 
@@ -214,7 +216,7 @@ DecodeStatus decode_ipv6(const uint8_t *ip, size_t avail, DecodedPacket &out) {
         pkt.payload_offset = static_cast<uint16_t>(len);
         return DecodeStatus::Ok;
     }
-    decode_transport(ip, len, off, pkt);
+    decode_transport(ip, len, off, out);
     return DecodeStatus::Ok;
 }
 

@@ -35,8 +35,9 @@ enum class DecodeStatus {
 
 struct DecodedPacket {
     host_packet pkt{};
-    uint64_t ip_bytes = 0;  // the datagram's length by its IP header: what the flow counts
-    bool capped = false;    // longer than 65535 bytes: the descriptor's length was capped
+    uint64_t ip_bytes = 0;          // the datagram's length by its IP header: what the flow counts
+    uint16_t transport_offset = 0;  // of the ports' header from pkt.data; 0 when it has none
+    bool capped = false;            // longer than 65535 bytes: the descriptor's length was capped
 };
 
 // Decodes one frame. On Ok, pkt.data points into `frame`.

@@ -89,16 +89,34 @@ class TextTableWriter : public RecordWriter {
     bool started_ = false;
 };
 
-class CsvWriter : public RecordWriter {
+// A writer of one line per row, each line made whole before it is written.
+class LineWriter : public RecordWriter {
   public:
-    CsvWriter(FILE *out, bool live) : out_(out), live_(live) {
-        std::string line;
+    LineWriter(FILE *out, bool live) : out_(out), live_(live) {}
+
+    void flush() override { fflush(out_); }
+    void finish() override { fflush(out_); }
+
+  protected:
+    void emit() {
+        line_ += '\n';
+        fwrite(line_.data(), 1, line_.size(), out_);
+        if (live_) fflush(out_);
+    }
+
+    FILE *out_;
+    bool live_;
+    std::string line_;  // reused from row to row
+};
+
+class CsvWriter : public LineWriter {
+  public:
+    CsvWriter(FILE *out, bool live) : LineWriter(out, live) {
         for (const Column &c : columns()) {
-            if (!line.empty()) line += ',';
-            line += c.name;
+            if (!line_.empty()) line_ += ',';
+            line_ += c.name;
         }
-        line += '\n';
-        fputs(line.c_str(), out_);
+        emit();
     }
 
     void write(const Row &row) override {
@@ -107,23 +125,13 @@ class CsvWriter : public RecordWriter {
             if (i) line_ += ',';
             if (row[i].value) append_csv_field(line_, *row[i].value);
         }
-        line_ += '\n';
-        fwrite(line_.data(), 1, line_.size(), out_);
-        if (live_) fflush(out_);
+        emit();
     }
-
-    void flush() override { fflush(out_); }
-    void finish() override { fflush(out_); }
-
-  private:
-    FILE *out_;
-    bool live_;
-    std::string line_;
 };
 
-class JsonWriter : public RecordWriter {
+class JsonWriter : public LineWriter {
   public:
-    JsonWriter(FILE *out, bool live) : out_(out), live_(live) {}
+    using LineWriter::LineWriter;
 
     void write(const Row &row) override {
         line_.assign(1, '{');
@@ -140,18 +148,9 @@ class JsonWriter : public RecordWriter {
             else
                 append_json_string(line_, *row[i].value);
         }
-        line_ += "}\n";
-        fwrite(line_.data(), 1, line_.size(), out_);
-        if (live_) fflush(out_);
+        line_ += '}';
+        emit();
     }
-
-    void flush() override { fflush(out_); }
-    void finish() override { fflush(out_); }
-
-  private:
-    FILE *out_;
-    bool live_;
-    std::string line_;
 };
 
 }  // namespace
