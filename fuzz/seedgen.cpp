@@ -5,6 +5,7 @@
 //
 //   fuzz_seeds OUT_DIR CAPTURE...
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <fstream>
 #include <map>
@@ -42,8 +43,12 @@ struct seed_writer {
     void flush() {
         if (segments == 0) return;
         const std::string path = dir + "/" + stem + "-" + std::to_string(count++);
-        std::ofstream(path, std::ios::binary)
-            .write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+        std::ofstream out(path, std::ios::binary);
+        out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+        if (!out) {
+            fprintf(stderr, "cannot write %s\n", path.c_str());
+            exit(1);
+        }
         bytes.clear();
         segments = 0;
     }
