@@ -68,9 +68,9 @@ uint64_t Queue::deadline(const Flow &flow) const {
                     saturating_add(flow.rec.first_ns, config_.active_timeout_ns));
 }
 
-void Queue::schedule(const FlowKey &key, Flow &flow) {
-    flow.check_ns = deadline(flow);
-    checks_.push({flow.check_ns, key});
+void Queue::drop(FlowIter it) {
+    timeouts_.remove(it);
+    flows_.erase(it);
 }
 
 void Queue::process(host_packet &pkt, uint64_t bytes) {
@@ -111,7 +111,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
     if (it != flows_.end() && timed_out(it->second, now)) {
         const bool active = !(now - it->second.rec.last_ns >= config_.inactive_timeout_ns);
         hand_off(it->first, it->second, active ? ExportReason::Active : ExportReason::Inactive);
-        flows_.erase(it);
+        drop(it);
         it = flows_.end();
     }
     if (it == flows_.end()) {
@@ -126,7 +126,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
         f.rec.protocol = pkt.protocol;
         f.rec.first_ns = now;
         f.rec.last_ns = now;
-        schedule(it->first, f);
+        timeouts_.push(it, deadline(f));
         ++stats_.flows_created;
     }
     Flow &flow = it->second;
@@ -182,6 +182,7 @@ void Queue::advance(uint64_t now_ns) {
     }
 }
 
+// The victims are out of the timeout heap already.
 void Queue::export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool end) {
     std::sort(victims.begin(), victims.end(), [](const FlowIter &x, const FlowIter &y) {
         return export_before({&x->first, &x->second.rec}, {&y->first, &y->second.rec});
@@ -199,24 +200,15 @@ void Queue::export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool 
 
 void Queue::sweep(uint64_t now_ns) {
     std::vector<FlowIter> victims;
-    while (!checks_.empty() && checks_.top().due_ns <= now_ns) {
-        const Check check = checks_.top();
-        checks_.pop();
-        auto it = flows_.find(check.key);
-        // An entry is stale when its flow left the cache (and maybe came back as a new flow
-        // with another entry) or was filed again later.
-        if (it == flows_.end() || it->second.check_ns != check.due_ns) continue;
-        Flow &flow = it->second;
-        if (timed_out(flow, now_ns)) {
-            flow.check_ns = UINT64_MAX;
+    while (!timeouts_.empty() && timeouts_.top_due() <= now_ns) {
+        const FlowIter it = timeouts_.top();
+        if (timed_out(it->second, now_ns)) {
+            timeouts_.remove(it);
             victims.push_back(it);
-        } else if (deadline(flow) > now_ns) {
-            schedule(it->first, flow);
         } else {
-            // Due but not timed out: only a zero timeout gets here, on a flow whose last
-            // packet is stamped with the current time. Look again at the next sweep.
-            flow.check_ns = now_ns + config_.sweep_interval_ns;
-            checks_.push({flow.check_ns, it->first});
+            // Due but not timed out: later packets moved the timeout on (or, with a zero
+            // timeout, the last packet is stamped with the current time: look again later).
+            timeouts_.refile_top(std::max(deadline(it->second), now_ns + 1));
         }
     }
     export_sorted(victims, now_ns, false);
@@ -233,12 +225,12 @@ void Queue::sweep(uint64_t now_ns) {
 }
 
 void Queue::flush() {
+    timeouts_.clear();
     std::vector<FlowIter> victims;
     for (auto it = flows_.begin(); it != flows_.end(); ++it)
         victims.push_back(it);
     export_sorted(victims, clock_ns_, true);
     conns_.clear();
-    checks_ = {};
 }
 
 }  // namespace corvane_host

@@ -7,12 +7,12 @@
 #include <array>
 #include <cstdint>
 #include <functional>
-#include <queue>
 #include <unordered_map>
 #include <vector>
 
 #include "flow_key.h"
 #include "host.h"
+#include "timeout_heap.h"
 
 namespace corvane_host {
 
@@ -77,15 +77,7 @@ class Queue {
         std::array<host_slot, kMaxPlugins> slots{};
         uint32_t update_off = 0;  // plug-ins whose update hook this flow no longer calls
         bool src_is_a = true;     // the first packet came from endpoint a
-        uint64_t check_ns = 0;    // when its entry in the timeout heap falls due
-    };
-    // A flow record to look at once capture time reaches `due_ns`. Packets push a flow's
-    // timeout later without touching its entry; the sweep then finds the flow still active
-    // and files it again, so the heap sees each flow about once per timeout period.
-    struct Check {
-        uint64_t due_ns;
-        FlowKey key;
-        bool operator>(const Check &o) const { return due_ns > o.due_ns; }
+        uint32_t heap_pos = 0;    // its place in timeouts_
     };
     struct Conn {
         bool first_from_a = true;
@@ -94,11 +86,14 @@ class Queue {
 
     bool timed_out(const Flow &flow, uint64_t now_ns) const;
     uint64_t deadline(const Flow &flow) const;
-    void schedule(const FlowKey &key, Flow &flow);
     void hand_off(const FlowKey &key, Flow &flow, ExportReason reason);
     void sweep(uint64_t now_ns);
     using FlowMap = std::unordered_map<FlowKey, Flow, FlowKeyHash>;
     using FlowIter = FlowMap::iterator;
+    struct HeapPosOf {
+        uint32_t &operator()(FlowIter it) const { return it->second.heap_pos; }
+    };
+    void drop(FlowIter it);  // out of the timeout heap and the cache
     void export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool end);
 
     Host &host_;
@@ -108,7 +103,10 @@ class Queue {
     std::array<QueueHooks, kMaxPlugins> hooks_{};
     FlowMap flows_;
     std::unordered_map<ConnKey, Conn, ConnKeyHash> conns_;
-    std::priority_queue<Check, std::vector<Check>, std::greater<>> checks_;
+    // Every flow in the cache, by the time its timeout could next fall due. Packets push a
+    // flow's timeout later without touching the heap; a sweep that finds the flow still
+    // active files it again, so each flow is handled about once per timeout period.
+    TimeoutHeap<FlowIter, HeapPosOf> timeouts_;
     uint64_t clock_ns_ = 0;
     uint64_t next_sweep_ns_ = 0;
     uint64_t next_conn_sweep_ns_ = 0;

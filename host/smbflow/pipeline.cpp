@@ -18,7 +18,7 @@ constexpr size_t kBatchesInFlight = 8;  // per queue
 constexpr uint64_t kBroadcastNs = 1'000'000'000ull;
 
 // Order of the flow records exported at the end of input.
-auto end_key(const ExportedFlow &f) {
+auto end_key(const FlowHandoff &f) {
     std::array<uint8_t, 16> src, dst;
     std::memcpy(src.data(), &f.rec.src_addr, 16);
     std::memcpy(dst.data(), &f.rec.dst_addr, 16);
@@ -26,7 +26,7 @@ auto end_key(const ExportedFlow &f) {
                            f.rec.dst_port, f.rec.protocol, f.flow_hash);
 }
 
-bool end_order(const ExportedFlow &x, const ExportedFlow &y) {
+bool end_order(const FlowHandoff &x, const FlowHandoff &y) {
     return end_key(x) < end_key(y);
 }
 
@@ -46,11 +46,14 @@ struct Pipeline::Batch {
 };
 
 // Flow records that a queue exported, already post-processed and evaluated. The messages go
-// back to the queues once written, so that their records' buffers are reused.
+// back to the queues once written, so that their records' buffers are reused. What a queue
+// holds at the end of input comes unevaluated instead (`final`): it is post-processed on the
+// export thread in the order of output, once every queue is done.
 struct Pipeline::ExportMsg {
     std::vector<ExportedFlow> flows;  // the first `count` are in use
     size_t count = 0;
-    bool final = false;  // the queue's flush at the end of input
+    std::vector<FlowHandoff> held;
+    bool final = false;
 };
 
 struct Pipeline::Worker {
@@ -61,6 +64,7 @@ struct Pipeline::Worker {
     uint64_t pushed_clock_ns = 0;
     Exporter exporter;
     ExportMsg handed;  // filled by the queue's sink on the worker thread
+    bool flushing = false;
     ParseResults parse;
     std::thread thread;
 };
@@ -79,6 +83,10 @@ Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallba
         // packets processed since then have changed them.
         w->queue = std::make_unique<Queue>(host_, i, config, [raw](FlowHandoff &&f) {
             ExportMsg &m = raw->handed;
+            if (raw->flushing) {
+                m.held.push_back(std::move(f));
+                return;
+            }
             if (m.count == m.flows.size()) m.flows.emplace_back();
             raw->exporter.run(f, m.flows[m.count++]);
         });
@@ -156,6 +164,7 @@ void Pipeline::worker_main(Worker &w) {
         b.items.clear();
         spare_->try_push(std::move(*batch));
     }
+    w.flushing = true;
     w.queue->flush();
     send(w, true);
     parse_results_bind_thread(nullptr);
@@ -178,26 +187,30 @@ void Pipeline::export_one(const ExportedFlow &flow) {
 }
 
 void Pipeline::exporter_main() {
-    std::vector<ExportedFlow> at_end;
+    std::vector<FlowHandoff> at_end;
     size_t finals = 0;
     while (finals < workers_.size()) {
         auto msg = export_->pop();
         if (!msg) break;
-        const auto flows = std::span(msg->flows).first(msg->count);
+        for (const auto &flow : std::span(msg->flows).first(msg->count))
+            export_one(flow);
         if (msg->final) {
             ++finals;
-            std::move(flows.begin(), flows.end(), std::back_inserter(at_end));
+            std::move(msg->held.begin(), msg->held.end(), std::back_inserter(at_end));
             continue;
         }
-        for (const auto &flow : flows)
-            export_one(flow);
         written_->try_push(std::move(*msg));
     }
-    // Every queue is done; the order of what they held at the end no longer depends on how
-    // packets were spread over queues.
+    // Every queue is done: the shared tables are final, and neither the order of what the
+    // queues held at the end nor what post-processing finds for it depends on how packets
+    // were spread over queues.
     std::stable_sort(at_end.begin(), at_end.end(), end_order);
-    for (const auto &flow : at_end)
-        export_one(flow);
+    Exporter exporter(host_, FillForms::Readable);
+    ExportedFlow out;
+    for (auto &flow : at_end) {
+        exporter.run(flow, out);
+        export_one(out);
+    }
 }
 
 void Pipeline::finish() {
