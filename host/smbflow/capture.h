@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,8 @@ class Capture {
     pcap_t *pcap_ = nullptr;
     int link_type_ = 0;
     bool nano_ = true;
+    static constexpr size_t kReadBufferSize = 1 << 20;
+    std::unique_ptr<char[]> read_buffer_;  // the open file's stdio buffer
     std::string current_;
     std::string error_;
     bool filter_error_ = false;
