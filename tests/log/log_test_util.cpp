@@ -1,6 +1,7 @@
 #include "log_test_util.h"
 
 #include <fcntl.h>
+#include <glob.h>
 #include <stdarg.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -65,6 +66,12 @@ LogTest::~LogTest() {
     cvlog::g_seconds = saved_seconds_;
     for (const auto &path : cleanup_)
         unlink(path.c_str());
+    // A death test's child that ends on a fatal error leaves its fail-safe configuration.
+    glob_t left{};
+    if (glob(("/tmp/cvlog-" + name_ + "-*").c_str(), 0, nullptr, &left) == 0)
+        for (size_t i = 0; i < left.gl_pathc; ++i)
+            unlink(left.gl_pathv[i]);
+    globfree(&left);
 }
 
 std::string LogTest::write_conf(const std::string &suffix, const std::string &text) {
