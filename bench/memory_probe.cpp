@@ -12,7 +12,7 @@
 #include "smb.h"
 #include "smb_file_table.h"
 #include "smb_synth.h"
-#include "tcp_capture.h"
+#include "packet_decoder.h"
 
 namespace {
 
@@ -38,20 +38,12 @@ int main(int argc, char **argv) {
 
     synth::open_files(
         [q](std::span<const uint8_t> frame) {
-            capture::tcp_view v;
-            if (!capture::decode_tcp(frame, 1, v)) return;
-            host_packet pkt{};
-            pkt.data = frame.data();
-            pkt.length = static_cast<uint16_t>(v.payload_offset + v.payload_length);
-            pkt.payload_offset = v.payload_offset;
-            pkt.ip_version = 4;
-            pkt.protocol = 6;
-            memcpy(&pkt.src_addr.v4, v.src.data(), 4);
-            memcpy(&pkt.dst_addr.v4, v.dst.data(), 4);
-            pkt.src_port = v.src_port;
-            pkt.dst_port = v.dst_port;
+            corvane_host::DecodedPacket d;
+            if (corvane_host::decode_frame(corvane_host::kLinkEthernet, frame.data(), frame.size(),
+                                           d) != corvane_host::DecodeStatus::Ok)
+                return;
             host_slot slot = nullptr;
-            process_smb_filter(q, &pkt, nullptr, &slot);
+            process_smb_filter(q, &d.pkt, nullptr, &slot);
             process_smb_callback(nullptr, &slot);
         },
         files, connections, true);

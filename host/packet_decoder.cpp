@@ -139,6 +139,20 @@ void decode_transport(const uint8_t *ip, size_t len, size_t l4, DecodedPacket &o
     pkt.payload_offset = static_cast<uint16_t>(std::min(l4 + header, len));
 }
 
+// The descriptor covers the datagram as far as it was captured, its IP header claiming
+// `total` bytes; the flow counts `total`. Returns the descriptor's length.
+size_t set_datagram(DecodedPacket &out, const uint8_t *ip, size_t total, size_t avail) {
+    out.ip_bytes = total;
+    size_t len = std::min(total, avail);
+    if (len > kMaxDescriptorLength) {
+        len = kMaxDescriptorLength;
+        out.capped = true;
+    }
+    out.pkt.data = ip;
+    out.pkt.length = static_cast<uint16_t>(len);
+    return len;
+}
+
 DecodeStatus decode_ipv4(const uint8_t *ip, size_t avail, DecodedPacket &out) {
     host_packet &pkt = out.pkt;
     if (avail < 20) return DecodeStatus::Truncated;
@@ -153,14 +167,7 @@ DecodeStatus decode_ipv4(const uint8_t *ip, size_t avail, DecodedPacket &out) {
     pkt.ipv4_aux16 = be16(ip + 6) & 0x3fff;  // MF flag and fragment offset
     memcpy(&pkt.src_addr.v4, ip + 12, 4);
     memcpy(&pkt.dst_addr.v4, ip + 16, 4);
-    out.ip_bytes = total;
-    size_t len = std::min(total, avail);
-    if (len > kMaxDescriptorLength) {
-        len = kMaxDescriptorLength;
-        out.capped = true;
-    }
-    pkt.data = ip;
-    pkt.length = static_cast<uint16_t>(len);
+    const size_t len = set_datagram(out, ip, total, avail);
     const bool later_fragment = (pkt.ipv4_aux16 & 0x1fff) != 0;
     if (later_fragment)
         pkt.payload_offset = static_cast<uint16_t>(std::min(ihl, len));
@@ -183,14 +190,7 @@ DecodeStatus decode_ipv6(const uint8_t *ip, size_t avail, DecodedPacket &out) {
     pkt.ip_version = 6;
     memcpy(pkt.src_addr.v6, ip + 8, 16);
     memcpy(pkt.dst_addr.v6, ip + 24, 16);
-    out.ip_bytes = total;
-    size_t len = std::min(total, avail);
-    if (len > kMaxDescriptorLength) {
-        len = kMaxDescriptorLength;
-        out.capped = true;
-    }
-    pkt.data = ip;
-    pkt.length = static_cast<uint16_t>(len);
+    const size_t len = set_datagram(out, ip, total, avail);
 
     uint8_t next = ip[6];
     size_t off = 40;

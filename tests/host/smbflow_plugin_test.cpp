@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "golden.h"
 #include "run_command.h"
 #include "smb2_messages.h"
 
@@ -18,16 +19,6 @@ const std::string kSample = std::string(TEST_DATA) + "/sample-smb2.pcap";
 CommandResult smbflow(std::vector<std::string> args) {
     args.insert(args.begin(), {SMBFLOW, "--no-progress", "--plugin", SMB_PLUGIN});
     return run_command(args);
-}
-
-void expect_golden(const std::string &name, const std::string &actual) {
-    const std::string path = std::string(GOLDEN_DIR) + "/" + name;
-    if (getenv("SMBFLOW_UPDATE_GOLDEN")) {
-        write_file(path, actual);
-        return;
-    }
-    EXPECT_EQ(read_file(path), actual)
-        << "golden " << name << " differs (SMBFLOW_UPDATE_GOLDEN=1 rewrites it)";
 }
 
 TEST(SmbflowWithPlugin, GoldenOutputs) {

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "golden.h"
 #include "run_command.h"
 #include "smb2_messages.h"
 
@@ -37,17 +38,6 @@ std::vector<std::string> lines(const std::string &text) {
     for (std::string line; std::getline(in, line);)
         out.push_back(line);
     return out;
-}
-
-// Compares with a golden file; SMBFLOW_UPDATE_GOLDEN=1 rewrites it instead.
-void expect_golden(const std::string &name, const std::string &actual) {
-    const std::string path = std::string(GOLDEN_DIR) + "/" + name;
-    if (getenv("SMBFLOW_UPDATE_GOLDEN")) {
-        write_file(path, actual);
-        return;
-    }
-    EXPECT_EQ(read_file(path), actual)
-        << "golden " << name << " differs (SMBFLOW_UPDATE_GOLDEN=1 rewrites it)";
 }
 
 // Sessions of several clients, for link-type and queue tests.

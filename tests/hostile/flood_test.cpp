@@ -25,7 +25,7 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 #include "smb_parser.h"
 #include "smb_synth.h"
 #include "smb_tree_table.h"
-#include "tcp_capture.h"
+#include "packet_decoder.h"
 
 namespace {
 
@@ -64,19 +64,12 @@ class plugin_under_flood {
 
   private:
     void packet(std::span<const uint8_t> frame) {
-        capture::tcp_view v;
-        ASSERT_TRUE(capture::decode_tcp(frame, 1, v));
-        host_packet pkt{};
-        pkt.data = frame.data();
-        pkt.length = static_cast<uint16_t>(v.payload_offset + v.payload_length);
-        pkt.payload_offset = v.payload_offset;
-        pkt.ip_version = 4;
-        pkt.protocol = 6;
-        memcpy(&pkt.src_addr.v4, v.src.data(), 4);
-        memcpy(&pkt.dst_addr.v4, v.dst.data(), 4);
-        pkt.src_port = v.src_port;
-        pkt.dst_port = v.dst_port;
-        const int d = v.src_port == synth::kSmbPort ? 1 : 0;
+        corvane_host::DecodedPacket decoded;
+        ASSERT_EQ(corvane_host::decode_frame(corvane_host::kLinkEthernet, frame.data(),
+                                             frame.size(), decoded),
+                  corvane_host::DecodeStatus::Ok);
+        host_packet &pkt = decoded.pkt;
+        const int d = pkt.src_port == synth::kSmbPort ? 1 : 0;
         pkt.flags = static_cast<uint16_t>(d);
         pkt.dir_counters[d] = {1, frame.size()};
         host_slot slot = nullptr;
