@@ -69,7 +69,7 @@ uint64_t Queue::deadline(const Flow &flow) const {
 }
 
 void Queue::drop(FlowIter it) {
-    timeouts_.remove(it);
+    timeouts_.remove(&*it);
     flows_.erase(it);
 }
 
@@ -126,7 +126,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
         f.rec.protocol = pkt.protocol;
         f.rec.first_ns = now;
         f.rec.last_ns = now;
-        timeouts_.push(it, deadline(f));
+        timeouts_.push(&*it, deadline(f));
         ++stats_.flows_created;
     }
     Flow &flow = it->second;
@@ -201,14 +201,14 @@ void Queue::export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool 
 void Queue::sweep(uint64_t now_ns) {
     std::vector<FlowIter> victims;
     while (!timeouts_.empty() && timeouts_.top_due() <= now_ns) {
-        const FlowIter it = timeouts_.top();
-        if (timed_out(it->second, now_ns)) {
-            timeouts_.remove(it);
-            victims.push_back(it);
+        FlowEntry *entry = timeouts_.top();
+        if (timed_out(entry->second, now_ns)) {
+            timeouts_.remove(entry);
+            victims.push_back(flows_.find(entry->first));
         } else {
             // Due but not timed out: later packets moved the timeout on (or, with a zero
             // timeout, the last packet is stamped with the current time: look again later).
-            timeouts_.refile_top(std::max(deadline(it->second), now_ns + 1));
+            timeouts_.refile_top(std::max(deadline(entry->second), now_ns + 1));
         }
     }
     export_sorted(victims, now_ns, false);

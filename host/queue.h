@@ -90,8 +90,11 @@ class Queue {
     void sweep(uint64_t now_ns);
     using FlowMap = std::unordered_map<FlowKey, Flow, FlowKeyHash>;
     using FlowIter = FlowMap::iterator;
+    // The heap holds the cache's elements by address: unlike iterators, addresses of elements
+    // stay valid when the map rehashes.
+    using FlowEntry = FlowMap::value_type;
     struct HeapPosOf {
-        uint32_t &operator()(FlowIter it) const { return it->second.heap_pos; }
+        uint32_t &operator()(FlowEntry *e) const { return e->second.heap_pos; }
     };
     void drop(FlowIter it);  // out of the timeout heap and the cache
     void export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool end);
@@ -106,7 +109,7 @@ class Queue {
     // Every flow in the cache, by the time its timeout could next fall due. Packets push a
     // flow's timeout later without touching the heap; a sweep that finds the flow still
     // active files it again, so each flow is handled about once per timeout period.
-    TimeoutHeap<FlowIter, HeapPosOf> timeouts_;
+    TimeoutHeap<FlowEntry *, HeapPosOf> timeouts_;
     uint64_t clock_ns_ = 0;
     uint64_t next_sweep_ns_ = 0;
     uint64_t next_conn_sweep_ns_ = 0;
