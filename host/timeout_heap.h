@@ -4,6 +4,7 @@
 // item however often it is filed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 #include <vector>
