@@ -31,12 +31,8 @@ void Exporter::evaluate(const FieldDef &field, uint32_t position, host_flow_reco
     const int valid = field.validity ? field.validity(field.ctx, &rec, slot) : 1;
     if (valid) {
         if (field.length) field.length(field.ctx, &rec, slot);
-        binary_.binary.clear();
-        binary_.text.clear();
-        binary_.writes = 0;
-        text_.binary.clear();
-        text_.text.clear();
-        text_.writes = 0;
+        binary_.clear();
+        text_.clear();
         const bool both = forms_ == FillForms::Both;
         const bool is_string = field.type == CORVANE_FIELD_STRING;
         if (field.fill && (both || !is_string))

@@ -19,6 +19,12 @@ struct FieldOutput {
     std::vector<uint8_t> binary;
     std::string text;
     unsigned writes = 0;  // successful writer calls; 0 means the fill gave no value
+
+    void clear() {
+        binary.clear();
+        text.clear();
+        writes = 0;
+    }
 };
 
 // Text of an unsigned little-endian number of 1 to 8 bytes, in decimal.

@@ -106,13 +106,18 @@ unsigned Pipeline::queue_index(const host_packet &pkt, unsigned queues) {
     return static_cast<unsigned>(conn_key_of(pkt, from_a).digest % queues);
 }
 
-void Pipeline::push(Worker &w) {
+Pipeline::Batch &Pipeline::filling(Worker &w) {
     if (!w.filling) {
         if (auto spare = spare_->try_pop())
             w.filling = std::move(*spare);
         else
             w.filling = std::make_unique<Batch>();
     }
+    return *w.filling;
+}
+
+void Pipeline::push(Worker &w) {
+    filling(w);
     w.filling->clock_ns = clock_ns_;
     w.pushed_clock_ns = clock_ns_;
     w.in.push(std::move(w.filling));
@@ -124,13 +129,7 @@ void Pipeline::submit(const DecodedPacket &packet) {
     bool from_a;
     const ConnKey conn = conn_key_of(pkt, from_a);
     Worker &w = *workers_[conn.digest % workers_.size()];
-    if (!w.filling) {
-        if (auto spare = spare_->try_pop())
-            w.filling = std::move(*spare);
-        else
-            w.filling = std::make_unique<Batch>();
-    }
-    Batch &b = *w.filling;
+    Batch &b = filling(w);
     const size_t offset = b.arena.size();
     b.arena.insert(b.arena.end(), pkt.data, pkt.data + pkt.length);
     b.items.push_back({pkt, packet.ip_bytes, offset, conn, from_a});

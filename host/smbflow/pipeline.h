@@ -57,6 +57,7 @@ class Pipeline {
     struct ExportMsg;
     struct Worker;
 
+    Batch &filling(Worker &w);  // the batch being filled, a spare one if need be
     void push(Worker &w);
     void worker_main(Worker &w);
     void send(Worker &w, bool final);
