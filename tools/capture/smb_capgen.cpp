@@ -13,6 +13,9 @@
 //   smb_capgen halfopen -o OUT -n CONNECTIONS [-g GAP_US]
 //       connections that send a SYN and the first segment of a compound request that never
 //       goes on
+//   smb_capgen treeslot -o OUT -n FILES
+//       two connections whose tree ids fall into one slot of the plug-in's tree table at its
+//       default size, opening FILES files each on their trees, their messages interleaved
 //   The synthetic captures space their packets GAP_US microseconds apart (default 1).
 #include <pcap/pcap.h>
 #include <stdio.h>
@@ -24,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "crc.h"
 #include "frame_edit.h"
 #include "smb_synth.h"
 #include "tcp_capture.h"
@@ -175,11 +179,60 @@ int halfopen(const synth_options &o) {
     return 0;
 }
 
+// The tree table's slot of (tree id, client address word, client port): CRC-32C of the key
+// packed without padding, masked to the default 2048 slots.
+uint32_t tree_slot(uint32_t tree_id, const capture::tcp_endpoints &client) {
+    uint8_t key[10];
+    for (int i = 0; i < 4; ++i) {
+        key[i] = static_cast<uint8_t>(tree_id >> 8 * i);
+        key[4 + i] = client.src_ip[i];  // the address word keeps the wire's byte order
+    }
+    key[8] = static_cast<uint8_t>(client.src_port);
+    key[9] = static_cast<uint8_t>(client.src_port >> 8);
+    return corvaneexp_crc32c(key, sizeof key, 0) & 2047u;
+}
+
+// Which connection's tree takes the shared slot last depends, with several queues, on which
+// queue runs first: the case where a checker must not expect one order.
+int treeslot(const synth_options &o) {
+    writer w(o.out);
+    const auto sink = timed_sink(w, o.gap_us);
+    synth::conversation a(sink, 0), b(sink, 1);
+    const uint32_t tree_a = 1;
+    uint32_t tree_b = 2;
+    while (tree_slot(tree_b, b.client()) != tree_slot(tree_a, a.client()))
+        ++tree_b;
+    a.handshake();
+    b.handshake();
+    const std::pair<synth::conversation *, uint32_t> conns[] = {{&a, tree_a}, {&b, tree_b}};
+    for (const auto &[conn, tree] : conns)
+        conn->data(true, synth::smb2_message(synth::kTreeConnect, false, 1, 0,
+                                             synth::tree_connect_request("\\\\server\\share" +
+                                                                         std::to_string(tree))));
+    for (const auto &[conn, tree] : conns)
+        conn->data(false, synth::smb2_message(synth::kTreeConnect, true, 1, tree,
+                                              synth::tree_connect_response()));
+    for (uint64_t i = 0; i < o.count; ++i)
+        for (const auto &[conn, tree] : conns) {
+            const uint64_t mid = 2 + i, fid = 0x2000000000ull + tree * 1000u + i;
+            const std::string name = "t" + std::to_string(tree) + "\\f" + std::to_string(i);
+            conn->data(true, synth::smb2_message(synth::kCreate, false, mid, tree,
+                                                 synth::create_request(name)));
+            conn->data(false, synth::smb2_message(synth::kCreate, true, mid, tree,
+                                                  synth::create_response(fid)));
+        }
+    printf("%llu packets, trees %u and %u share tree-table slot %u\n",
+           static_cast<unsigned long long>(w.packets()), tree_a, tree_b,
+           tree_slot(tree_a, a.client()));
+    return 0;
+}
+
 [[noreturn]] void usage() {
     fprintf(stderr,
             "usage: smb_capgen replicate -o OUT -n MIN_PACKETS CAPTURE...\n"
             "       smb_capgen opens|unanswered -o OUT -n COUNT [-c CONNECTIONS] [-g GAP_US]\n"
-            "       smb_capgen halfopen -o OUT -n CONNECTIONS [-g GAP_US]\n");
+            "       smb_capgen halfopen -o OUT -n CONNECTIONS [-g GAP_US]\n"
+            "       smb_capgen treeslot -o OUT -n FILES\n");
     exit(2);
 }
 
@@ -218,5 +271,6 @@ int main(int argc, char **argv) {
     if (mode == "opens") return opens(o, true);
     if (mode == "unanswered") return opens(o, false);
     if (mode == "halfopen") return halfopen(o);
+    if (mode == "treeslot") return treeslot(o);
     usage();
 }

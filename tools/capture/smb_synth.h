@@ -41,6 +41,7 @@ class conversation {
     void data(bool from_client, std::span<const uint8_t> payload) {
         send(from_client, 0x18, payload);
     }
+    const capture::tcp_endpoints &client() const { return client_; }
 
   private:
     frame_sink sink_;

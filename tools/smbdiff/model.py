@@ -12,7 +12,7 @@ from __future__ import annotations
 
 import ipaddress
 import math
-from collections import Counter
+from collections import Counter, defaultdict
 from dataclasses import dataclass, field
 
 import wire
@@ -234,12 +234,20 @@ class SlotTable:
         self.mask = slot_count(requested) - 1
         self.id_size, self.id_first = id_size, id_first
         self.slots: dict[int, tuple[tuple, object]] = {}
+        self.users: dict[int, set] = defaultdict(set)  # slot -> connections whose keys use it
 
     def index(self, key: tuple) -> int:
         addr, port, ident = key
         k = addr.to_bytes(4, "little") + port.to_bytes(2, "little")
         i = ident.to_bytes(self.id_size, "little")
-        return crc32c(i + k if self.id_first else k + i) & self.mask
+        slot = crc32c(i + k if self.id_first else k + i) & self.mask
+        self.users[slot].add((addr, port))
+        return slot
+
+    def shared_slots(self) -> int:
+        """Slots that keys of more than one connection map to. Connections may run on
+        different queues, and then which of them takes such a slot last is up to the threads."""
+        return sum(1 for conns in self.users.values() if len(conns) > 1)
 
     def state(self, key: tuple):
         """("empty" | "same" | "other", the slot's entry)."""
@@ -271,8 +279,9 @@ DEFAULT_SIZES = {"messagetable-size": 1024, "messagetable2-size": 65536,
 
 
 class Tables:
-    """The plug-in's tables, slot collisions included. With several queues each queue has
-    message tables of its own; the model keeps one pair, as with a single queue."""
+    """The plug-in's tables, slot collisions included, as one queue sees them: with several
+    queues each queue has message tables of its own, and keys of connections on different
+    queues that share a slot meet in an order the threads decide (see `shared_slots`)."""
 
     def __init__(self, sizes: dict | None = None) -> None:
         sz = dict(DEFAULT_SIZES, **(sizes or {}))
@@ -281,6 +290,13 @@ class Tables:
         self.tree = SlotTable(sz["treetable-size"], 4)
         self.file = SlotTable(sz["filetable-size"], 8)
         self.data = SlotTable(sz["datatable-size"], 1, id_first=False)
+
+    def shared_slots(self) -> dict[str, int]:
+        """Per table parameter, the slots that more than one connection's keys map to."""
+        tables = {"messagetable-size": self.msg, "messagetable2-size": self.msg2,
+                  "treetable-size": self.tree, "filetable-size": self.file,
+                  "datatable-size": self.data}
+        return {name: t.shared_slots() for name, t in tables.items()}
 
     def msg_insert(self, name: bytes | None, op: int, tree_id: int, key: tuple, mid: int) -> None:
         self.msg.insert(key + (mid,), MsgEntry(name or bytes(128), op, tree_id))
@@ -313,8 +329,10 @@ class Tables:
 
 
 def addr32(ip: str) -> int:
+    """The client address word as the plug-in keys it: the last four address bytes in wire
+    order, read as a little-endian word (table keys are packed little-endian again)."""
     packed = ipaddress.ip_address(ip).packed
-    return int.from_bytes(packed[-4:], "big")
+    return int.from_bytes(packed[-4:], "little")
 
 
 class Packet:
