@@ -82,7 +82,7 @@ unsigned long stray_host_calls() {
 
 using namespace corvane_host;
 
-HOST_API int corvane_plugin_add(void *descriptor, void *, void *, void *) {
+HOST_API int corvane_plugin_add(void *descriptor, void *, void *, void *, void *) {
     RegistrationScope *scope = t_scope;
     if (!scope || scope->phase != RegistrationScope::Phase::ModuleInit || !scope->descriptors) {
         stray("corvane_plugin_add");

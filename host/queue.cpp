@@ -132,11 +132,10 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
     Flow &flow = it->second;
     const unsigned dir = from_a != flow.src_is_a;
     pkt.flags = static_cast<uint16_t>((pkt.flags & ~HOST_FLAG_DIRECTION) | dir);
-    flow.rec.dir_counters[dir].packets += pkt.dir_counters[pre_dir].packets;
-    flow.rec.dir_counters[dir].bytes += pkt.dir_counters[pre_dir].bytes;
-    flow.rec.tcp_flags[dir] |= pkt.tcp_flags;
-    flow.rec.last_ns = std::max(flow.rec.last_ns, now);
 
+    // The update hooks see the flow's counters as they were before this packet: a plug-in
+    // learns from them whether this is the first packet of its direction (an SMB1 record
+    // takes the response's command only then) and how many packets came before.
     for (size_t i = 0; i < n; ++i) {
         const QueueHooks &h = hooks_[i];
         if (!h.update || (flow.update_off & (1u << i))) continue;
@@ -150,6 +149,10 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
             ++stats_.update_removals;
         }
     }
+    flow.rec.dir_counters[dir].packets += pkt.dir_counters[pre_dir].packets;
+    flow.rec.dir_counters[dir].bytes += pkt.dir_counters[pre_dir].bytes;
+    flow.rec.tcp_flags[dir] |= pkt.tcp_flags;
+    flow.rec.last_ns = std::max(flow.rec.last_ns, now);
     for (size_t i = 0; i < n; ++i)
         host_.plugin(i).free_slot(&pkt_slots[i]);
 }

@@ -9,7 +9,7 @@
 static const corvane_plugin_desc *registered;
 
 extern "C" __attribute__((visibility("default"))) int corvane_plugin_add(void *descriptor, void *,
-                                                                         void *, void *) {
+                                                                         void *, void *, void *) {
     registered = static_cast<const corvane_plugin_desc *>(descriptor);
     return 0;
 }
@@ -36,9 +36,10 @@ int main(int argc, char **argv) {
         fprintf(stderr, "%s: corvane_module_init failed (%d)\n", path, rc);
         return 1;
     }
-    printf("library:     %s\napi version: %u\nname:        %s\ntype:        %lu\nvariant:     %lu\n"
-           "help:\n%s\n",
-           path, *version, registered->name, (unsigned long)registered->type,
-           (unsigned long)registered->variant, registered->help);
+    printf(
+        "library:     %s\napi version: %u\nname:        %s\ntype:        %lu\nvariant:     %lu\n"
+        "help:\n%s\n",
+        path, *version, registered->name, (unsigned long)registered->type,
+        (unsigned long)registered->variant, registered->help);
     return 0;
 }

@@ -25,8 +25,12 @@ elif [ "$status" -ne 0 ]; then
   exit "$status"
 fi
 cat "$out/MANIFEST.txt"
-for queues in 1 4; do
-  echo "traffic-check: smbflow with $queues queue(s)"
-  PYTHONDONTWRITEBYTECODE=1 python3 tools/smbdiff/smbdiff.py --smbflow "$smbflow" --queues "$queues" \
-    --plugin "$plugin" "$out"/*.pcap
+status=0
+for params in "" short-create=1; do
+  for queues in 1 4; do
+    echo "traffic-check: smbflow with $queues queue(s)${params:+, --params $params}"
+    PYTHONDONTWRITEBYTECODE=1 python3 tools/smbdiff/smbdiff.py --smbflow "$smbflow" \
+      --queues "$queues" --plugin "$plugin" ${params:+--params "$params"} "$out"/*.pcap || status=1
+  done
 done
+exit "$status"

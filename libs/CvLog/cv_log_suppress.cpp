@@ -31,7 +31,6 @@ pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_t g_verbose_thread;
 bool g_thread_running = false;
 bool g_fork_handlers_registered = false;
-bool g_restart_after_fork = false;
 
 time_t seconds_clock() {
     return time(nullptr);
@@ -47,13 +46,14 @@ void report(Entry &entry, const char *func) {
     memset(&entry, 0, sizeof entry);
 }
 
+// Stopping flushes the counts and makes sure no thread holds g_mutex across the fork; both
+// processes then go on with a thread of their own, whether or not one ran before.
 void before_fork() {
-    g_restart_after_fork = g_thread_running;
     CvLog_StopSupressThread();
 }
 
 void after_fork() {
-    if (g_restart_after_fork) CvLog_StartSupressThread();
+    CvLog_StartSupressThread();
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 // own corvane_plugin_add can still link the rest of the fake host.
 #include "fake_host.h"
 
-extern "C" int corvane_plugin_add(void *, void *, void *, void *) {
+extern "C" int corvane_plugin_add(void *, void *, void *, void *, void *) {
     fake_host::note_call("corvane_plugin_add");
     return 0;
 }

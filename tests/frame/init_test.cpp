@@ -34,6 +34,7 @@ struct param_case {
     uint16_t port;
     sizes expected;
     Lines messages;
+    uint32_t short_create = 0;
 };
 void PrintTo(const param_case &c, std::ostream *os) {
     *os << c.label;
@@ -57,6 +58,7 @@ TEST_P(Parameters, SetTheContext) {
     EXPECT_EQ(ctx->messagetable_size, c.expected.message);
     EXPECT_EQ(ctx->messagetable2_size, c.expected.message2);
     EXPECT_EQ(ctx->datatable_size, c.expected.data);
+    EXPECT_EQ(ctx->short_create, c.short_create);
     process_smb_shutdown(ctx);
 }
 
@@ -106,7 +108,10 @@ INSTANTIATE_TEST_SUITE_P(
                    {100, 1048576, 1024, 65536, 1024},
                    {}},
         param_case{
-            "later value wins", "port=139,port=445,port=8445", CVLOG_INFO, 8445, kDefaults, {}}));
+            "later value wins", "port=139,port=445,port=8445", CVLOG_INFO, 8445, kDefaults, {}},
+        param_case{"short-create on", "short-create=1", CVLOG_INFO, 445, kDefaults, {}, 1},
+        param_case{
+            "short-create off", "short-create=0,port=139", CVLOG_INFO, 139, kDefaults, {}, 0}));
 
 TEST(ParameterFile, IsReadLineByLine) {
     fake_host::reset();

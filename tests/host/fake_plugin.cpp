@@ -222,8 +222,8 @@ const corvane_plugin_desc fake_descriptor = {
 
 CV_EXPORT_DATA const uint32_t corvane_api_version = FAKE_API_VERSION;
 
-CV_EXPORT int corvane_module_init(void *a1, void *a2, void *a3, void *) {
-    return corvane_plugin_add(const_cast<corvane_plugin_desc *>(&fake_descriptor), a1, a2, a3);
+CV_EXPORT int corvane_module_init(void *a1, void *a2, void *a3, void *a4) {
+    return corvane_plugin_add(const_cast<corvane_plugin_desc *>(&fake_descriptor), a1, a2, a3, a4);
 }
 
 CV_EXPORT const fake_plugin_stats *fake_plugin_stats_get(void) {

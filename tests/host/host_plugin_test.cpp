@@ -91,7 +91,7 @@ TEST(HostLoad, RegistrationsOutsideAnEntryPointAreRefused) {
     EXPECT_EQ(corvane_getter_add(nullptr, 0, ~0u, "X", 1, 4, 0, nullptr, nullptr, nullptr, nullptr,
                                  nullptr, 0),
               nullptr);
-    EXPECT_EQ(corvane_plugin_add(nullptr, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(corvane_plugin_add(nullptr, nullptr, nullptr, nullptr, nullptr), -1);
     corvane_hook_queue_filter(nullptr, 0, nullptr);
     host_flow_record flow{};
     EXPECT_EQ(corvane_hook_update_remove(&flow, 0, nullptr), nullptr);

@@ -112,10 +112,14 @@ TEST_F(Suppress, UnformattableMessageLoggedUnfiltered) {
     EXPECT_EQ(out_lines().size(), 2u);
 }
 
-// The thread reports expired entries by itself, in the parent and in a forked child alike.
-TEST_F(Suppress, WorksInParentAndChildAfterFork) {
+// The thread reports expired entries by itself, in the parent and in a forked child alike,
+// also when it had been stopped before the fork.
+class SuppressFork : public Suppress, public testing::WithParamInterface<bool> {};
+
+TEST_P(SuppressFork, WorksInParentAndChildAfterFork) {
     log(CVLOG_WARN, "before");
     log(CVLOG_WARN, "before");
+    if (GetParam()) CvLog_StopSupressThread();
     pid_t child = fork();
     if (child == 0) {
         log(CVLOG_WARN, "child");
@@ -136,5 +140,7 @@ TEST_F(Suppress, WorksInParentAndChildAfterFork) {
                                   "WARN sup child", "WARN sup REPEATED (2): child",
                                   "WARN sup parent", "WARN sup REPEATED (2): parent"}));
 }
+
+INSTANTIATE_TEST_SUITE_P(ThreadStoppedBeforeFork, SuppressFork, testing::Bool());
 
 }  // namespace

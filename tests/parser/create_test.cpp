@@ -256,12 +256,61 @@ TEST(Create, SuccessForAnUnknownRequestLeavesTheFileTableAlone) {
     EXPECT_EQ(rec->file_type, 2);
     EXPECT_EQ(rec->commands[1], kCmdLow | 0x2000);
     EXPECT_FALSE(h.file(kFile).found);
+}
 
-    Bytes body = create_response_body(FILE_CREATED, kAttributeArchive, kFile);
-    body.pop_back();
-    Record shorter;
-    EXPECT_EQ(h.send(response(CREATE, 32, kTree, body), shorter), -1);
-    EXPECT_EQ(shorter->file_id, 0u);
+// A response without create contexts has an 88-byte body: taken only with short-create when it
+// ends the message (alone, or last in a chain); 87 bytes are malformed either way. A message
+// with others behind it in a chain measures its body to the end of the chain.
+TEST(Create, ShortResponseBodyIsTakenOnlyWithTheOptIn) {
+    enum class Where { alone, first_of_related_chain, later_in_unrelated_chain };
+    struct Case {
+        Where where;
+        size_t body;
+        uint32_t short_create;
+        bool named;
+    };
+    const Case cases[] = {
+        {Where::alone, 89, 0, true},
+        {Where::alone, 88, 0, false},
+        {Where::alone, 88, 1, true},
+        {Where::alone, 87, 1, false},
+        {Where::first_of_related_chain, 88, 0, true},
+        {Where::first_of_related_chain, 88, 1, true},
+        {Where::later_in_unrelated_chain, 88, 0, false},
+        {Where::later_in_unrelated_chain, 88, 1, true},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << (&c - cases));
+        ParserHarness h;
+        h.q().short_create = c.short_create;
+        const Message open =
+            request(CREATE, 40, kTree, create_request_body(name_bytes(3), FILE_OPEN));
+        Bytes body = create_response_body(FILE_OPENED, kAttributeArchive, kFile);
+        body.resize(c.body);
+        const Message granted = response(CREATE, 40, kTree, body);
+        Record rec;
+        switch (c.where) {
+            case Where::alone:
+                ASSERT_EQ(h.send(open), 2);
+                EXPECT_EQ(h.send(granted, rec), c.named ? 0 : -1);
+                break;
+            case Where::first_of_related_chain: {
+                Message read = request(READ, 41, kTree, request_body(READ, ~0ull));
+                read.header.flags |= kRelated;
+                ASSERT_EQ(h.send(compound({open, read})), 2);
+                Message data = response(READ, 41, kTree, read_response_body({1, 2}));
+                data.header.flags |= kRelated;
+                h.send(compound({granted, data}), rec);
+                EXPECT_EQ(h.message2_file(41) == kFile, c.named);
+                break;
+            }
+            case Where::later_in_unrelated_chain:
+                ASSERT_EQ(h.send(compound({request(ECHO, 39, 0, request_body(ECHO)), open})), 0);
+                h.send(compound({response(ECHO, 39, 0, response_body(ECHO)), granted}), rec);
+                break;
+        }
+        EXPECT_EQ(h.file(kFile).found, c.named);
+    }
 }
 
 TEST(Create, LinkedMessageIdsGetTheNewFileId) {

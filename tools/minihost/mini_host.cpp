@@ -58,7 +58,7 @@ using mini_host::g_fields;
 
 extern "C" {
 
-int corvane_plugin_add(void *, void *, void *, void *) {
+int corvane_plugin_add(void *, void *, void *, void *, void *) {
     return 0;
 }
 

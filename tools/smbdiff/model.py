@@ -79,9 +79,6 @@ RULES = {
     "short-create": "a successful CREATE response needs the 89-byte body of its StructureSize; "
                     "one without create contexts (88 bytes, as Samba sends for a plain open) is "
                     "rejected, so that open gives no record, name, type or operation",
-    "smb1-no-response": "an SMB1 record takes its response word only while the other direction "
-                        "has counted no packet; the host counts each packet before the update "
-                        "hook, so a two-way SMB1 record keeps the invalid response marker",
     "unmodelled": "something the model does not follow (listed with the differences)",
 }
 
@@ -883,13 +880,12 @@ class Expected:
 class Model:
     """Runs a capture through the parser and the host's flow handling, then exports."""
 
-    def __init__(self, port: int = 445, smb1_response_word: bool = False,
+    def __init__(self, port: int = 445,
                  create_response_min: int = CREATE_RESPONSE_MIN,
                  sizes: dict | None = None) -> None:
         self.port = port
         self.parser = Parser(port, create_response_min, sizes)
         self.flows: dict[tuple, Flow] = {}
-        self.smb1_response_word = smb1_response_word
 
     def run(self, capture: wire.Capture) -> list[Expected]:
         for pdu in capture.pdus:
@@ -911,6 +907,8 @@ class Model:
             flow = self.flows[key] = Flow(first=s, folds=key[1], order=len(self.flows),
                                           last=s.time)
         same_way = s.dport == flow.first.dport
+        # The update hook sees the flow's counters before the host adds this packet to them.
+        before = list(flow.packets)
         flow.packets[0 if same_way else 1] += 1
         if s.time - flow.last >= INACTIVE_TIMEOUT or s.time - flow.first.time >= ACTIVE_TIMEOUT:
             self.parser.rule("unmodelled", f"frame {s.number}: the host's flow timeouts split "
@@ -921,20 +919,16 @@ class Model:
         if flow.record is None:
             if rec is not None:
                 flow.record = rec
-            elif sum(flow.packets) > REMOVE_AFTER:
+            elif sum(before) > REMOVE_AFTER:
                 flow.removed = True
             return
         if rec is None:
             return
         r = flow.record
         if rec.version == 1:
-            # The first SMB1 message against the flow's first direction gives the response
-            # word (the counter already holds this packet).
-            if not same_way and flow.packets[1] == 1:
-                if self.smb1_response_word:
-                    r.commands[1] = rec.commands[0]
-                else:
-                    self.parser.rule("smb1-no-response")
+            # The first SMB1 message against the flow's first direction gives the response word.
+            if not same_way and before[1] == 0:
+                r.commands[1] = rec.commands[0]
             return
         r.commands[0 if same_way else 1] |= rec.commands[0]
         if (rec.commands[0] | rec.commands[1]) & SET_INFO_BIT:

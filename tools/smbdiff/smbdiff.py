@@ -210,16 +210,18 @@ class Result:
     sharing: tuple | None = None  # multi-queue runs: (sharings before, after, sizes grown)
 
 
-def plugin_settings(params: str | None) -> tuple[int, dict]:
-    """The port and table sizes that a plug-in parameter string sets."""
-    port, sizes = 445, {}
+def plugin_settings(params: str | None) -> tuple[int, dict, int]:
+    """The port, table sizes and CREATE response minimum that a parameter string sets."""
+    port, sizes, create_min = 445, {}, model.CREATE_RESPONSE_MIN
     for item in (params or "").split(","):
         key, _, value = item.strip().partition("=")
         if key == "port" and value:
             port = int(value, 0)
         elif key in model.DEFAULT_SIZES and value:
             sizes[key] = int(value, 0)
-    return port, sizes
+        elif key == "short-create" and value:
+            create_min = model.CREATE_RESPONSE_MIN - (int(value, 0) != 0)
+    return port, sizes, create_min
 
 
 # Growth factor and ceiling (slots) when tables are enlarged for a run with several queues.
@@ -227,7 +229,7 @@ GROWTH = 4
 MAX_SLOTS = 1 << 24
 
 
-def sizes_without_shared_slots(cap, port: int, sizes: dict) -> tuple[dict, dict, dict]:
+def sizes_without_shared_slots(cap, args, sizes: dict) -> tuple[dict, dict, dict]:
     """Table sizes at which no slot is shared by keys of two connections.
 
     With one queue the model follows slot collisions exactly, in capture order. With several
@@ -239,7 +241,7 @@ def sizes_without_shared_slots(cap, port: int, sizes: dict) -> tuple[dict, dict,
     sizes = dict(sizes)
     first = None
     while True:
-        m = model.Model(port=port, sizes=sizes)
+        m = model.Model(port=args.port, create_response_min=args.create_min, sizes=sizes)
         m.run(cap)
         shared = m.parser.t.shared_slots()
         first = first or shared
@@ -265,11 +267,11 @@ def check_capture(path: str, args) -> Result:
     cap = wire.read_capture(path, args.tshark, args.port)
     sizes, params, sharing = args.sizes, args.params, None
     if args.queues > 1:
-        sizes, before, after = sizes_without_shared_slots(cap, args.port, args.sizes)
+        sizes, before, after = sizes_without_shared_slots(cap, args, args.sizes)
         if sizes != args.sizes:
             params = with_sizes(args.params, sizes)
         sharing = (before, after, {k: v for k, v in sizes.items() if args.sizes.get(k) != v})
-    settings = {"port": args.port, "sizes": sizes}
+    settings = {"port": args.port, "sizes": sizes, "create_response_min": args.create_min}
     intended = model.Model(**settings)
     expected = intended.run(cap)
     # Several runs of a multi-queue smbflow meet different thread schedules; every run must
@@ -319,7 +321,7 @@ def main(argv=None) -> int:
                     help="list the differences that known bugs explain, and every rule")
     args = ap.parse_args(argv)
     try:
-        args.port, args.sizes = plugin_settings(args.params)
+        args.port, args.sizes, args.create_min = plugin_settings(args.params)
     except ValueError:
         print(f"smbdiff: cannot read the plug-in parameters {args.params!r}", file=sys.stderr)
         return 2

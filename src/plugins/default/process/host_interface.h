@@ -108,7 +108,8 @@ typedef struct corvane_plugin_desc {
 typedef int (*corvane_module_init_fn)(void *a1, void *a2, void *a3, void *a4);
 
 // Provided by the host.
-CV_EXTERN_C int corvane_plugin_add(void *descriptor, void *a2, void *a3, void *a4);
+// The descriptor, then every argument the host gave corvane_module_init, unchanged.
+CV_EXTERN_C int corvane_plugin_add(void *descriptor, void *a1, void *a2, void *a3, void *a4);
 CV_EXTERN_C void *corvane_getter_add(void *host, uint32_t plugin_id, uint32_t all_ones,
                                      const char *name, uint32_t type, uint32_t size, int zero,
                                      void *ctx, corvane_validity_fn validity,
@@ -126,8 +127,8 @@ CV_EXTERN_C void corvane_hook_queue_release(void *queue_ctx, uint32_t plugin_id,
                                             corvane_release_fn hook);
 CV_EXTERN_C void *corvane_hook_update_remove(host_flow_record *flow, uint32_t queue_id,
                                              corvane_update_fn hook);
-CV_EXTERN_C int record_universal_get_num(void *output, const void *value, uint32_t size,
-                                         uint32_t a, uint32_t b);
+CV_EXTERN_C int record_universal_get_num(void *output, const void *value, uint32_t size, uint32_t a,
+                                         uint32_t b);
 CV_EXTERN_C int record_universal_get_txt_num(void *output, const void *value, uint32_t size,
                                              uint32_t a, uint32_t b);
 CV_EXTERN_C int record_universal_get_txt_string(void *output, const void *buffer, uint32_t size,

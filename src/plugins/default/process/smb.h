@@ -101,6 +101,9 @@ typedef struct smb_plugin_ctx {
     uint32_t messagetable_size;
     uint32_t messagetable2_size;
     uint32_t datatable_size;
+    // Opt-in: a successful CREATE response with an 88-byte body (no create contexts, no
+    // buffer byte) is read as if it had the 89 bytes its StructureSize names.
+    uint32_t short_create;
 } smb_plugin_ctx;
 
 // A queue's context has exactly the plug-in context's fields.

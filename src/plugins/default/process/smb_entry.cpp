@@ -22,6 +22,6 @@ const corvane_plugin_desc plugin = {
     {},
 };
 
-int corvane_module_init(void *a1, void *a2, void *a3, void *) {
-    return corvane_plugin_add(const_cast<corvane_plugin_desc *>(&plugin), a1, a2, a3);
+int corvane_module_init(void *a1, void *a2, void *a3, void *a4) {
+    return corvane_plugin_add(const_cast<corvane_plugin_desc *>(&plugin), a1, a2, a3, a4);
 }

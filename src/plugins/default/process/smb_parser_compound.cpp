@@ -85,7 +85,7 @@ class RelatedChain {
 
     void create_response(const Smb2Message &msg, uint64_t id) {
         CreateGrant grant;
-        if (!msg.succeeded() || !read_create_grant(msg, grant)) return;
+        if (!msg.succeeded() || !read_create_grant(q_, msg, grant)) return;
         rec_->file_type = grant.file_type;
         rec_->op = grant.op;
         rec_->file_id = grant.file_id;
@@ -182,7 +182,7 @@ class UnrelatedMessage {
 
     void create_response() {
         CreateGrant grant;
-        if (!msg_.succeeded() || !read_create_grant(msg_, grant)) return;
+        if (!msg_.succeeded() || !read_create_grant(q_, msg_, grant)) return;
         op_ = grant.op;
         uint8_t request_op = 0xff;
         auto name =

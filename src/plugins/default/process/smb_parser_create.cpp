@@ -75,7 +75,7 @@ int32_t tree_connect_response(const CommandContext &ctx) {
 
 int32_t create_success(const CommandContext &ctx) {
     CreateGrant grant;
-    if (!read_create_grant(ctx.msg, grant)) return SMB_PARSE_MALFORMED;
+    if (!read_create_grant(ctx.q, ctx.msg, grant)) return SMB_PARSE_MALFORMED;
     smb_flow_data *rec = ctx.rec;
     rec->file_type = grant.file_type;
     rec->op = grant.op;
@@ -174,8 +174,12 @@ int32_t store_create_request(smb_queue_ctx *q, ConnKey key, uint64_t message_id,
     return SMB_PARSE_STORED;
 }
 
-bool read_create_grant(const Smb2Message &msg, CreateGrant &grant) {
-    if (msg.body_length() < kCreateResponseMinBody) return false;
+bool read_create_grant(const smb_queue_ctx *q, const Smb2Message &msg, CreateGrant &grant) {
+    // MS-SMB2 2.2.14 names 89 bytes, but a response without create contexts ends after
+    // CreateContextsLength at 88 bytes, and servers send it so; every field read here lies
+    // within those 88 bytes, so the opt-in takes such responses as well.
+    const uint32_t minimum = q->short_create ? kCreateResponseMinBody - 1 : kCreateResponseMinBody;
+    if (msg.body_length() < minimum) return false;
     const ByteReader body = msg.body();
     grant.file_type = (body.u8(kFileAttributesOffset) & kAttributeDirectory)
                           ? SMB_FILE_TYPE_DIRECTORY

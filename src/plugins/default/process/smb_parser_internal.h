@@ -124,7 +124,7 @@ struct CreateGrant {
     uint8_t op;  // CreateAction
     uint64_t file_id;
 };
-bool read_create_grant(const Smb2Message &msg, CreateGrant &grant);
+bool read_create_grant(const smb_queue_ctx *q, const Smb2Message &msg, CreateGrant &grant);
 
 // The single-message procedures of TREE_CONNECT and CREATE.
 struct CommandContext {
