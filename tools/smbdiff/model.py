@@ -880,11 +880,13 @@ class Expected:
 class Model:
     """Runs a capture through the parser and the host's flow handling, then exports."""
 
-    def __init__(self, port: int = 445,
+    def __init__(self, port: int = 445, timeouts: tuple[float, float] = (INACTIVE_TIMEOUT,
+                                                                           ACTIVE_TIMEOUT),
                  create_response_min: int = CREATE_RESPONSE_MIN,
                  sizes: dict | None = None) -> None:
         self.port = port
         self.parser = Parser(port, create_response_min, sizes)
+        self.inactive_timeout, self.active_timeout = timeouts
         self.flows: dict[tuple, Flow] = {}
 
     def run(self, capture: wire.Capture) -> list[Expected]:
@@ -910,7 +912,8 @@ class Model:
         # The update hook sees the flow's counters before the host adds this packet to them.
         before = list(flow.packets)
         flow.packets[0 if same_way else 1] += 1
-        if s.time - flow.last >= INACTIVE_TIMEOUT or s.time - flow.first.time >= ACTIVE_TIMEOUT:
+        if (s.time - flow.last >= self.inactive_timeout
+                or s.time - flow.first.time >= self.active_timeout):
             self.parser.rule("unmodelled", f"frame {s.number}: the host's flow timeouts split "
                                            "this flow record, which the model does not follow")
         flow.last = s.time

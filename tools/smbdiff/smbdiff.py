@@ -18,6 +18,7 @@ from __future__ import annotations
 
 import argparse
 import json
+import math
 import os
 import shutil
 import subprocess
@@ -157,8 +158,10 @@ def compare(expected: list[model.Expected], written: list[Written]) -> list[Diff
 
 
 def run_smbflow(smbflow: str, plugin: str | None, capture: str, params: str | None,
-                queues: int = 1) -> list[str]:
+                queues: int = 1, timeouts: tuple[float, float] | None = None) -> list[str]:
     argv = [smbflow, "--format", "json", "--queues", str(queues), "--no-progress", "--quiet"]
+    if timeouts:
+        argv += ["--inactive-timeout", str(timeouts[0]), "--active-timeout", str(timeouts[1])]
     if plugin:
         argv += ["--plugin", plugin]
     if params:
@@ -208,6 +211,7 @@ class Result:
     by_bug: Counter
     rules: Counter
     sharing: tuple | None = None  # multi-queue runs: (sharings before, after, sizes grown)
+    timeouts: tuple | None = None  # (inactive, active) seconds when widened to cover the capture
 
 
 def plugin_settings(params: str | None) -> tuple[int, dict, int]:
@@ -263,8 +267,24 @@ def with_sizes(params: str | None, sizes: dict) -> str | None:
     return ",".join(items) or None
 
 
+def covering_timeouts(cap) -> tuple[float, float] | None:
+    """Flow timeouts that outlast the capture, when smbflow's defaults would not.
+
+    A pause longer than the inactive timeout (or a connection longer than the active one)
+    splits a flow record in time; the records it gives depend on where the host's timers
+    fall, which the model does not follow. The check runs smbflow with timeouts longer than
+    the whole capture instead, so that every record is split by its identifiers only."""
+    times = [s.time for s in cap.segments]
+    span = max(times) - min(times) if times else 0.0
+    if span < model.INACTIVE_TIMEOUT:
+        return None
+    t = float(math.ceil(span) + 1)
+    return (t, max(t, model.ACTIVE_TIMEOUT))
+
+
 def check_capture(path: str, args) -> Result:
     cap = wire.read_capture(path, args.tshark, args.port)
+    timeouts = covering_timeouts(cap)
     sizes, params, sharing = args.sizes, args.params, None
     if args.queues > 1:
         sizes, before, after = sizes_without_shared_slots(cap, args, args.sizes)
@@ -272,13 +292,15 @@ def check_capture(path: str, args) -> Result:
             params = with_sizes(args.params, sizes)
         sharing = (before, after, {k: v for k, v in sizes.items() if args.sizes.get(k) != v})
     settings = {"port": args.port, "sizes": sizes, "create_response_min": args.create_min}
+    if timeouts:
+        settings["timeouts"] = timeouts
     intended = model.Model(**settings)
     expected = intended.run(cap)
     # Several runs of a multi-queue smbflow meet different thread schedules; every run must
     # match, and the differences of the first run that does not are the ones reported.
     for _ in range(args.repeat):
         written = read_records(run_smbflow(args.smbflow, args.plugin, path, params,
-                                           args.queues), args.port)
+                                           args.queues, timeouts), args.port)
         diffs = compare(expected, written)
         if diffs:
             break
@@ -296,10 +318,12 @@ def check_capture(path: str, args) -> Result:
     counts["records with SMB fields"] = sum(1 for w in written if w.fields() != DEFAULTS)
     counts["differences"] = len(diffs)
     counts["unexplained"] = len(unexplained)
+    if timeouts:
+        counts["timeouts widened"] = 1
     if sharing:
         counts["cross-queue slot sharings"] = sum(sharing[0].values())
         counts["slot sharings left"] = sum(sharing[1].values())
-    return Result(counts, diffs, unexplained, by_bug, intended.parser.rules, sharing)
+    return Result(counts, diffs, unexplained, by_bug, intended.parser.rules, sharing, timeouts)
 
 
 def main(argv=None) -> int:
@@ -353,6 +377,10 @@ def main(argv=None) -> int:
         print(f"{Path(path).name}: {summary(res.counts)}")
         if res.sharing:
             print("  " + sharing_note(res.sharing, args.queues))
+        if res.timeouts:
+            print(f"  rule: the capture outlasts smbflow's inactive timeout; run with "
+                  f"--inactive-timeout {res.timeouts[0]:g} --active-timeout {res.timeouts[1]:g} "
+                  f"so that no record is split in time")
         shown = res.differences if args.strict or args.verbose else res.unexplained
         for d in shown:
             print(f"  DIFFERENCE {d.connection} {d.label}: {d.text}")
