@@ -343,6 +343,12 @@ class Samba:
             argv += ["--client-protection=encrypt"]
         return self.net.client(argv)
 
+    def impacket(self, share: str, dialect: str, tag: str) -> list[str]:
+        """The impacket client (Debian's python3-impacket, for the system interpreter)."""
+        host = self.net.server_v4
+        return self.net.client([IMPACKET_PYTHON, str(Path(__file__).with_name("impacket_client.py")),
+                                host, share, USER, PASSWORD, dialect, tag])
+
     def smbtorture(self, share: str, tests: list[str]) -> list[str]:
         return self.net.client(["smbtorture", "-s", str(self.client_conf), "-A", str(self.auth),
                                 self.unc(share, 4), *tests])
@@ -391,13 +397,14 @@ class Capture:
 
 @dataclass
 class Session:
-    kind: str  # "smbclient" or "smbtorture"
+    kind: str  # "smbclient", "smbtorture" or "impacket"
     share: str = SHARE
     proto: str = "SMB3"
     family: int = 4
     encrypt: bool = False
     cmds: list[str] = field(default_factory=list)
     tests: list[str] = field(default_factory=list)
+    dialect: str = ""  # impacket: 1, 2.0.2, 2.1 or 3.0
     timeout: float = 60
 
 
@@ -407,6 +414,7 @@ class Scenario:
     what: str
     sessions: list[Session]
     needs_smb1: bool = False
+    needs_impacket: bool = False
     mtu: int = 1500
 
 
@@ -473,10 +481,26 @@ SCENARIOS: list[Scenario] = [
     Scenario("oplocks_locks", "oplock breaks and their acknowledgments, change notify and its "
              "cancel, byte-range locks and a cancelled wait, delete-on-close checks (smbtorture)",
              [Session("smbtorture", tests=OPLOCK_LOCK_TESTS, timeout=120)]),
+    Scenario("impacket_ops", "another client (impacket) in SMB 2.0.2, 2.1 and 3.0: mkdir, put, "
+             "get, ls, rename, rm, rmdir, failed open",
+             [Session("impacket", dialect=d) for d in ("2.0.2", "2.1", "3.0")],
+             needs_impacket=True),
+    Scenario("impacket_smb1", "another client (impacket) in SMB1: the same operations",
+             [Session("impacket", dialect="1")], needs_smb1=True, needs_impacket=True),
     Scenario("compound_segmented", "compound chains over a 296-byte MTU, so that chains span "
              "several TCP segments",
              [Session("smbtorture", tests=SEGMENTED_TESTS, timeout=120)], mtu=296),
 ]
+
+
+# Debian's python3-impacket is installed for the system interpreter, which need not be the
+# python3 first on PATH.
+IMPACKET_PYTHON = "/usr/bin/python3"
+
+
+def have_impacket() -> bool:
+    return run([IMPACKET_PYTHON, "-c", "import impacket.smbconnection"], check=False,
+               quiet=True).returncode == 0
 
 
 def make_local_files(work: Path) -> None:
@@ -498,6 +522,8 @@ def run_scenario(sc: Scenario, samba: Samba, net: Network, procs: Processes, out
         for s in sc.sessions:
             if s.kind == "smbclient":
                 argv = samba.smbclient(s.share, s.proto, s.cmds, s.family, s.encrypt)
+            elif s.kind == "impacket":
+                argv = samba.impacket(s.share, s.dialect, f"{sc.name}{len(results)}")
             else:
                 argv = samba.smbtorture(s.share, s.tests)
             r = run(argv, check=False, timeout=s.timeout, quiet=True)
@@ -562,6 +588,9 @@ def main() -> int:
         for sc in chosen:
             if sc.needs_smb1 and not samba.smb1:
                 log(f"{sc.name}: skipped, the server does not accept SMB1")
+                continue
+            if sc.needs_impacket and not have_impacket():
+                log(f"{sc.name}: skipped, python3-impacket is not installed")
                 continue
             lines.append(run_scenario(sc, samba, net, procs, out, work))
         (out / "MANIFEST.txt").write_text(f"# network: {net.note}\n" + "\n".join(lines) + "\n")

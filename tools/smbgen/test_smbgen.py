@@ -38,8 +38,8 @@ class NamesTest(unittest.TestCase):
                 self.assertTrue(sc.sessions)
                 self.assertGreaterEqual(sc.mtu, 68)
                 for s in sc.sessions:
-                    self.assertIn(s.kind, ("smbclient", "smbtorture"))
-                    self.assertTrue(s.cmds if s.kind == "smbclient" else s.tests)
+                    what = {"smbclient": s.cmds, "smbtorture": s.tests, "impacket": s.dialect}
+                    self.assertTrue(what[s.kind])
 
 
 if __name__ == "__main__":
