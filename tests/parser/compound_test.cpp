@@ -146,6 +146,26 @@ TEST(RelatedChain, LaterAsyncHeaderIsNotReadForTheTreeId) {
     }
 }
 
+// A later OPLOCK_BREAK response in a related chain gives a record that names no tree the tree
+// its file was opened on.
+TEST(RelatedChain, LaterOplockBreakTakesTheTreeOfTheFile) {
+    for (bool with_break : {false, true}) {
+        ParserHarness h;
+        ASSERT_EQ(h.send(request(CREATE, 10, kTree, create_request_body(kName, FILE_OPEN))), 2);
+        ASSERT_EQ(h.send(response(CREATE, 10, kTree, create_response_body(FILE_OPENED, 0, kFile))),
+                  0);
+        ASSERT_EQ(h.send(request(READ, 20, 0, request_body(READ, kFile))), 0);
+        std::vector<Message> chain = {response(READ, 20, 0, read_response_body({1, 2, 3}))};
+        if (with_break)
+            chain.push_back(
+                related(response(OPLOCK_BREAK, 21, 0, response_body(OPLOCK_BREAK, kFile))));
+        Record rsp;
+        ASSERT_EQ(h.send(compound(chain), rsp), 0);
+        EXPECT_EQ(rsp->file_id, kFile);
+        EXPECT_EQ(rsp->tree_id, with_break ? kTree : 0u);
+    }
+}
+
 TEST(Chains, SkippedCommandsSetNoBitAndStoreNothing) {
     for (uint32_t mode : {0u, kRelated}) {
         for (uint16_t command : {0, 1, 2, 12, 13, 19}) {

@@ -186,6 +186,24 @@ TEST(Reassembly, CompoundAbove8192IsNotBuffered) {
     }
 }
 
+// Above 8192 bytes only the first command is parsed; a CREATE request there is stored (2),
+// which leaves no entry behind, so the chain's next segment finds nothing (3).
+TEST(Reassembly, CompoundAbove8192WithAStoredCreateFirstLeavesNoEntry) {
+    ParserHarness h;
+    const Bytes chain = session(compound(
+        {request(CREATE, 60, kTree, create_request_body(utf16(std::string_view("big")), 1)),
+         request(WRITE, 61, kTree, write_request_body(kFileB, Bytes(9000, 0x5a)))}));
+    ASSERT_GT(chain.size(), 8192u);
+    const auto segments = split(chain, {1400});
+    Packet first = h.to_server(segments[0]);
+    Record r0;
+    EXPECT_EQ(h.parse(first, r0), 2);
+    EXPECT_NE(h.message_name(60), nullptr);
+    Packet second = h.to_server(segments[1]);
+    Record r1;
+    EXPECT_EQ(h.parse(second, r1), 3);
+}
+
 TEST(Continuation, SegmentsOfASingleMessageGetItsIdentifiers) {
     ParserHarness h;
     const auto segments = split_even(single_write(6000), 5);
