@@ -1,6 +1,7 @@
 #include "capture.h"
 
 #include <pcap/pcap.h>
+#include <poll.h>
 #include <stdio.h>
 
 #include <fmt/format.h>
@@ -131,6 +132,14 @@ bool Capture::open() {
         close();
         return false;
     }
+    // The read timeout does not fire on every platform while no packet arrives at all: the
+    // handle is read without blocking and waited on with poll, so that an idle interface
+    // still gives the caller a turn (to let flow records time out).
+    if (pcap_setnonblock(pcap_, 1, errbuf) != 0) {
+        error_ = fmt::format("cannot capture on {}: {}", interface_, errbuf);
+        close();
+        return false;
+    }
     return apply_filter();
 }
 
@@ -149,7 +158,13 @@ ReadStatus Capture::next(Frame &frame) {
             frame.link_type = link_type_;
             return ReadStatus::Packet;
         }
-        if (rc == 0) return ReadStatus::Idle;
+        if (rc == 0) {
+            if (live_) {
+                pollfd fd{pcap_get_selectable_fd(pcap_), POLLIN, 0};
+                if (fd.fd >= 0 && poll(&fd, 1, kIdlePollMs) > 0) continue;
+            }
+            return ReadStatus::Idle;
+        }
         if (rc == PCAP_ERROR_BREAK) {
             if (live_ || interrupted_) return ReadStatus::End;
             // End of this file: on to the next.
@@ -160,6 +175,9 @@ ReadStatus Capture::next(Frame &frame) {
             if (!open_file(paths_[next_path_++])) return ReadStatus::Error;
             continue;
         }
+        // A signal that interrupted a blocking read (standard input, a FIFO) ends the run as it
+        // does for files and interfaces, not as a read error.
+        if (interrupted_) return ReadStatus::End;
         error_ = fmt::format("{}: {}", current_, pcap_geterr(pcap_));
         return ReadStatus::Error;
     }

@@ -67,6 +67,7 @@ class Capture {
     int link_type_ = 0;
     bool nano_ = true;
     static constexpr size_t kReadBufferSize = 1 << 20;
+    static constexpr int kIdlePollMs = 200;  // longest wait for a packet on an idle interface
     std::unique_ptr<char[]> read_buffer_;  // the open file's stdio buffer
     std::string current_;
     std::string error_;

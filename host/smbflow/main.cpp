@@ -36,8 +36,10 @@ void install_signals() {
     sa.sa_handler = on_signal;
     sa.sa_flags = SA_RESETHAND;  // a second signal ends the program at once
     sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    // No SA_RESTART: a read blocked on standard input or a FIFO returns, and the run ends
+    // cleanly with its records and summary. A hang-up ends it the same way.
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(sig, &sa, nullptr);
 }
 
 void error(const std::string &message) {
@@ -76,6 +78,13 @@ int run(const Options &opts) {
     Capture capture = opts.interface.empty()
                           ? Capture::files(opts.files, opts.filter)
                           : Capture::live(opts.interface, opts.filter, opts.snaplen);
+    // Handlers first, so that a signal at any point after the input is opened ends the run
+    // cleanly.
+    g_capture.store(&capture);
+    struct Forget {
+        ~Forget() { g_capture.store(nullptr); }
+    } forget_capture_on_return;
+    install_signals();
     if (!capture.open()) {
         error(capture.error());
         return capture.error_is_filter() ? kExitUsage : kExitInput;
@@ -122,8 +131,6 @@ int run(const Options &opts) {
             formatter.render(flow, row);
             writer->write(row);
         });
-        g_capture.store(&capture);
-        install_signals();
         InputStats &in = summary.input;
         Frame frame;
         corvane_host::DecodedPacket packet;
@@ -132,7 +139,8 @@ int run(const Options &opts) {
             if (rs == ReadStatus::End) break;
             if (rs == ReadStatus::Error) {
                 error(capture.error());
-                status = kExitInput;
+                // A filter that a later file's link type cannot take is still a bad filter.
+                status = capture.error_is_filter() ? kExitUsage : kExitInput;
                 break;
             }
             if (rs == ReadStatus::Idle) {
@@ -158,8 +166,8 @@ int run(const Options &opts) {
             if (opts.count && in.frames >= opts.count) break;
         }
         g_capture.store(nullptr);
-        signal(SIGINT, SIG_DFL);
-        signal(SIGTERM, SIG_DFL);
+        for (int sig : {SIGINT, SIGTERM, SIGHUP})
+            signal(sig, SIG_DFL);
         in.dropped = capture.dropped();
         pipeline.finish();
         writer->finish();

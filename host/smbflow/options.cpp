@@ -1,5 +1,8 @@
 #include "options.h"
 
+#include <sys/stat.h>
+
+#include <cmath>
 #include <map>
 
 #include <CLI/CLI.hpp>
@@ -7,6 +10,64 @@
 namespace smbflow {
 
 namespace {
+
+// Timeouts become nanoseconds in 64 bits; a billion seconds (31 years) is far past any capture.
+constexpr double kMaxTimeoutS = 1e9;
+
+// Checks that say what is wrong as a person would, naming the option as it was written.
+CLI::Validator whole_number(const std::string &name, uint64_t min = 1, uint64_t max = UINT64_MAX) {
+    return CLI::Validator(
+        [name, min, max](std::string &text) -> std::string {
+            const auto bad = [&] {
+                return max == UINT64_MAX ? name + " must be a positive whole number"
+                                         : name + " must be a whole number from " +
+                                               std::to_string(min) + " to " + std::to_string(max);
+            };
+            if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+                return bad();
+            errno = 0;
+            const unsigned long long v = strtoull(text.c_str(), nullptr, 10);
+            return errno == ERANGE || v < min || v > max ? bad() : std::string();
+        },
+        "", "");
+}
+
+CLI::Validator seconds(const std::string &name) {
+    return CLI::Validator(
+        [name](std::string &text) -> std::string {
+            char *end = nullptr;
+            const double v = strtod(text.c_str(), &end);
+            if (text.empty() || *end || !std::isfinite(v) || v <= 0 || v > kMaxTimeoutS)
+                return name + " must be a number of seconds above 0 and at most 1000000000";
+            return {};
+        },
+        "", "");
+}
+
+CLI::Validator one_of(const std::string &name, const std::map<std::string, Format> &names) {
+    return CLI::Validator(
+        [name, names](std::string &text) -> std::string {
+            std::string lower = text;
+            for (char &c : lower)
+                c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+            if (auto it = names.find(lower); it != names.end()) {
+                text = std::to_string(static_cast<int>(it->second));
+                return {};
+            }
+            std::string list;
+            for (const auto &[n, f] : names)
+                list += (list.empty() ? "" : ", ") + n;
+            return name + " must be one of " + list + ", not '" + text + "'";
+        },
+        "", "");
+}
+
+// The same file reached by two names: compared by device and inode.
+bool same_file(const std::string &a, const std::string &b) {
+    struct stat sa, sb;
+    return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
 
 constexpr const char *kDescription =
     "smbflow reads packets from capture files or a live interface, groups them into flow "
@@ -62,7 +123,7 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts) {
         ->type_name("EXPR");
     app.add_option("-c,--count", opts.count, "Stop after this many packets")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(whole_number("-c"));
     app.add_option("-o,--output", opts.output,
                    "Write flow records to this file (default: "
                    "standard output)")
@@ -74,13 +135,13 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts) {
                    "default otherwise, or for an output file not named *.json or *.txt) or json "
                    "(JSON Lines, one object per record)")
         ->type_name("FORMAT")
-        ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""));
+        ->transform(one_of("-F", formats));
     app.add_option("--queues", opts.queues,
                    "Processing queues, each on its own thread; both directions of a "
                    "connection always share a queue and flow records are post-processed on it. "
                    "Output is written by a further thread")
         ->type_name("N")
-        ->check(CLI::Range(1, 64))
+        ->check(whole_number("--queues", 1, 64))
         ->capture_default_str();
     auto *params = app.add_option("--params", opts.params,
                                   "Plug-in parameters, handed to it unchanged, e.g. "
@@ -98,16 +159,16 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts) {
     app.add_option("--active-timeout", opts.active_timeout_s,
                    "End a flow record this many seconds after its first packet")
         ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
+        ->check(seconds("--active-timeout"))
         ->capture_default_str();
     app.add_option("--inactive-timeout", opts.inactive_timeout_s,
                    "End a flow record after this many seconds without packets")
         ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
+        ->check(seconds("--inactive-timeout"))
         ->capture_default_str();
     app.add_option("--snaplen", opts.snaplen, "Bytes captured per packet on a live interface")
         ->type_name("BYTES")
-        ->check(CLI::Range(64, 262144))
+        ->check(whole_number("--snaplen", 64, 262144))
         ->capture_default_str()
         ->needs(iface);
     app.add_flag("--no-progress", opts.no_progress, "No progress line on standard error");
@@ -117,6 +178,13 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts) {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &e) {
         return app.exit(e);
+    } catch (const CLI::ValidationError &e) {
+        // Our checks name the option as the user wrote it; CLI11 would prefix its long name.
+        const std::string what = e.what();
+        const size_t colon = what.find(": ");
+        fprintf(stderr, "smbflow: %s\nRun with --help for more information.\n",
+                (colon == std::string::npos ? what : what.substr(colon + 2)).c_str());
+        return kExitUsage;
     } catch (const CLI::ParseError &e) {
         app.exit(e);
         return kExitUsage;
@@ -125,6 +193,13 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts) {
         fprintf(stderr, "smbflow: give capture files or --interface (one of the two)\n%s",
                 "Run with --help for more information.\n");
         return kExitUsage;
+    }
+    for (const auto &file : opts.files) {
+        if (!opts.output.empty() && file != "-" && same_file(file, opts.output)) {
+            fprintf(stderr, "smbflow: -o %s is one of the inputs; it would be overwritten\n",
+                    opts.output.c_str());
+            return kExitUsage;
+        }
     }
     return std::nullopt;
 }

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "terminal_text.h"
+
 namespace smbflow {
 
 namespace {
@@ -13,10 +15,8 @@ namespace {
 constexpr size_t kWidthRows = 1000;
 constexpr const char *kNullText = "-";
 
-// Display width of UTF-8 text: one per code point (names are rarely wide characters).
 size_t text_width(const std::string &s) {
-    return static_cast<size_t>(
-        std::count_if(s.begin(), s.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+    return display_width(s);
 }
 
 class TextTableWriter : public RecordWriter {
@@ -37,8 +37,9 @@ class TextTableWriter : public RecordWriter {
     void write(const Row &row) override {
         std::vector<std::string> texts;
         texts.reserve(row.size());
+        // Names come from the wire: control characters are shown, never sent to the terminal.
         for (const Cell &c : row)
-            texts.push_back(c.display ? *c.display : c.value ? *c.value : kNullText);
+            texts.push_back(visible_text(c.display ? *c.display : c.value ? *c.value : kNullText));
         if (started_) {
             print(texts);
             return;

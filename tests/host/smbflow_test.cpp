@@ -6,7 +6,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -250,6 +253,11 @@ TEST_P(SmbflowErrors, ReportAndExit) {
         args.push_back(a);
     }
     write_file(tmp.path("garbage.pcap"), std::string(200, 'g'));
+    // An empty capture of Linux cooked frames (link type 113), where Ethernet filters fail.
+    write_file(tmp.path("cooked.pcap"), std::string("\xd4\xc3\xb2\xa1\x02\x00\x04\x00"
+                                                    "\0\0\0\0\0\0\0\0\xff\xff\0\0\x71\0\0\0",
+                                                    24));
+    write_file(tmp.path("input.pcap"), read_file(kSample));
     auto r = smbflow(args);
     EXPECT_EQ(r.status, GetParam().status) << GetParam().what << "\n" << r.err;
     EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << GetParam().what << "\n"
@@ -281,8 +289,35 @@ INSTANTIATE_TEST_SUITE_P(
                   {"--no-plugin", "--params", "port=0", kSample},
                   2,
                   "--params excludes --no-plugin"},
-        ErrorCase{"unknown format", {"--no-plugin", "-F", "xml", kSample}, 2, "--format"},
-        ErrorCase{"zero queues", {"--no-plugin", "--queues", "0", kSample}, 2, "--queues"},
+        ErrorCase{"filter failing on a later file",
+                  {"--no-plugin", "-f", "ether host 1:2:3:4:5:6", kSample, "@cooked.pcap"},
+                  2,
+                  "bad filter"},
+        ErrorCase{"unknown format",
+                  {"--no-plugin", "-F", "xml", kSample},
+                  2,
+                  "smbflow: -F must be one of csv, json, text, not 'xml'"},
+        ErrorCase{"format by number", {"--no-plugin", "-F", "1", kSample}, 2, "-F must be one of"},
+        ErrorCase{"zero count",
+                  {"--no-plugin", "-c", "0", kSample},
+                  2,
+                  "smbflow: -c must be a positive whole number"},
+        ErrorCase{"zero queues",
+                  {"--no-plugin", "--queues", "0", kSample},
+                  2,
+                  "--queues must be a whole number from 1 to 64"},
+        ErrorCase{"timeout past 64-bit nanoseconds",
+                  {"--no-plugin", "--active-timeout", "1e11", kSample},
+                  2,
+                  "--active-timeout must be a number of seconds above 0"},
+        ErrorCase{"timeout not a number",
+                  {"--no-plugin", "--inactive-timeout", "nan", kSample},
+                  2,
+                  "--inactive-timeout must be a number of seconds above 0"},
+        ErrorCase{"output onto an input",
+                  {"--no-plugin", "-o", "@input.pcap", "@input.pcap"},
+                  2,
+                  "is one of the inputs"},
         ErrorCase{"unwritable output",
                   {"--no-plugin", "-o", "@no/such/dir/out.csv", kSample},
                   4,
@@ -309,6 +344,48 @@ TEST_F(Smbflow, RecordsBeforeACorruptRecordAreStillWritten) {
     EXPECT_EQ(m.status, 1);
     EXPECT_EQ(lines(m.out).size(), 4u);
 }
+
+int unread_bytes(int fd) {
+    int n = 0;
+    return ioctl(fd, FIONREAD, &n) == 0 ? n : -1;
+}
+
+// Whether the process's main thread is in the read system call (number 0 on x86-64).
+bool waits_in_read(pid_t pid) {
+    return read_file("/proc/" + std::to_string(pid) + "/syscall").rfind("0 ", 0) == 0;
+}
+
+// Interrupting a read from a FIFO (or standard input) ends the run as for a file: every
+// record written, the summary, status 0.
+class SmbflowSignals : public Smbflow, public testing::WithParamInterface<int> {};
+
+TEST_P(SmbflowSignals, EndAReadFromAFifoCleanly) {
+    const std::string fifo = tmp.path("in.fifo"), out = tmp.path("out.csv");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const char *argv[] = {SMBFLOW, "--no-progress", "-q",         "-F",   "csv",
+                              "-o",    out.c_str(),     fifo.c_str(), nullptr};
+        execv(SMBFLOW, const_cast<char **>(argv));
+        _exit(127);
+    }
+    const int fd = open(fifo.c_str(), O_WRONLY);  // returns once smbflow has opened it
+    ASSERT_GE(fd, 0);
+    const std::string capture = read_file(kSample);
+    ASSERT_EQ(write(fd, capture.data(), capture.size()), ssize_t(capture.size()));
+    // Signal once every byte is read and smbflow's reading thread waits in read(2) for more.
+    for (int i = 0; i < 1000 && !(unread_bytes(fd) == 0 && waits_in_read(child)); ++i)
+        usleep(10'000);
+    kill(child, GetParam());
+    int wstatus = 0;
+    waitpid(child, &wstatus, 0);
+    close(fd);
+    ASSERT_TRUE(WIFEXITED(wstatus)) << "signal " << WTERMSIG(wstatus);
+    EXPECT_EQ(WEXITSTATUS(wstatus), 0);
+    EXPECT_EQ(lines(read_file(out)).size(), 8u) << "the header and every flow record";
+}
+
+INSTANTIATE_TEST_SUITE_P(IntTermHup, SmbflowSignals, testing::Values(SIGINT, SIGTERM, SIGHUP));
 
 TEST_F(Smbflow, LiveCaptureOnLoopback) {
     // smbflow captures three UDP datagrams to a port of its own on lo, then stops (-c 3).

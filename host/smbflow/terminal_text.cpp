@@ -1,0 +1,82 @@
+#include "terminal_text.h"
+
+#include <fmt/format.h>
+
+namespace smbflow {
+
+namespace {
+
+// The code point starting at s[i], and its length in bytes; a byte that does not start a
+// well-formed sequence stands for itself.
+std::pair<char32_t, size_t> decode(std::string_view s, size_t i) {
+    const auto b = static_cast<unsigned char>(s[i]);
+    const size_t len = b < 0x80         ? 1
+                       : (b >> 5) == 6  ? 2
+                       : (b >> 4) == 14 ? 3
+                       : (b >> 3) == 30 ? 4
+                                        : 0;
+    if (len <= 1 || i + len > s.size()) return {b, 1};
+    char32_t cp = b & (0x7f >> len);
+    for (size_t k = 1; k < len; ++k) {
+        const auto c = static_cast<unsigned char>(s[i + k]);
+        if ((c & 0xc0) != 0x80) return {b, 1};
+        cp = cp << 6 | (c & 0x3f);
+    }
+    return {cp, len};
+}
+
+bool is_control(char32_t cp) {
+    return cp < 0x20 || cp == 0x7f || (cp >= 0x80 && cp <= 0x9f);
+}
+
+struct Range {
+    char32_t first, last;
+};
+
+// East Asian Wide and Fullwidth blocks, and the emoji blocks terminals draw two columns wide.
+constexpr Range kWide[] = {
+    {0x1100, 0x115f},   {0x2e80, 0x303e},   {0x3041, 0x33ff},   {0x3400, 0x4dbf},
+    {0x4e00, 0x9fff},   {0xa000, 0xa4cf},   {0xac00, 0xd7a3},   {0xf900, 0xfaff},
+    {0xfe30, 0xfe4f},   {0xff00, 0xff60},   {0xffe0, 0xffe6},   {0x1f300, 0x1f64f},
+    {0x1f900, 0x1f9ff}, {0x20000, 0x2fffd}, {0x30000, 0x3fffd},
+};
+
+// Combining marks that take no column of their own.
+constexpr Range kZero[] = {{0x0300, 0x036f}, {0x200b, 0x200f}, {0xfe00, 0xfe0f}};
+
+bool in(const Range *first, const Range *last, char32_t cp) {
+    for (; first != last; ++first)
+        if (cp >= first->first && cp <= first->last) return true;
+    return false;
+}
+
+}  // namespace
+
+std::string visible_text(std::string_view s) {
+    std::string out;
+    out.reserve(s.size());
+    for (size_t i = 0; i < s.size();) {
+        const auto [cp, len] = decode(s, i);
+        if (len == 1 && cp < 0x80 && is_control(cp))
+            out += fmt::format("\\x{:02x}", static_cast<unsigned>(cp));
+        else if (len == 2 && is_control(cp))
+            out += fmt::format("\\u{:04x}", static_cast<unsigned>(cp));
+        else
+            out.append(s.substr(i, len));
+        i += len;
+    }
+    return out;
+}
+
+size_t display_width(std::string_view s) {
+    size_t width = 0;
+    for (size_t i = 0; i < s.size();) {
+        const auto [cp, len] = decode(s, i);
+        i += len;
+        if (in(std::begin(kZero), std::end(kZero), cp)) continue;
+        width += in(std::begin(kWide), std::end(kWide), cp) ? 2 : 1;
+    }
+    return width;
+}
+
+}  // namespace smbflow
