@@ -429,6 +429,47 @@ TEST_F(Smbflow, LiveCaptureOnLoopback) {
         << rows[1];
 }
 
+// With live capture time runs with the clock while the interface is idle: a flow record leaves
+// on its inactive timeout, not only when the next packet or the end comes.
+TEST_F(Smbflow, LiveRecordsLeaveOnTheirTimeoutWhileIdle) {
+    if (geteuid() != 0) GTEST_SKIP() << "live capture needs root or CAP_NET_RAW";
+    const uint16_t port = static_cast<uint16_t>(20000 + getpid() % 20000);
+    const std::string out = tmp.path("idle.csv"),
+                      filter = "udp and dst port " + std::to_string(port);
+    const pid_t child = fork();
+    if (child == 0) {
+        const char *argv[] = {
+            SMBFLOW,        "--no-progress",      "-q", "--no-plugin", "-i",  "lo", "-f",
+            filter.c_str(), "--inactive-timeout", "1",  "-F",          "csv", "-o", out.c_str(),
+            nullptr};
+        execv(SMBFLOW, const_cast<char **>(argv));
+        _exit(127);
+    }
+    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    // Once smbflow waits for packets (its reading thread in poll(2), number 7 on x86-64), one
+    // datagram, then silence: the record must be written without any further packet.
+    const std::string syscall = "/proc/" + std::to_string(child) + "/syscall";
+    for (int i = 0; i < 200 && read_file(syscall).rfind("7 ", 0) != 0; ++i)
+        usleep(50'000);
+    sendto(sock, "x", 1, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    bool written = false;
+    for (int i = 0; i < 200 && !written; ++i) {
+        usleep(50'000);
+        written = read_file(out).find(",127.0.0.1," + std::to_string(port) + ",17,1,") !=
+                  std::string::npos;
+    }
+    close(sock);
+    kill(child, SIGINT);
+    int wstatus = 0;
+    waitpid(child, &wstatus, 0);
+    EXPECT_TRUE(written) << "no record left on its timeout while the interface was idle";
+    EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0);
+}
+
 TEST_F(Smbflow, HelpExplainsEveryOption) {
     auto r = smbflow({"--help"});
     EXPECT_EQ(r.status, 0);
