@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "packet_decoder.h"
+#include "pcapng_mixed.h"
 
 namespace smbflow {
 
@@ -37,6 +38,7 @@ Capture::Capture(Capture &&o) noexcept
       link_type_(o.link_type_),
       nano_(o.nano_),
       read_buffer_(std::move(o.read_buffer_)),
+      mixed_(std::move(o.mixed_)),
       current_(std::move(o.current_)),
       error_(std::move(o.error_)),
       filter_error_(o.filter_error_) {
@@ -50,6 +52,7 @@ Capture::~Capture() {
 void Capture::close() {
     if (pcap_) pcap_close(pcap_);
     pcap_ = nullptr;
+    mixed_.reset();
 }
 
 bool Capture::apply_filter() {
@@ -80,6 +83,13 @@ bool Capture::apply_filter() {
 bool Capture::open_file(const std::string &path) {
     close();
     current_ = path;
+    if (path != "-" && PcapngMixed::needed(path)) {
+        mixed_ = std::make_unique<PcapngMixed>();
+        if (mixed_->open(path, filter_)) return true;
+        error_ = mixed_->error();
+        filter_error_ = mixed_->filter_error();
+        return false;
+    }
     char errbuf[PCAP_ERRBUF_SIZE] = "";
     // libpcap reads a file record by record through stdio, whose default 4 KB buffer costs a
     // system call every few packets: a buffer of 1 MB takes that off the reading thread.
@@ -145,7 +155,17 @@ bool Capture::open() {
 
 ReadStatus Capture::next(Frame &frame) {
     for (;;) {
-        if (interrupted_ || !pcap_) return ReadStatus::End;
+        if (interrupted_) return ReadStatus::End;
+        if (mixed_) {
+            const ReadStatus rs = mixed_->next(frame);
+            if (rs == ReadStatus::Error) error_ = mixed_->error();
+            if (rs != ReadStatus::End) return rs;
+            close();
+            if (next_path_ == paths_.size()) return ReadStatus::End;
+            if (!open_file(paths_[next_path_++])) return ReadStatus::Error;
+            continue;
+        }
+        if (!pcap_) return ReadStatus::End;
         pcap_pkthdr *header;
         const u_char *data;
         const int rc = pcap_next_ex(pcap_, &header, &data);

@@ -11,6 +11,8 @@ typedef struct pcap pcap_t;
 
 namespace smbflow {
 
+class PcapngMixed;
+
 struct Frame {
     uint64_t ts_ns = 0;
     uint32_t caplen = 0;
@@ -68,7 +70,9 @@ class Capture {
     bool nano_ = true;
     static constexpr size_t kReadBufferSize = 1 << 20;
     static constexpr int kIdlePollMs = 200;  // longest wait for a packet on an idle interface
-    std::unique_ptr<char[]> read_buffer_;  // the open file's stdio buffer
+    std::unique_ptr<char[]> read_buffer_;
+    std::unique_ptr<PcapngMixed>
+        mixed_;  // the open file, when its link types differ  // the open file's stdio buffer
     std::string current_;
     std::string error_;
     bool filter_error_ = false;

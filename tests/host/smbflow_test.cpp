@@ -168,6 +168,34 @@ TEST_F(Smbflow, FilesAreReadInOrderAsOneStream) {
     EXPECT_EQ(r.out, smbflow({"--plugin", FAKE_PLUGIN, "-q", "-F", "csv", whole}).out);
 }
 
+// One pcapng file whose interfaces have different link types (here two sections, as cat of
+// two captures gives; mergecap gives two interfaces in one section, read the same way): each
+// packet is decoded and filtered with its own interface's link type.
+TEST_F(Smbflow, PcapngWithSeveralLinkTypesIsReadAsOneStream) {
+    const auto packets = many_sessions(4);
+    const std::vector<Packet> first(packets.begin(), packets.begin() + packets.size() / 2);
+    const std::vector<Packet> second(packets.begin() + packets.size() / 2, packets.end());
+    const std::string whole = tmp.path("whole.pcap"), a = tmp.path("a.pcapng"),
+                      b = tmp.path("b.pcapng"), mixed = tmp.path("mixed.pcapng");
+    write_pcap(whole, kEthernet, frames_of(kEthernet, packets));
+    write_pcapng(a, kEthernet, frames_of(kEthernet, first));
+    write_pcapng(b, kSll2, frames_of(kSll2, second));
+    write_file(mixed, read_file(a) + read_file(b));
+    for (const char *filter : {"", "tcp"}) {
+        std::vector<std::string> args = {"--plugin", FAKE_PLUGIN, "-q", "-F", "csv"};
+        if (*filter) args.insert(args.end(), {"-f", filter});
+        auto want = args, got = args;
+        want.push_back(whole);
+        got.push_back(mixed);
+        auto r = smbflow(got);
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.out, smbflow(want).out) << filter;
+    }
+    auto bad = smbflow({"--no-plugin", "-q", "-f", "ether host 1:2:3:4:5:6", mixed});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("for the LINUX_SLL2 interfaces"), std::string::npos) << bad.err;
+}
+
 TEST_F(Smbflow, TimeoutsFollowCaptureTimestamps) {
     // One connection with packets at 0, 10, 45 (35 s quiet), then every 20 s from 65 to 385 s.
     TcpConversation c(ipv4(10, 0, 0, 1), 40000, ipv4(10, 0, 0, 2), 445, kT0);

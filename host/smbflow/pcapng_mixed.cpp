@@ -1,0 +1,215 @@
+#include "pcapng_mixed.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <set>
+
+#include <fmt/format.h>
+
+namespace smbflow {
+
+namespace {
+
+// Block types (pcapng, draft-ietf-opsawg-pcapng).
+constexpr uint32_t kSectionHeader = 0x0a0d0d0a;
+constexpr uint32_t kInterfaceDescription = 1;
+constexpr uint32_t kObsoletePacket = 2;
+constexpr uint32_t kSimplePacket = 3;
+constexpr uint32_t kEnhancedPacket = 6;
+constexpr uint32_t kByteOrderMagic = 0x1a2b3c4d;
+constexpr uint16_t kOptionEnd = 0, kOptionTsResol = 9;
+
+uint32_t load32(const uint8_t *p, bool swapped) {
+    uint32_t v;
+    memcpy(&v, p, 4);
+    return swapped ? __builtin_bswap32(v) : v;
+}
+
+std::string link_name(int link_type) {
+    const char *name = pcap_datalink_val_to_name(link_type);
+    return name ? name : fmt::format("link type {}", link_type);
+}
+
+// The link types of a pcapng file's interfaces, walking block headers only.
+std::set<int> link_types(const uint8_t *p, size_t size) {
+    std::set<int> types;
+    bool swapped = false;
+    for (size_t pos = 0; pos + 12 <= size;) {
+        uint32_t type = load32(p + pos, false);
+        if (type == kSectionHeader) swapped = load32(p + pos + 8, false) != kByteOrderMagic;
+        const uint32_t len = load32(p + pos + 4, swapped);
+        if (len < 12 || len % 4 || len > size - pos) break;
+        if (load32(p + pos, swapped) == kInterfaceDescription && len >= 20)
+            types.insert(static_cast<uint16_t>(load32(p + pos + 8, swapped) & 0xffff));
+        pos += len;
+    }
+    return types;
+}
+
+}  // namespace
+
+bool PcapngMixed::needed(const std::string &path) {
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return false;
+    struct stat st;
+    bool mixed = false;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= 12) {
+        void *m = mmap(nullptr, st.st_size, PROT_READ, MAP_PRIVATE, fd, 0);
+        if (m != MAP_FAILED) {
+            const auto *p = static_cast<const uint8_t *>(m);
+            mixed = load32(p, false) == kSectionHeader && link_types(p, st.st_size).size() > 1;
+            munmap(m, st.st_size);
+        }
+    }
+    ::close(fd);
+    return mixed;
+}
+
+bool PcapngMixed::open(const std::string &path, const std::string &filter) {
+    path_ = path;
+    filter_ = filter;
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    struct stat st;
+    if (fd < 0 || fstat(fd, &st) != 0) {
+        error_ = fmt::format("cannot read capture {}: {}", path, strerror(errno));
+        if (fd >= 0) ::close(fd);
+        return false;
+    }
+    size_ = static_cast<size_t>(st.st_size);
+    void *m = size_ ? mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0) : MAP_FAILED;
+    ::close(fd);
+    if (m == MAP_FAILED) {
+        error_ = fmt::format("cannot read capture {}: {}", path, strerror(errno));
+        return false;
+    }
+    madvise(m, size_, MADV_SEQUENTIAL);
+    map_ = static_cast<const uint8_t *>(m);
+    for (int link : link_types(map_, size_))
+        if (!filter_for(link)) return false;
+    return true;
+}
+
+PcapngMixed::~PcapngMixed() {
+    if (map_) munmap(const_cast<uint8_t *>(map_), size_);
+}
+
+bool PcapngMixed::filter_for(int link_type) {
+    if (filter_.empty() || programs_.count(link_type)) return true;
+    pcap_t *dead = pcap_open_dead(link_type, 262144);
+    std::unique_ptr<bpf_program, void (*)(bpf_program *)> prog(new bpf_program{},
+                                                               [](bpf_program *p) {
+                                                                   pcap_freecode(p);
+                                                                   delete p;
+                                                               });
+    const bool ok = pcap_compile(dead, prog.get(), filter_.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
+    if (!ok) {
+        error_ = fmt::format("bad filter '{}' for the {} interfaces of {}: {}", filter_,
+                             link_name(link_type), path_, pcap_geterr(dead));
+        filter_error_ = true;
+        prog.release();  // nothing was compiled into it
+    } else {
+        programs_.emplace(link_type, std::move(prog));
+    }
+    pcap_close(dead);
+    return ok;
+}
+
+uint32_t PcapngMixed::u32(size_t at) const {
+    return load32(map_ + at, swapped_);
+}
+
+uint16_t PcapngMixed::u16(size_t at) const {
+    uint16_t v;
+    memcpy(&v, map_ + at, 2);
+    return swapped_ ? __builtin_bswap16(v) : v;
+}
+
+ReadStatus PcapngMixed::fail(const std::string &what) {
+    error_ = fmt::format("{}: {} at byte {}", path_, what, pos_);
+    return ReadStatus::Error;
+}
+
+bool PcapngMixed::read_interface(size_t body, size_t body_len) {
+    Interface itf{u16(body), 1'000'000};  // microseconds unless if_tsresol says otherwise
+    for (size_t o = body + 8; o + 4 <= body + body_len;) {
+        const uint16_t code = u16(o), len = u16(o + 2);
+        if (code == kOptionEnd || o + 4 + len > body + body_len) break;
+        if (code == kOptionTsResol && len >= 1) {
+            const uint8_t r = map_[o + 4];
+            const unsigned exp = r & 0x7f;
+            if ((r & 0x80) ? exp > 63 : exp > 19) return false;
+            uint64_t units = 1;
+            for (unsigned i = 0; i < exp; ++i)
+                units *= (r & 0x80) ? 2 : 10;
+            itf.units_per_second = units;
+        }
+        o += 4 + ((len + 3u) & ~3u);
+    }
+    interfaces_.push_back(itf);
+    return true;
+}
+
+ReadStatus PcapngMixed::next(Frame &frame) {
+    while (pos_ < size_) {
+        if (size_ - pos_ < 12) return fail("truncated block");
+        const uint32_t raw_type = load32(map_ + pos_, false);
+        if (raw_type == kSectionHeader) {
+            const uint32_t magic = load32(map_ + pos_ + 8, false);
+            if (magic != kByteOrderMagic && magic != __builtin_bswap32(kByteOrderMagic))
+                return fail("bad byte-order magic");
+            swapped_ = magic != kByteOrderMagic;
+            interfaces_.clear();  // interface ids are numbered per section
+        }
+        const uint32_t type = u32(pos_), len = u32(pos_ + 4);
+        if (len < 12 || len % 4 || len > size_ - pos_) return fail("block length out of bounds");
+        const size_t body = pos_ + 8, body_len = len - 12;
+        pos_ += len;
+        uint32_t iface = 0, caplen = 0, wire = 0;
+        uint64_t stamp = 0;
+        size_t data = 0;
+        if (type == kInterfaceDescription) {
+            if (body_len < 8 || !read_interface(body, body_len)) return fail("bad interface block");
+            if (!filter_for(interfaces_.back().link_type)) return ReadStatus::Error;
+            continue;
+        } else if (type == kEnhancedPacket || type == kObsoletePacket) {
+            if (body_len < 20) return fail("packet block too short");
+            iface = type == kEnhancedPacket ? u32(body) : u16(body);
+            stamp = uint64_t(u32(body + 4)) << 32 | u32(body + 8);
+            caplen = u32(body + 12);
+            wire = u32(body + 16);
+            data = body + 20;
+        } else if (type == kSimplePacket) {
+            if (body_len < 4) return fail("packet block too short");
+            wire = u32(body);
+            caplen = std::min<uint32_t>(wire, body_len - 4);
+            data = body + 4;
+        } else {
+            continue;  // name resolution, statistics, custom blocks...
+        }
+        if (caplen > body + body_len - data) return fail("packet longer than its block");
+        if (iface >= interfaces_.size()) return fail("packet of an undescribed interface");
+        const Interface &itf = interfaces_[iface];
+        if (!filter_.empty()) {
+            pcap_pkthdr h{};
+            h.caplen = caplen;
+            h.len = wire;
+            if (!pcap_offline_filter(programs_.at(itf.link_type).get(), &h, map_ + data)) continue;
+        }
+        // Whole seconds and the fraction separately, so that fine resolutions do not overflow.
+        const uint64_t u = itf.units_per_second;
+        frame.ts_ns = stamp / u * 1'000'000'000ull +
+                      static_cast<uint64_t>((unsigned __int128)(stamp % u) * 1'000'000'000u / u);
+        frame.caplen = caplen;
+        frame.wire_len = wire;
+        frame.data = map_ + data;
+        frame.link_type = itf.link_type;
+        return ReadStatus::Packet;
+    }
+    return ReadStatus::End;
+}
+
+}  // namespace smbflow
