@@ -223,17 +223,28 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
         ++c;
     }
 
-    auto field = [&](Smb which) -> const FieldValue * {
+    auto value = [&](Smb which) -> const FieldValue * {
         const int i = index_[which];
         if (i < 0 || static_cast<size_t>(i) >= flow.fields.size()) return nullptr;
-        const FieldValue &v = flow.fields[i];
-        return v.present() ? &v : nullptr;
+        return &flow.fields[i];
+    };
+    // A flow that never carried an SMB record has only the fields' defaults (the invalid
+    // markers): it shows no SMB values at all rather than markers that read like data.
+    bool smb = false;
+    for (Smb which : {CmdRequest, CmdResponse, Tree, FileType, FileName, Op})
+        if (const FieldValue *v = value(which)) smb |= v->kind == FieldValue::Kind::Value;
+    auto field = [&](Smb which) -> const FieldValue * {
+        const FieldValue *v = value(which);
+        return smb && v && v->present() ? v : nullptr;
     };
     for (Smb cmd : {CmdRequest, CmdResponse}) {
         if (const FieldValue *v = field(cmd)) {
             const auto word = static_cast<uint32_t>(v->number());
             fmt::format_to(std::back_inserter(value_of(*c++)), "0x{:08x}", word);
-            append_command_names(value_of(*c++), word);
+            std::string &names = value_of(*c);
+            append_command_names(names, word);
+            if (names.empty()) set_null(*c);
+            ++c;
         } else {
             set_null(*c++);
             set_null(*c++);
