@@ -208,11 +208,11 @@ void Capture::interrupt() {
     if (pcap_) pcap_breakloop(pcap_);
 }
 
-uint64_t Capture::dropped() const {
-    if (!live_ || !pcap_) return 0;
+Capture::KernelCounts Capture::kernel_counts() const {
+    if (!live_ || !pcap_) return {};
     pcap_stat st{};
-    if (pcap_stats(pcap_, &st) != 0) return 0;
-    return st.ps_drop;
+    if (pcap_stats(pcap_, &st) != 0) return {};
+    return {st.ps_recv, uint64_t(st.ps_drop) + st.ps_ifdrop};
 }
 
 }  // namespace smbflow

@@ -47,11 +47,16 @@ class Capture {
     const std::string &error() const { return error_; }
     // The input being read, for messages.
     const std::string &current() const { return current_; }
+    // How many files have been opened so far (the current one included).
+    size_t files_opened() const { return next_path_; }
     bool is_live() const { return live_; }
     // A bad filter is the user's mistake, not the input's.
     bool error_is_filter() const { return filter_error_; }
-    // Frames that libpcap's statistics report as dropped (live capture).
-    uint64_t dropped() const;
+    // Frames that libpcap's statistics report as received and dropped (live capture).
+    struct KernelCounts {
+        uint64_t received = 0, dropped = 0;
+    };
+    KernelCounts kernel_counts() const;
 
   private:
     Capture() = default;

@@ -134,6 +134,9 @@ int run(const Options &opts) {
         InputStats &in = summary.input;
         Frame frame;
         corvane_host::DecodedPacket packet;
+        size_t file = capture.files_opened();
+        std::string file_name = capture.current();
+        uint64_t last_ts = 0;
         for (;;) {
             const ReadStatus rs = capture.next(frame);
             if (rs == ReadStatus::End) break;
@@ -149,6 +152,18 @@ int run(const Options &opts) {
                 continue;
             }
             ++in.frames;
+            if (capture.files_opened() != file) {
+                // The next file starts before the previous one ended: its packets join flows
+                // that have moved on (the same capture given twice counts everything twice).
+                if (frame.ts_ns < last_ts)
+                    error(
+                        fmt::format("warning: {} starts before the end of {}: capture time "
+                                    "goes back; given twice?",
+                                    capture.current(), file_name));
+                file = capture.files_opened();
+                file_name = capture.current();
+            }
+            last_ts = frame.ts_ns;
             switch (corvane_host::decode_frame(frame.link_type, frame.data, frame.caplen, packet)) {
                 case corvane_host::DecodeStatus::Ok:
                     packet.pkt.timestamp_ns = frame.ts_ns;
@@ -168,7 +183,10 @@ int run(const Options &opts) {
         g_capture.store(nullptr);
         for (int sig : {SIGINT, SIGTERM, SIGHUP})
             signal(sig, SIG_DFL);
-        in.dropped = capture.dropped();
+        const auto kernel = capture.kernel_counts();
+        in.live = capture.is_live();
+        in.received = kernel.received;
+        in.dropped = kernel.dropped;
         pipeline.finish();
         writer->finish();
         summary.pipeline = pipeline.stats();

@@ -29,6 +29,26 @@ ParseResults &ParseResults::operator+=(const ParseResults &o) {
     return *this;
 }
 
+// What each result of the payload entry means for the packet.
+const char *ParseResults::code_word(int code) {
+    switch (code) {
+        case -1:
+            return "malformed";
+        case 0:
+            return "record";
+        case 1:
+            return "not SMB";
+        case 2:
+            return "request kept for its response";
+        case 3:
+            return "segment of an unknown message";
+        case 5:
+            return "start of a longer message";
+        default:
+            return "other";
+    }
+}
+
 std::string ParseResults::describe() const {
     std::vector<std::pair<uint64_t, int>> seen;
     for (size_t i = 0; i < by_code.size(); ++i)
@@ -37,7 +57,7 @@ std::string ParseResults::describe() const {
                      [](const auto &a, const auto &b) { return a.first > b.first; });
     std::string out;
     for (const auto &[count, code] : seen)
-        out += fmt::format("{}{}={}", out.empty() ? "" : " ", code, count);
+        out += fmt::format("{}{}={} ({})", out.empty() ? "" : ", ", code, count, code_word(code));
     if (other) out += fmt::format("{}other={}", out.empty() ? "" : " ", other);
     return out;
 }

@@ -18,6 +18,7 @@ struct ParseResults {
     uint64_t total() const;
     ParseResults &operator+=(const ParseResults &o);
     // "0=12 2=5 -1=1": the codes that occurred, most frequent first.
+    static const char *code_word(int code);
     std::string describe() const;
 };
 

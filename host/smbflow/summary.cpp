@@ -28,7 +28,9 @@ std::string format_summary(const RunSummary &s) {
     if (in.not_ip) line("  not IP (skipped)", std::to_string(in.not_ip));
     if (in.undecodable) line("  undecodable (skipped)", std::to_string(in.undecodable));
     if (in.capped) line("  capped at 65535 bytes", std::to_string(in.capped));
-    if (in.dropped) line("  dropped by the kernel", std::to_string(in.dropped));
+    // As tcpdump does, a live capture always says what the kernel saw and dropped.
+    if (in.live) line("  received by the kernel", std::to_string(in.received));
+    if (in.live || in.dropped) line("  dropped by the kernel", std::to_string(in.dropped));
     line("packets processed", std::to_string(p.queues.packets));
     line("flow records", std::to_string(p.flows_exported));
     if (s.plugin_loaded) {

@@ -17,6 +17,8 @@ struct InputStats {
     uint64_t undecodable = 0;  // frames cut inside their headers, or with impossible headers
     uint64_t capped = 0;       // datagrams longer than 65535 bytes, handed on capped
     uint64_t dropped = 0;      // dropped by the kernel (live capture)
+    uint64_t received = 0;     // received by the kernel's filter (live capture)
+    bool live = false;
 };
 
 struct RunSummary {

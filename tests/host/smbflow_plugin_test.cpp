@@ -65,6 +65,7 @@ TEST(SmbflowWithPlugin, SummaryCountsParseResults) {
     auto r = smbflow({"-F", "csv", kSample});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.err.find("parse results by code     0="), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(" (record)"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("with SMB fields         6\n"), std::string::npos) << r.err;
 }
 

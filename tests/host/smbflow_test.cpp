@@ -262,6 +262,10 @@ TEST_F(Smbflow, SummaryTellsWhatHappened) {
         EXPECT_NE(r.err.find(expected), std::string::npos) << expected << "\n" << r.err;
     auto q = smbflow({"--no-plugin", "-q", kSample});
     EXPECT_EQ(q.err, "");
+    // The same capture twice: time goes back at the second, which is said.
+    auto twice = smbflow({"--no-plugin", "-q", "-F", "csv", kSample, kSample});
+    EXPECT_NE(twice.err.find("starts before the end of"), std::string::npos) << twice.err;
+    EXPECT_EQ(smbflow({"--no-plugin", "-q", "-F", "csv", kSample}).err, "");
 }
 
 struct ErrorCase {
