@@ -105,9 +105,14 @@ written. The plug-in itself ends the program with status 255 on bad --params.)";
 
 }  // namespace
 
-std::optional<int> parse_options(int argc, char **argv, Options &opts) {
+std::optional<int> parse_options(int argc, char **argv, Options &opts,
+                                 const std::string &plugin_help) {
     CLI::App app{kDescription, "smbflow"};
-    app.footer(kFooter);
+    app.footer(plugin_help.empty() ? std::string(kFooter)
+                                   : std::string(kFooter) +
+                                         "\n\nThe plug-in's parameters (--params), as it describes "
+                                         "them:\n" +
+                                         plugin_help);
     app.get_formatter()->column_width(34);
 
     app.add_option("files", opts.files,

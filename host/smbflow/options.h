@@ -38,6 +38,8 @@ struct Options {
 
 // Parses the command line. Returns an exit status when the program should stop right away
 // (help shown, or a usage error reported).
-std::optional<int> parse_options(int argc, char **argv, Options &opts);
+// `plugin_help`, when not empty, is shown under --help as the loaded plug-in's parameters.
+std::optional<int> parse_options(int argc, char **argv, Options &opts,
+                                 const std::string &plugin_help = {});
 
 }  // namespace smbflow

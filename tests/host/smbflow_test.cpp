@@ -508,7 +508,7 @@ TEST_F(Smbflow, HelpExplainsEveryOption) {
     for (const char *opt :
          {"--interface", "--filter", "--count", "--output", "--format", "--queues", "--params",
           "--plugin", "--no-plugin", "--active-timeout", "--inactive-timeout", "--snaplen",
-          "--no-progress", "--quiet", "Exit status"})
+          "--no-progress", "--quiet", "Exit status", "treetable-size=", "short-create="})
         EXPECT_NE(r.out.find(opt), std::string::npos) << opt;
 }
 
