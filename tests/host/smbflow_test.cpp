@@ -377,6 +377,37 @@ TEST_F(Smbflow, RecordsBeforeACorruptRecordAreStillWritten) {
     EXPECT_EQ(lines(m.out).size(), 4u);
 }
 
+// smbflow started in the background with these arguments (its standard error discarded).
+pid_t spawn_smbflow(std::vector<std::string> args) {
+    args.insert(args.begin(), {SMBFLOW, "--no-progress", "-q"});
+    const pid_t child = fork();
+    if (child == 0) {
+        std::vector<char *> argv;
+        for (auto &a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        freopen("/dev/null", "w", stderr);
+        execv(SMBFLOW, argv.data());
+        _exit(127);
+    }
+    return child;
+}
+
+// A UDP socket aimed at a port of 127.0.0.1, for live capture on lo.
+struct LoopbackSender {
+    explicit LoopbackSender(uint16_t port) : fd(socket(AF_INET, SOCK_DGRAM, 0)) {
+        to.sin_family = AF_INET;
+        to.sin_port = htons(port);
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    }
+    ~LoopbackSender() { close(fd); }
+    void send(const char *text) {
+        sendto(fd, text, strlen(text), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    }
+    int fd;
+    sockaddr_in to{};
+};
+
 int unread_bytes(int fd) {
     int n = 0;
     return ioctl(fd, FIONREAD, &n) == 0 ? n : -1;
@@ -394,13 +425,7 @@ class SmbflowSignals : public Smbflow, public testing::WithParamInterface<int> {
 TEST_P(SmbflowSignals, EndAReadFromAFifoCleanly) {
     const std::string fifo = tmp.path("in.fifo"), out = tmp.path("out.csv");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        const char *argv[] = {SMBFLOW, "--no-progress", "-q",         "-F",   "csv",
-                              "-o",    out.c_str(),     fifo.c_str(), nullptr};
-        execv(SMBFLOW, const_cast<char **>(argv));
-        _exit(127);
-    }
+    const pid_t child = spawn_smbflow({"-F", "csv", "-o", out, fifo});
     const int fd = open(fifo.c_str(), O_WRONLY);  // returns once smbflow has opened it
     ASSERT_GE(fd, 0);
     const std::string capture = read_file(kSample);
@@ -423,29 +448,17 @@ TEST_F(Smbflow, LiveCaptureOnLoopback) {
     // smbflow captures three UDP datagrams to a port of its own on lo, then stops (-c 3).
     const uint16_t port = static_cast<uint16_t>(40000 + getpid() % 20000);
     const std::string out = tmp.path("live.csv");
-    const pid_t child = fork();
-    if (child == 0) {
-        const std::string filter = "udp and dst port " + std::to_string(port);
-        const char *argv[] = {SMBFLOW, "--no-progress", "-q", "--no-plugin", "-i", "lo",
-                              "-f",    filter.c_str(),  "-c", "3",           "-o", out.c_str(),
-                              nullptr};
-        freopen("/dev/null", "w", stderr);
-        execv(SMBFLOW, const_cast<char **>(argv));
-        _exit(127);
-    }
-    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const pid_t child =
+        spawn_smbflow({"--no-plugin", "-i", "lo", "-f", "udp and dst port " + std::to_string(port),
+                       "-c", "3", "-o", out});
+    LoopbackSender sender(port);
     int wstatus = 0;
     bool done = false;
     for (int i = 0; i < 200 && !done; ++i) {  // until it has seen three, at most 10 s
-        sendto(sock, "ping", 4, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+        sender.send("ping");
         usleep(50'000);
         done = waitpid(child, &wstatus, WNOHANG) == child;
     }
-    close(sock);
     if (!done) {
         kill(child, SIGKILL);
         waitpid(child, &wstatus, 0);
@@ -468,33 +481,21 @@ TEST_F(Smbflow, LiveRecordsLeaveOnTheirTimeoutWhileIdle) {
     const uint16_t port = static_cast<uint16_t>(20000 + getpid() % 20000);
     const std::string out = tmp.path("idle.csv"),
                       filter = "udp and dst port " + std::to_string(port);
-    const pid_t child = fork();
-    if (child == 0) {
-        const char *argv[] = {
-            SMBFLOW,        "--no-progress",      "-q", "--no-plugin", "-i",  "lo", "-f",
-            filter.c_str(), "--inactive-timeout", "1",  "-F",          "csv", "-o", out.c_str(),
-            nullptr};
-        execv(SMBFLOW, const_cast<char **>(argv));
-        _exit(127);
-    }
-    const int sock = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const pid_t child = spawn_smbflow({"--no-plugin", "-i", "lo", "-f", filter,
+                                       "--inactive-timeout", "1", "-F", "csv", "-o", out});
+    LoopbackSender sender(port);
     // Once smbflow waits for packets (its reading thread in poll(2), number 7 on x86-64), one
     // datagram, then silence: the record must be written without any further packet.
     const std::string syscall = "/proc/" + std::to_string(child) + "/syscall";
     for (int i = 0; i < 200 && read_file(syscall).rfind("7 ", 0) != 0; ++i)
         usleep(50'000);
-    sendto(sock, "x", 1, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    sender.send("x");
     bool written = false;
     for (int i = 0; i < 200 && !written; ++i) {
         usleep(50'000);
         written = read_file(out).find(",127.0.0.1," + std::to_string(port) + ",17,1,") !=
                   std::string::npos;
     }
-    close(sock);
     kill(child, SIGINT);
     int wstatus = 0;
     waitpid(child, &wstatus, 0);
