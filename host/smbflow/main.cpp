@@ -109,6 +109,20 @@ int run(const Options &opts) {
     for (const auto &problem : host.problems())
         error("plug-in: " + problem);
 
+    std::vector<std::string> field_names;
+    for (size_t at = 0; at < opts.fields.size();) {
+        const size_t comma = std::min(opts.fields.find(',', at), opts.fields.size());
+        field_names.push_back(opts.fields.substr(at, comma - at));
+        at = comma + 1;
+    }
+    auto pick = pick_columns(field_names);
+    if (auto *unknown = std::get_if<std::string>(&pick)) {
+        std::string names;
+        for (const Column &c : columns())
+            names += (names.empty() ? "" : ",") + std::string(c.name);
+        error(fmt::format("--fields: no column '{}' (columns: {})", *unknown, names));
+        return kExitUsage;
+    }
     FILE *out = stdout;
     if (!opts.output.empty()) {
         out = fopen(opts.output.c_str(), "w");
@@ -117,7 +131,8 @@ int run(const Options &opts) {
             return kExitOutput;
         }
     }
-    auto writer = make_writer(default_format(opts, out), out, capture.is_live());
+    auto writer =
+        make_writer(default_format(opts, out), out, capture.is_live(), std::get<ColumnPick>(pick));
     corvane_host::QueueConfig config;
     config.active_timeout_ns = static_cast<uint64_t>(opts.active_timeout_s * 1e9);
     config.inactive_timeout_ns = static_cast<uint64_t>(opts.inactive_timeout_s * 1e9);

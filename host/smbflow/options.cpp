@@ -141,6 +141,10 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
                    "(JSON Lines, one object per record)")
         ->type_name("FORMAT")
         ->transform(one_of("-F", formats));
+    app.add_option("--fields", opts.fields,
+                   "Output columns to write, in this order, comma-separated (default: all; the "
+                   "names are listed below)")
+        ->type_name("LIST");
     app.add_option("--queues", opts.queues,
                    "Processing queues, each on its own thread; both directions of a "
                    "connection always share a queue and flow records are post-processed on it. "

@@ -25,6 +25,7 @@ struct Options {
     uint64_t count = 0;  // 0: no limit
     std::string output;  // empty: standard output
     std::optional<Format> format;
+    std::string fields;  // output columns in this order, comma-separated; empty: all
     unsigned queues = 1;
     std::optional<std::string> params;
     std::string plugin;  // empty: the default next to the program

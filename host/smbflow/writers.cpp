@@ -21,25 +21,26 @@ size_t text_width(const std::string &s) {
 
 class TextTableWriter : public RecordWriter {
   public:
-    TextTableWriter(FILE *out, bool live) : out_(out), live_(live) {
+    TextTableWriter(FILE *out, bool live, ColumnPick pick)
+        : out_(out), live_(live), pick_(std::move(pick)) {
         // Widths of typical values, for a table that cannot wait for its first rows.
         static const size_t typical[] = {27, 27, 15, 5,  15, 5,  4,  7, 9, 7,  9, 8,
                                          8,  10, 20, 10, 20, 16, 24, 9, 1, 12, 4};
-        size_t i = 0;
-        for (const Column &c : columns()) {
-            widths_.push_back(text_width(c.name));
-            if (live_ && i < std::size(typical))
-                widths_.back() = std::max(widths_.back(), typical[i]);
-            ++i;
+        for (size_t k : pick_) {
+            widths_.push_back(text_width(columns()[k].name));
+            if (live_ && k < std::size(typical))
+                widths_.back() = std::max(widths_.back(), typical[k]);
         }
     }
 
     void write(const Row &row) override {
         std::vector<std::string> texts;
-        texts.reserve(row.size());
+        texts.reserve(pick_.size());
         // Names come from the wire: control characters are shown, never sent to the terminal.
-        for (const Cell &c : row)
+        for (size_t k : pick_) {
+            const Cell &c = row[k];
             texts.push_back(visible_text(c.display ? *c.display : c.value ? *c.value : kNullText));
+        }
         if (started_) {
             print(texts);
             return;
@@ -54,8 +55,8 @@ class TextTableWriter : public RecordWriter {
         if (!started_) {
             started_ = true;
             std::vector<std::string> header;
-            for (const Column &c : columns())
-                header.push_back(c.name);
+            for (size_t k : pick_)
+                header.push_back(columns()[k].name);
             print(header, true);
         }
         for (const auto &texts : pending_)
@@ -73,7 +74,7 @@ class TextTableWriter : public RecordWriter {
         for (size_t i = 0; i < texts.size(); ++i) {
             const size_t w = i < widths_.size() ? widths_[i] : 0;
             const size_t pad = w > text_width(texts[i]) ? w - text_width(texts[i]) : 0;
-            const bool right = !header && i < cols.size() && cols[i].number;
+            const bool right = !header && i < pick_.size() && cols[pick_[i]].number;
             if (i) line += "  ";
             if (right) line.append(pad, ' ');
             line += texts[i];
@@ -85,6 +86,7 @@ class TextTableWriter : public RecordWriter {
 
     FILE *out_;
     bool live_;
+    ColumnPick pick_;
     std::vector<size_t> widths_;
     std::vector<std::vector<std::string>> pending_;
     bool started_ = false;
@@ -93,7 +95,8 @@ class TextTableWriter : public RecordWriter {
 // A writer of one line per row, each line made whole before it is written.
 class LineWriter : public RecordWriter {
   public:
-    LineWriter(FILE *out, bool live) : out_(out), live_(live) {}
+    LineWriter(FILE *out, bool live, ColumnPick pick)
+        : out_(out), live_(live), pick_(std::move(pick)) {}
 
     void flush() override { fflush(out_); }
     void finish() override { fflush(out_); }
@@ -107,24 +110,25 @@ class LineWriter : public RecordWriter {
 
     FILE *out_;
     bool live_;
+    ColumnPick pick_;
     std::string line_;  // reused from row to row
 };
 
 class CsvWriter : public LineWriter {
   public:
-    CsvWriter(FILE *out, bool live) : LineWriter(out, live) {
-        for (const Column &c : columns()) {
+    CsvWriter(FILE *out, bool live, ColumnPick pick) : LineWriter(out, live, std::move(pick)) {
+        for (size_t k : pick_) {
             if (!line_.empty()) line_ += ',';
-            line_ += c.name;
+            line_ += columns()[k].name;
         }
         emit();
     }
 
     void write(const Row &row) override {
         line_.clear();
-        for (size_t i = 0; i < row.size(); ++i) {
+        for (size_t i = 0; i < pick_.size(); ++i) {
             if (i) line_ += ',';
-            if (row[i].value) append_csv_field(line_, *row[i].value);
+            if (const auto &v = row[pick_[i]].value) append_csv_field(line_, *v);
         }
         emit();
     }
@@ -137,17 +141,18 @@ class JsonWriter : public LineWriter {
     void write(const Row &row) override {
         line_.assign(1, '{');
         const auto &cols = columns();
-        for (size_t i = 0; i < row.size() && i < cols.size(); ++i) {
+        for (size_t i = 0; i < pick_.size(); ++i) {
+            const size_t k = pick_[i];
             if (i) line_ += ',';
             line_ += '"';
-            line_ += cols[i].name;
+            line_ += cols[k].name;
             line_ += "\":";
-            if (!row[i].value)
+            if (!row[k].value)
                 line_ += "null";
-            else if (cols[i].number)
-                line_ += *row[i].value;
+            else if (cols[k].number)
+                line_ += *row[k].value;
             else
-                append_json_string(line_, *row[i].value);
+                append_json_string(line_, *row[k].value);
         }
         line_ += '}';
         emit();
@@ -213,14 +218,30 @@ std::string json_string(const std::string &s) {
     return out;
 }
 
-std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live) {
+std::variant<ColumnPick, std::string> pick_columns(const std::vector<std::string> &names) {
+    const auto &cols = columns();
+    ColumnPick pick;
+    for (const std::string &name : names) {
+        auto it =
+            std::find_if(cols.begin(), cols.end(), [&](const Column &c) { return name == c.name; });
+        if (it == cols.end()) return name;
+        pick.push_back(static_cast<size_t>(it - cols.begin()));
+    }
+    if (pick.empty())
+        for (size_t k = 0; k < cols.size(); ++k)
+            pick.push_back(k);
+    return pick;
+}
+
+std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live, ColumnPick pick) {
+    if (pick.empty()) pick = std::get<ColumnPick>(pick_columns({}));
     switch (format) {
         case Format::Text:
-            return std::make_unique<TextTableWriter>(out, live);
+            return std::make_unique<TextTableWriter>(out, live, std::move(pick));
         case Format::Csv:
-            return std::make_unique<CsvWriter>(out, live);
+            return std::make_unique<CsvWriter>(out, live, std::move(pick));
         case Format::Json:
-            return std::make_unique<JsonWriter>(out, live);
+            return std::make_unique<JsonWriter>(out, live, std::move(pick));
     }
     return nullptr;
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "flow_format.h"
@@ -12,6 +13,13 @@
 namespace smbflow {
 
 enum class Format { Text, Csv, Json };
+
+// The columns a writer writes, as indices into columns(), in their output order.
+using ColumnPick = std::vector<size_t>;
+
+// The pick for a comma-separated list of column names (empty: every column, in order), or the
+// first name that is not a column.
+std::variant<ColumnPick, std::string> pick_columns(const std::vector<std::string> &names);
 
 class RecordWriter {
   public:
@@ -25,7 +33,8 @@ class RecordWriter {
 
 // `live`: rows reach the output one by one as they come (a live capture); the table then
 // takes its column widths from typical values instead of from the first rows.
-std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live = false);
+std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live = false,
+                                          ColumnPick pick = {});
 
 // Pieces, exposed for tests. The append_ forms add to `out`.
 void append_csv_field(std::string &out, std::string_view s);

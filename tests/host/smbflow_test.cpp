@@ -171,6 +171,23 @@ TEST_F(Smbflow, FilesAreReadInOrderAsOneStream) {
 // One pcapng file whose interfaces have different link types (here two sections, as cat of
 // two captures gives; mergecap gives two interfaces in one section, read the same way): each
 // packet is decoded and filtered with its own interface's link type.
+// --fields picks and orders the columns in every format.
+TEST_F(Smbflow, FieldsChooseAndOrderTheColumns) {
+    const struct {
+        const char *format, *first_line;
+    } cases[] = {
+        {"csv", "dst_port,src_addr"},
+        {"json", R"({"dst_port":53,"src_addr":"192.168.56.10"})"},
+        {"text", "dst_port  src_addr"},
+    };
+    for (const auto &c : cases) {
+        auto r = smbflow(
+            {"--no-plugin", "-q", "-F", c.format, "--fields", "dst_port,src_addr", kSample});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(lines(r.out).at(0).substr(0, strlen(c.first_line)), c.first_line) << c.format;
+    }
+}
+
 TEST_F(Smbflow, PcapngWithSeveralLinkTypesIsReadAsOneStream) {
     const auto packets = many_sessions(4);
     const std::vector<Packet> first(packets.begin(), packets.begin() + packets.size() / 2);
@@ -346,6 +363,10 @@ INSTANTIATE_TEST_SUITE_P(
                   {"--no-plugin", "--inactive-timeout", "nan", kSample},
                   2,
                   "--inactive-timeout must be a number of seconds above 0"},
+        ErrorCase{"unknown column",
+                  {"--no-plugin", "--fields", "src_addr,nope", kSample},
+                  2,
+                  "--fields: no column 'nope' (columns: start,end,"},
         ErrorCase{"output onto an input",
                   {"--no-plugin", "-o", "@input.pcap", "@input.pcap"},
                   2,
