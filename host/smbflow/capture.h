@@ -50,6 +50,8 @@ class Capture {
     // How many files have been opened so far (the current one included).
     size_t files_opened() const { return next_path_; }
     bool is_live() const { return live_; }
+    // Live capture: the interface gives nanosecond timestamps.
+    bool nanosecond_stamps() const { return nano_; }
     // A bad filter is the user's mistake, not the input's.
     bool error_is_filter() const { return filter_error_; }
     // Frames that libpcap's statistics report as received and dropped (live capture).

@@ -76,7 +76,7 @@ const std::vector<Column> &columns() {
 
 // Records come in time order, so the calendar part of a timestamp rarely changes from one to
 // the next: each thread keeps the last second it formatted.
-void append_time(std::string &out, uint64_t ns) {
+void append_time(std::string &out, uint64_t ns, bool nanoseconds) {
     thread_local time_t cached_secs = -1;
     thread_local char cached[24];
     thread_local size_t cached_len = 0;
@@ -88,7 +88,10 @@ void append_time(std::string &out, uint64_t ns) {
         cached_secs = secs;
     }
     out.append(cached, cached_len);
-    fmt::format_to(std::back_inserter(out), ".{:06}Z", (ns % 1'000'000'000ull) / 1000);
+    if (nanoseconds)
+        fmt::format_to(std::back_inserter(out), ".{:09}Z", ns % 1'000'000'000ull);
+    else
+        fmt::format_to(std::back_inserter(out), ".{:06}Z", (ns % 1'000'000'000ull) / 1000);
 }
 
 std::string format_time(uint64_t ns) {
@@ -203,8 +206,8 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
     Cell *c = row.data();
     auto num = [&](uint64_t v) { fmt::format_to(std::back_inserter(value_of(*c++)), "{}", v); };
 
-    append_time(value_of(*c++), r.first_ns);
-    append_time(value_of(*c++), r.last_ns);
+    append_time(value_of(*c++), r.first_ns, nano_);
+    append_time(value_of(*c++), r.last_ns, nano_);
     append_addr(value_of(*c++), r.src_addr, r.ip_version);
     num(r.src_port);
     append_addr(value_of(*c++), r.dst_addr, r.ip_version);

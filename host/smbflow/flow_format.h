@@ -34,14 +34,17 @@ class FlowFormatter {
     Row render(const corvane_host::ExportedFlow &flow) const;
     // The same into `row`, reusing its strings (no allocation per record once they have grown).
     void render(const corvane_host::ExportedFlow &flow, Row &row) const;
+    // Timestamps with nine fractional digits instead of six (the capture has them).
+    void set_nanoseconds(bool on) { nano_ = on; }
 
   private:
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
+    bool nano_ = false;
 };
 
 // Pieces, exposed for tests. The append_ forms add to `out`.
-void append_time(std::string &out, uint64_t ns);
+void append_time(std::string &out, uint64_t ns, bool nanoseconds = false);
 void append_command_names(std::string &out, uint32_t word);
 std::string format_time(uint64_t ns);
 std::string format_addr(const host_addr &addr, uint8_t ip_version);

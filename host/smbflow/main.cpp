@@ -15,6 +15,7 @@
 #include "host.h"
 #include "options.h"
 #include "parse_results.h"
+#include "pcapng_mixed.h"
 #include "pipeline.h"
 #include "summary.h"
 #include "writers.h"
@@ -141,6 +142,11 @@ int run(const Options &opts) {
     Progress progress(!opts.no_progress && isatty(STDERR_FILENO));
     {
         FlowFormatter formatter(host.fields());
+        // Nanoseconds when any input has them (so a run's timestamps keep one width).
+        bool nano = capture.is_live() && capture.nanosecond_stamps();
+        for (const auto &f : opts.files)
+            nano |= f != "-" && file_has_sub_microsecond_stamps(f);
+        formatter.set_nanoseconds(nano);
         Row row;  // reused by the export thread
         Pipeline pipeline(host, opts.queues, config, [&](const corvane_host::ExportedFlow &flow) {
             formatter.render(flow, row);

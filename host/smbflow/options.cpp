@@ -76,7 +76,7 @@ constexpr const char *kDescription =
     "the file name, the file type and the operation done on the file.";
 
 constexpr const char *kFooter = R"(Output columns:
-  start, end            first and last packet (UTC)
+  start, end            first and last packet (UTC; nanoseconds when the capture has them)
   src_addr, src_port    the end that sent the flow's first packet
   dst_addr, dst_port    the other end
   proto                 IP protocol

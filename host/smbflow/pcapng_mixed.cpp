@@ -34,9 +34,10 @@ std::string link_name(int link_type) {
     return name ? name : fmt::format("link type {}", link_type);
 }
 
-// The link types of a pcapng file's interfaces, walking block headers only.
-std::set<int> link_types(const uint8_t *p, size_t size) {
-    std::set<int> types;
+// Calls `each(block, length, swapped)` for every interface description block of a pcapng
+// file, walking block headers only.
+template <typename Each>
+void for_each_interface(const uint8_t *p, size_t size, Each &&each) {
     bool swapped = false;
     for (size_t pos = 0; pos + 12 <= size;) {
         uint32_t type = load32(p + pos, false);
@@ -44,29 +45,68 @@ std::set<int> link_types(const uint8_t *p, size_t size) {
         const uint32_t len = load32(p + pos + 4, swapped);
         if (len < 12 || len % 4 || len > size - pos) break;
         if (load32(p + pos, swapped) == kInterfaceDescription && len >= 20)
-            types.insert(static_cast<uint16_t>(load32(p + pos + 8, swapped) & 0xffff));
+            each(p + pos, len, swapped);
         pos += len;
     }
+}
+
+std::set<int> link_types(const uint8_t *p, size_t size) {
+    std::set<int> types;
+    for_each_interface(p, size, [&](const uint8_t *block, uint32_t, bool swapped) {
+        types.insert(static_cast<uint16_t>(load32(block + 8, swapped) & 0xffff));
+    });
     return types;
+}
+
+// The file mapped read-only for `use`, when it is a regular file of at least 12 bytes.
+template <typename Use>
+bool with_mapped_file(const std::string &path, Use &&use) {
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return false;
+    struct stat st;
+    bool done = false;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= 12) {
+        void *m = mmap(nullptr, st.st_size, PROT_READ, MAP_PRIVATE, fd, 0);
+        if (m != MAP_FAILED) {
+            done = use(static_cast<const uint8_t *>(m), size_t(st.st_size));
+            munmap(m, st.st_size);
+        }
+    }
+    ::close(fd);
+    return done;
 }
 
 }  // namespace
 
 bool PcapngMixed::needed(const std::string &path) {
-    const int fd = ::open(path.c_str(), O_RDONLY);
-    if (fd < 0) return false;
-    struct stat st;
-    bool mixed = false;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= 12) {
-        void *m = mmap(nullptr, st.st_size, PROT_READ, MAP_PRIVATE, fd, 0);
-        if (m != MAP_FAILED) {
-            const auto *p = static_cast<const uint8_t *>(m);
-            mixed = load32(p, false) == kSectionHeader && link_types(p, st.st_size).size() > 1;
-            munmap(m, st.st_size);
-        }
-    }
-    ::close(fd);
-    return mixed;
+    return with_mapped_file(path, [](const uint8_t *p, size_t size) {
+        return load32(p, false) == kSectionHeader && link_types(p, size).size() > 1;
+    });
+}
+
+bool file_has_sub_microsecond_stamps(const std::string &path) {
+    return with_mapped_file(path, [](const uint8_t *p, size_t size) {
+        const uint32_t magic = load32(p, false);
+        if (magic == 0xa1b23c4d || magic == 0x4d3cb2a1) return true;  // nanosecond pcap
+        if (magic != kSectionHeader) return false;
+        bool fine = false;
+        for_each_interface(p, size, [&](const uint8_t *block, uint32_t len, bool swapped) {
+            // Options follow LinkType, reserved and SnapLen; if_tsresol is option 9.
+            for (uint32_t o = 16; o + 4 <= len - 4;) {
+                uint16_t code, olen;
+                memcpy(&code, block + o, 2);
+                memcpy(&olen, block + o + 2, 2);
+                if (swapped) code = __builtin_bswap16(code), olen = __builtin_bswap16(olen);
+                if (code == kOptionEnd) break;
+                if (code == kOptionTsResol && olen >= 1) {
+                    const uint8_t r = block[o + 4];
+                    fine |= (r & 0x80) ? (r & 0x7f) > 19 : r > 6;
+                }
+                o += 4 + ((olen + 3u) & ~3u);
+            }
+        });
+        return fine;
+    });
 }
 
 bool PcapngMixed::open(const std::string &path, const std::string &filter) {

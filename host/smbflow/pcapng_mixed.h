@@ -17,6 +17,10 @@
 
 namespace smbflow {
 
+// Whether a capture file's timestamps are finer than microseconds: a nanosecond pcap file, or
+// a pcapng file with an interface whose if_tsresol is finer than 10^-6 s.
+bool file_has_sub_microsecond_stamps(const std::string &path);
+
 class PcapngMixed {
   public:
     // Whether the file is a pcapng file with more than one link type among its interfaces.

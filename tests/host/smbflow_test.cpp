@@ -230,10 +230,18 @@ TEST_F(Smbflow, TimeoutsFollowCaptureTimestamps) {
     ASSERT_EQ(r.status, 0) << r.err;
     auto rows = lines(r.out);
     ASSERT_EQ(rows.size(), 4u) << r.out;
-    // Ended by 30 s without packets, by 300 s after its start, and by the end of input.
-    EXPECT_EQ(rows[1].substr(0, 55), "2024-03-05T10:00:00.000000Z,2024-03-05T10:00:10.000000Z");
-    EXPECT_EQ(rows[2].substr(0, 55), "2024-03-05T10:00:45.000000Z,2024-03-05T10:05:25.000000Z");
-    EXPECT_EQ(rows[3].substr(0, 55), "2024-03-05T10:05:45.000000Z,2024-03-05T10:06:25.000000Z");
+    // Ended by 30 s without packets, by 300 s after its start, and by the end of input; the
+    // nanosecond capture keeps nine digits.
+    EXPECT_EQ(rows[1].substr(0, 61),
+              "2024-03-05T10:00:00.000000000Z,2024-03-05T10:00:10.000000000Z");
+    EXPECT_EQ(rows[2].substr(0, 61),
+              "2024-03-05T10:00:45.000000000Z,2024-03-05T10:05:25.000000000Z");
+    EXPECT_EQ(rows[3].substr(0, 61),
+              "2024-03-05T10:05:45.000000000Z,2024-03-05T10:06:25.000000000Z");
+    // A microsecond capture keeps six.
+    write_pcap(file, kEthernet, frames_of(kEthernet, packets), false);
+    EXPECT_EQ(lines(smbflow({"--no-plugin", "-q", "-F", "csv", file}).out).at(1).substr(0, 28),
+              "2024-03-05T10:00:00.000000Z,");
     auto shorter = smbflow({"--no-plugin", "-q", "-F", "csv", "--inactive-timeout", "5",
                             "--active-timeout", "1000", file});
     EXPECT_EQ(lines(shorter.out).size(), 1u + 20) << "every packet 10 s or more apart";
