@@ -17,6 +17,7 @@
 #include "parse_results.h"
 #include "pcapng_mixed.h"
 #include "pipeline.h"
+#include "stderr_lines.h"
 #include "summary.h"
 #include "writers.h"
 
@@ -266,6 +267,7 @@ std::string plugin_help(int argc, char **argv) {
 }  // namespace smbflow
 
 int main(int argc, char **argv) {
+    smbflow::drop_blank_lines_on_stderr();
     smbflow::Options opts;
     if (auto status = smbflow::parse_options(argc, argv, opts, smbflow::plugin_help(argc, argv)))
         return *status;

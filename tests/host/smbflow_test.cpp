@@ -319,6 +319,7 @@ TEST_P(SmbflowErrors, ReportAndExit) {
     EXPECT_EQ(r.status, GetParam().status) << GetParam().what << "\n" << r.err;
     EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << GetParam().what << "\n"
                                                                  << r.err;
+    EXPECT_EQ(r.err.find("\n\n"), std::string::npos) << "a blank line in\n" << r.err;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -371,6 +372,10 @@ INSTANTIATE_TEST_SUITE_P(
                   {"--no-plugin", "--inactive-timeout", "nan", kSample},
                   2,
                   "--inactive-timeout must be a number of seconds above 0"},
+        ErrorCase{"plug-in refuses its parameters",
+                  {"--params", "port=99999", kSample},
+                  255,
+                  "Parameter error: port number is not valid"},
         ErrorCase{"unknown column",
                   {"--no-plugin", "--fields", "src_addr,nope", kSample},
                   2,
