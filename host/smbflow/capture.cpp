@@ -59,8 +59,11 @@ bool Capture::apply_filter() {
     link_type_ = pcap_datalink(pcap_);
     if (!corvane_host::link_type_supported(link_type_)) {
         const char *name = pcap_datalink_val_to_name(link_type_);
-        error_ = fmt::format("{}: unsupported link type {} ({})", current_, link_type_,
-                             name ? name : "unknown");
+        const char *what = pcap_datalink_val_to_description(link_type_);
+        error_ = name ? fmt::format("{}: unsupported link type {} ({})", current_, name,
+                                    what ? what : "no description")
+                      : fmt::format("{}: unsupported link type {}, which libpcap does not know",
+                                    current_, link_type_);
         return false;
     }
     if (filter_.empty()) return true;

@@ -310,10 +310,13 @@ TEST_P(SmbflowErrors, ReportAndExit) {
         args.push_back(a);
     }
     write_file(tmp.path("garbage.pcap"), std::string(200, 'g'));
-    // An empty capture of Linux cooked frames (link type 113), where Ethernet filters fail.
-    write_file(tmp.path("cooked.pcap"), std::string("\xd4\xc3\xb2\xa1\x02\x00\x04\x00"
-                                                    "\0\0\0\0\0\0\0\0\xff\xff\0\0\x71\0\0\0",
-                                                    24));
+    // Empty captures of Linux cooked frames (113, where Ethernet filters fail) and of 802.11
+    // frames (105, which smbflow does not decode).
+    for (const auto &[name, link] : {std::pair{"cooked.pcap", '\x71'}, {"wifi.pcap", '\x69'}})
+        write_file(tmp.path(name), std::string("\xd4\xc3\xb2\xa1\x02\x00\x04\x00"
+                                               "\0\0\0\0\0\0\0\0\xff\xff\0\0",
+                                               20) +
+                                       std::string{link, 0, 0, 0});
     write_file(tmp.path("input.pcap"), read_file(kSample));
     auto r = smbflow(args);
     EXPECT_EQ(r.status, GetParam().status) << GetParam().what << "\n" << r.err;
@@ -347,6 +350,10 @@ INSTANTIATE_TEST_SUITE_P(
                   {"--no-plugin", "--params", "port=0", kSample},
                   2,
                   "--params excludes --no-plugin"},
+        ErrorCase{"link type by name",
+                  {"--no-plugin", "@wifi.pcap"},
+                  1,
+                  "unsupported link type IEEE802_11 (802.11)"},
         ErrorCase{"filter failing on a later file",
                   {"--no-plugin", "-f", "ether host 1:2:3:4:5:6", kSample, "@cooked.pcap"},
                   2,
