@@ -419,10 +419,11 @@ TEST_F(Smbflow, RecordsBeforeACorruptRecordAreStillWritten) {
 }
 
 // smbflow started in the background with these arguments (its standard error discarded).
-pid_t spawn_smbflow(std::vector<std::string> args) {
+pid_t spawn_smbflow(std::vector<std::string> args, int stdin_fd = -1) {
     args.insert(args.begin(), {SMBFLOW, "--no-progress", "-q"});
     const pid_t child = fork();
     if (child == 0) {
+        if (stdin_fd >= 0) dup2(stdin_fd, STDIN_FILENO);
         std::vector<char *> argv;
         for (auto &a : args)
             argv.push_back(a.data());
@@ -461,20 +462,31 @@ bool waits_in_read(pid_t pid) {
 
 // Interrupting a read from a FIFO (or standard input) ends the run as for a file: every
 // record written, the summary, status 0.
-class SmbflowSignals : public Smbflow, public testing::WithParamInterface<int> {};
+class SmbflowSignals : public Smbflow, public testing::WithParamInterface<std::tuple<bool, int>> {};
 
-TEST_P(SmbflowSignals, EndAReadFromAFifoCleanly) {
+TEST_P(SmbflowSignals, EndAReadFromAFifoOrStandardInputCleanly) {
+    const auto [from_stdin, sig] = GetParam();
     const std::string fifo = tmp.path("in.fifo"), out = tmp.path("out.csv");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const pid_t child = spawn_smbflow({"-F", "csv", "-o", out, fifo});
-    const int fd = open(fifo.c_str(), O_WRONLY);  // returns once smbflow has opened it
+    int fd = -1;
+    pid_t child;
+    if (from_stdin) {
+        int p[2];
+        ASSERT_EQ(pipe(p), 0);
+        child = spawn_smbflow({"-F", "csv", "-o", out, "-"}, p[0]);
+        close(p[0]);
+        fd = p[1];
+    } else {
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        child = spawn_smbflow({"-F", "csv", "-o", out, fifo});
+        fd = open(fifo.c_str(), O_WRONLY);  // returns once smbflow has opened it
+    }
     ASSERT_GE(fd, 0);
     const std::string capture = read_file(kSample);
     ASSERT_EQ(write(fd, capture.data(), capture.size()), ssize_t(capture.size()));
     // Signal once every byte is read and smbflow's reading thread waits in read(2) for more.
     for (int i = 0; i < 1000 && !(unread_bytes(fd) == 0 && waits_in_read(child)); ++i)
         usleep(10'000);
-    kill(child, GetParam());
+    kill(child, sig);
     int wstatus = 0;
     waitpid(child, &wstatus, 0);
     close(fd);
@@ -483,7 +495,9 @@ TEST_P(SmbflowSignals, EndAReadFromAFifoCleanly) {
     EXPECT_EQ(lines(read_file(out)).size(), 8u) << "the header and every flow record";
 }
 
-INSTANTIATE_TEST_SUITE_P(IntTermHup, SmbflowSignals, testing::Values(SIGINT, SIGTERM, SIGHUP));
+INSTANTIATE_TEST_SUITE_P(IntTermHup, SmbflowSignals,
+                         testing::Combine(testing::Bool(),
+                                          testing::Values(SIGINT, SIGTERM, SIGHUP)));
 
 TEST_F(Smbflow, LiveCaptureOnLoopback) {
     // smbflow captures three UDP datagrams to a port of its own on lo, then stops (-c 3).
