@@ -140,19 +140,19 @@ PcapngMixed::~PcapngMixed() {
 bool PcapngMixed::filter_for(int link_type) {
     if (filter_.empty() || programs_.count(link_type)) return true;
     pcap_t *dead = pcap_open_dead(link_type, 262144);
-    std::unique_ptr<bpf_program, void (*)(bpf_program *)> prog(new bpf_program{},
-                                                               [](bpf_program *p) {
-                                                                   pcap_freecode(p);
-                                                                   delete p;
-                                                               });
-    const bool ok = pcap_compile(dead, prog.get(), filter_.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
-    if (!ok) {
+    auto compiled = std::make_unique<bpf_program>();
+    const bool ok =
+        pcap_compile(dead, compiled.get(), filter_.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
+    if (ok) {
+        // From here on the program owns code that pcap_freecode releases.
+        programs_.emplace(link_type, Program(compiled.release(), [](bpf_program *p) {
+                              pcap_freecode(p);
+                              delete p;
+                          }));
+    } else {
         error_ = fmt::format("bad filter '{}' for the {} interfaces of {}: {}", filter_,
                              link_name(link_type), path_, pcap_geterr(dead));
         filter_error_ = true;
-        prog.release();  // nothing was compiled into it
-    } else {
-        programs_.emplace(link_type, std::move(prog));
     }
     pcap_close(dead);
     return ok;

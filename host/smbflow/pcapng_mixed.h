@@ -54,7 +54,8 @@ class PcapngMixed {
     size_t size_ = 0, pos_ = 0;
     bool swapped_ = false, filter_error_ = false;
     std::vector<Interface> interfaces_;
-    std::map<int, std::unique_ptr<bpf_program, void (*)(bpf_program *)>> programs_;
+    using Program = std::unique_ptr<bpf_program, void (*)(bpf_program *)>;
+    std::map<int, Program> programs_;
 };
 
 }  // namespace smbflow
