@@ -1,7 +1,11 @@
 // What the text table shows of names that a client chose.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
+
 #include "terminal_text.h"
+#include "writers.h"
 
 namespace smbflow {
 namespace {
@@ -38,6 +42,26 @@ TEST(TerminalText, DisplayWidthCountsColumns) {
     };
     for (const auto &[in, width] : cases)
         EXPECT_EQ(display_width(in), width) << in;
+}
+
+// A file name with an escape sequence and line breaks stays one visible row of the table.
+TEST(TerminalText, TableWritesHostileNamesAsOneVisibleRow) {
+    Row row(columns().size());
+    for (size_t k = 0; k < row.size(); ++k)
+        if (std::string(columns()[k].name) == "smb_file_name")
+            row[k].value = "a\x1b]2;pwn\x07\r\nb";
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *out = open_memstream(&text, &size);
+    auto writer = make_writer(Format::Text, out, false, {});
+    writer->write(row);
+    writer->finish();
+    fclose(out);
+    const std::string table(text, size);
+    free(text);
+    EXPECT_NE(table.find("a\\x1b]2;pwn\\x07\\x0d\\x0ab"), std::string::npos) << table;
+    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 2) << "the header and one row";
+    EXPECT_EQ(table.find('\x1b'), std::string::npos);
 }
 
 }  // namespace
