@@ -193,6 +193,24 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
     }
 }
 
+bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
+    auto value = [&](Smb which) -> const FieldValue * {
+        const int i = index_[which];
+        if (i < 0 || static_cast<size_t>(i) >= flow.fields.size()) return nullptr;
+        return &flow.fields[i];
+    };
+    bool smb = false;
+    for (int which = 0; which < kSmbFields; ++which)
+        if (const FieldValue *v = value(Smb(which))) smb |= v->kind == FieldValue::Kind::Value;
+    auto field = [&](Smb which) -> const FieldValue * {
+        const FieldValue *v = value(which);
+        return smb && v && v->present() ? v : nullptr;
+    };
+    out = {field(CmdRequest), field(CmdResponse), field(Tree),
+           field(FileType),   field(FileName),    field(Op)};
+    return smb;
+}
+
 Row FlowFormatter::render(const ExportedFlow &flow) const {
     Row row;
     render(flow, row);
@@ -226,22 +244,10 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
         ++c;
     }
 
-    auto value = [&](Smb which) -> const FieldValue * {
-        const int i = index_[which];
-        if (i < 0 || static_cast<size_t>(i) >= flow.fields.size()) return nullptr;
-        return &flow.fields[i];
-    };
-    // A flow that never carried an SMB record has only the fields' defaults (the invalid
-    // markers): it shows no SMB values at all rather than markers that read like data.
-    bool smb = false;
-    for (Smb which : {CmdRequest, CmdResponse, Tree, FileType, FileName, Op})
-        if (const FieldValue *v = value(which)) smb |= v->kind == FieldValue::Kind::Value;
-    auto field = [&](Smb which) -> const FieldValue * {
-        const FieldValue *v = value(which);
-        return smb && v && v->present() ? v : nullptr;
-    };
-    for (Smb cmd : {CmdRequest, CmdResponse}) {
-        if (const FieldValue *v = field(cmd)) {
+    SmbValues smb;
+    smb_values(flow, smb);
+    for (const FieldValue *v : {smb.cmd_request, smb.cmd_response}) {
+        if (v) {
             const auto word = static_cast<uint32_t>(v->number());
             fmt::format_to(std::back_inserter(value_of(*c++)), "0x{:08x}", word);
             std::string &names = value_of(*c);
@@ -253,13 +259,13 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
             set_null(*c++);
         }
     }
-    for (Smb name : {Tree, FileName}) {
-        if (const FieldValue *v = field(name))
+    for (const FieldValue *v : {smb.tree, smb.file_name}) {
+        if (v)
             value_of(*c++) += v->text;
         else
             set_null(*c++);
     }
-    if (const FieldValue *v = field(FileType)) {
+    if (const FieldValue *v = smb.file_type) {
         const auto type = static_cast<uint8_t>(v->number());
         value_of(*c++) = file_type_word(type);
         num(type);
@@ -267,7 +273,7 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
         set_null(*c++);
         set_null(*c++);
     }
-    if (const FieldValue *v = field(Op)) {
+    if (const FieldValue *v = smb.op) {
         const auto op = static_cast<uint8_t>(v->number());
         value_of(*c++) = op_word(op);
         fmt::format_to(std::back_inserter(value_of(*c++)), "0x{:02x}", op);

@@ -27,9 +27,19 @@ using Row = std::vector<Cell>;
 
 const std::vector<Column> &columns();
 
+// The SMB plug-in's fields of one flow record; null for a field without a value.
+struct SmbValues {
+    const corvane_host::FieldValue *cmd_request = nullptr, *cmd_response = nullptr,
+                                   *tree = nullptr, *file_type = nullptr, *file_name = nullptr,
+                                   *op = nullptr;
+};
+
 // Finds the SMB plug-in's fields among the host's fields by their names.
 class FlowFormatter {
   public:
+    // False for a flow that never carried an SMB record: it has only the fields' defaults
+    // (the invalid markers), which no output shows as if they were data.
+    bool smb_values(const corvane_host::ExportedFlow &flow, SmbValues &out) const;
     explicit FlowFormatter(const std::vector<const corvane_host::FieldDef *> &fields);
     Row render(const corvane_host::ExportedFlow &flow) const;
     // The same into `row`, reusing its strings (no allocation per record once they have grown).

@@ -13,6 +13,7 @@
 
 #include "capture.h"
 #include "host.h"
+#include "ipfix_export.h"
 #include "options.h"
 #include "parse_results.h"
 #include "pcapng_mixed.h"
@@ -125,6 +126,32 @@ int run(const Options &opts) {
         error(fmt::format("--fields: no column '{}' (columns: {})", *unknown, names));
         return kExitUsage;
     }
+    std::vector<std::unique_ptr<IpfixDestination>> exports;
+    for (const auto &text : opts.ipfix) {
+        auto url = parse_ipfix_url(text);
+        if (auto *problem = std::get_if<std::string>(&url)) {
+            error(*problem);
+            return kExitUsage;
+        }
+        if (auto problem = check_destination(std::get<IpfixUrl>(url))) {
+            error(*problem);
+            return kExitOutput;
+        }
+        IpfixSettings settings;
+        settings.pen = opts.ipfix_pen;
+        settings.observation_domain = opts.observation_domain;
+        settings.template_refresh_s = opts.template_refresh_s;
+        settings.uniflow = opts.ipfix_uniflow;
+        exports.push_back(std::make_unique<IpfixDestination>(std::get<IpfixUrl>(url), settings,
+                                                             error));
+    }
+    // With --ipfix alone the records go to the collectors only.
+    const bool text_output = exports.empty() || !opts.output.empty() || opts.format;
+    for (const auto &e : exports)
+        if (e->url().path == "-" && text_output && opts.output.empty()) {
+            error("--ipfix file:- and the text output both go to standard output; give -o");
+            return kExitUsage;
+        }
     FILE *out = stdout;
     if (!opts.output.empty()) {
         out = fopen(opts.output.c_str(), "w");
@@ -133,8 +160,9 @@ int run(const Options &opts) {
             return kExitOutput;
         }
     }
-    auto writer =
-        make_writer(default_format(opts, out), out, capture.is_live(), std::get<ColumnPick>(pick));
+    auto writer = text_output ? make_writer(default_format(opts, out), out, capture.is_live(),
+                                            std::get<ColumnPick>(pick))
+                              : nullptr;
     corvane_host::QueueConfig config;
     config.active_timeout_ns = static_cast<uint64_t>(opts.active_timeout_s * 1e9);
     config.inactive_timeout_ns = static_cast<uint64_t>(opts.inactive_timeout_s * 1e9);
@@ -148,10 +176,18 @@ int run(const Options &opts) {
         for (const auto &f : opts.files)
             nano |= f != "-" && file_has_sub_microsecond_stamps(f);
         formatter.set_nanoseconds(nano);
-        Row row;  // reused by the export thread
+        Row row;             // reused by the export thread
+        IpfixFlow ipfix_row;  // likewise
         Pipeline pipeline(host, opts.queues, config, [&](const corvane_host::ExportedFlow &flow) {
-            formatter.render(flow, row);
-            writer->write(row);
+            if (writer) {
+                formatter.render(flow, row);
+                writer->write(row);
+            }
+            if (!exports.empty()) {
+                to_ipfix(flow, formatter, ipfix_row);
+                for (auto &e : exports)
+                    e->write(IpfixFlow(ipfix_row));
+            }
         });
         InputStats &in = summary.input;
         Frame frame;
@@ -210,7 +246,19 @@ int run(const Options &opts) {
         in.received = kernel.received;
         in.dropped = kernel.dropped;
         pipeline.finish();
-        writer->finish();
+        if (writer) writer->finish();
+        for (auto &e : exports) {
+            e->finish();
+            const IpfixCounters c = e->counters();
+            summary.exports.push_back({e->url().text, c.records_exported, c.messages_sent,
+                                       c.records_dropped, c.connections,
+                                       e->url().transport == IpfixUrl::Transport::Tcp});
+            // A file that lost records, or a collector that took none of them, could not be
+            // written; a collector's outage in between shows in the summary's counts.
+            const bool file = e->url().transport == IpfixUrl::Transport::File;
+            if (c.records_dropped > 0 && (file || c.records_exported == 0) && status == kExitOk)
+                status = kExitOutput;
+        }
         summary.pipeline = pipeline.stats();
     }
     progress.clear();

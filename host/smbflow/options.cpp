@@ -32,13 +32,15 @@ CLI::Validator whole_number(const std::string &name, uint64_t min = 1, uint64_t 
         "", "");
 }
 
-CLI::Validator seconds(const std::string &name) {
+CLI::Validator seconds(const std::string &name, bool zero = false) {
     return CLI::Validator(
-        [name](std::string &text) -> std::string {
+        [name, zero](std::string &text) -> std::string {
             char *end = nullptr;
             const double v = strtod(text.c_str(), &end);
-            if (text.empty() || *end || !std::isfinite(v) || v <= 0 || v > kMaxTimeoutS)
-                return name + " must be a number of seconds above 0 and at most 1000000000";
+            if (text.empty() || *end || !std::isfinite(v) || v < 0 || (v == 0 && !zero) ||
+                v > kMaxTimeoutS)
+                return name + " must be a number of seconds " + (zero ? "from 0" : "above 0") +
+                       " and at most 1000000000";
             return {};
         },
         "", "");
@@ -180,6 +182,36 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->check(whole_number("--snaplen", 64, 262144))
         ->capture_default_str()
         ->needs(iface);
+    auto *ipfix = app.add_option("--ipfix", opts.ipfix,
+                                 "Send the flow records over IPFIX to udp://HOST[:PORT], "
+                                 "tcp://HOST[:PORT] (port 4739 when left out; IPv6 in brackets) or "
+                                 "file:PATH; may be given more than once. With -o or -F the "
+                                 "records are written there as well")
+                      ->type_name("URL");
+    app.add_option("--ipfix-pen", opts.ipfix_pen,
+                   "Private Enterprise Number of the SMB elements (32473 is reserved for "
+                   "documentation: use your own)")
+        ->type_name("N")
+        ->check(whole_number("--ipfix-pen", 1, UINT32_MAX))
+        ->capture_default_str()
+        ->needs(ipfix);
+    app.add_option("--observation-domain", opts.observation_domain,
+                   "IPFIX Observation Domain ID")
+        ->type_name("N")
+        ->check(whole_number("--observation-domain", 0, UINT32_MAX))
+        ->capture_default_str()
+        ->needs(ipfix);
+    app.add_option("--template-refresh", opts.template_refresh_s,
+                   "Over UDP, send the templates again after this many seconds (0: with "
+                   "every message)")
+        ->type_name("SECONDS")
+        ->check(seconds("--template-refresh", true))
+        ->capture_default_str()
+        ->needs(ipfix);
+    app.add_flag("--ipfix-uniflow", opts.ipfix_uniflow,
+                 "Send each direction of a flow as its own record, for collectors without "
+                 "RFC 5103 biflow support")
+        ->needs(ipfix);
     app.add_flag("--no-progress", opts.no_progress, "No progress line on standard error");
     app.add_flag("-q,--quiet", opts.quiet, "No summary on standard error");
 

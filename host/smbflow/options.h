@@ -33,6 +33,12 @@ struct Options {
     double active_timeout_s = 300;
     double inactive_timeout_s = 30;
     int snaplen = 262144;
+    // IPFIX export.
+    std::vector<std::string> ipfix;  // destinations, as URLs
+    uint32_t ipfix_pen = 32473;
+    uint32_t observation_domain = 1;
+    double template_refresh_s = 600;
+    bool ipfix_uniflow = false;
     bool no_progress = false;
     bool quiet = false;
 };

@@ -48,6 +48,13 @@ std::string format_summary(const RunSummary &s) {
     } else {
         line("plug-in", "none");
     }
+    for (const auto &e : s.exports) {
+        line("IPFIX to", e.url);
+        line("  records exported", std::to_string(e.records));
+        line("  messages sent", std::to_string(e.messages));
+        line("  records dropped", std::to_string(e.dropped));
+        if (e.stream) line("  connections", std::to_string(e.connections));
+    }
     line("elapsed", fmt::format("{:.3f} s", s.elapsed_s));
     line("packets per second", rate(double(in.frames), s.elapsed_s) + "pps");
     return out;

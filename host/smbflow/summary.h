@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "pipeline.h"
 
@@ -27,6 +28,13 @@ struct RunSummary {
     bool plugin_loaded = false;
     bool parse_counting = false;  // the parser's results could be counted
     double elapsed_s = 0;
+    // One per IPFIX destination: its URL and what went to it.
+    struct Export {
+        std::string url;
+        uint64_t records = 0, messages = 0, dropped = 0, connections = 0;
+        bool stream = false;  // TCP: connections are counted
+    };
+    std::vector<Export> exports;
 };
 
 std::string format_summary(const RunSummary &s);

@@ -1,0 +1,427 @@
+#include "ipfix_export.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <pthread.h>
+#include <sys/socket.h>
+
+#include <csignal>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "ipfix_record.h"
+
+namespace smbflow {
+
+using namespace ipfix;
+using namespace std::chrono;
+
+namespace {
+
+// How long a message may wait for more records before it goes out: records of a quiet live
+// capture reach the collector within this time.
+constexpr auto kMessageLinger = milliseconds(500);
+
+std::string take_error(GError *&err) {
+    std::string text = err ? err->message : "unknown error";
+    g_clear_error(&err);
+    return text;
+}
+
+bool is_end_of_message(const GError *err) {
+    return err && g_error_matches(err, FB_ERROR_DOMAIN, FB_ERROR_EOM);
+}
+
+void fill(FlowRecord &r, const IpfixFlow &f, bool reverse_side) {
+    const host_flow_record &rec = f.rec;
+    r = {};
+    r.flowStartMilliseconds = rec.first_ns / 1'000'000;
+    r.flowEndMilliseconds = rec.last_ns / 1'000'000;
+    const int fwd = reverse_side ? 1 : 0;
+    r.packetDeltaCount = rec.dir_counters[fwd].packets;
+    r.octetDeltaCount = rec.dir_counters[fwd].bytes;
+    r.reversePacketDeltaCount = rec.dir_counters[1 - fwd].packets;
+    r.reverseOctetDeltaCount = rec.dir_counters[1 - fwd].bytes;
+    const host_addr &src = reverse_side ? rec.dst_addr : rec.src_addr;
+    const host_addr &dst = reverse_side ? rec.src_addr : rec.dst_addr;
+    if (rec.ip_version == 4) {
+        r.sourceIPv4Address = ntohl(src.v4);
+        r.destinationIPv4Address = ntohl(dst.v4);
+    } else {
+        memcpy(r.sourceIPv6Address, src.v6, 16);
+        memcpy(r.destinationIPv6Address, dst.v6, 16);
+    }
+    r.sourceTransportPort = reverse_side ? rec.dst_port : rec.src_port;
+    r.destinationTransportPort = reverse_side ? rec.src_port : rec.dst_port;
+    if (rec.protocol == 6) {
+        r.tcpControlBits = rec.tcp_flags[fwd];
+        r.reverseTcpControlBits = rec.tcp_flags[1 - fwd];
+    }
+    r.protocolIdentifier = rec.protocol;
+    r.flowEndReason = flow_end_reason(f.reason);
+    if (f.smb) {
+        r.smbCommandRequest = f.cmd_request;
+        r.smbCommandResponse = f.cmd_response;
+        r.smbTree = {f.tree.size(), reinterpret_cast<uint8_t *>(const_cast<char *>(f.tree.data()))};
+        r.smbFileName = {f.file_name.size(),
+                         reinterpret_cast<uint8_t *>(const_cast<char *>(f.file_name.data()))};
+        r.smbFileType = f.file_type;
+        r.smbOperation = f.op;
+    }
+}
+
+// libfixbuf reports some conditions through GLib's log (a UDP collector that refuses, once
+// per run): they read as smbflow's own messages.
+void route_library_messages() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        g_log_set_default_handler(
+            [](const gchar *, GLogLevelFlags, const gchar *message, gpointer) {
+                fprintf(stderr, "smbflow: ipfix: %s\n", message);
+            },
+            nullptr);
+    });
+}
+
+}  // namespace
+
+void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &formatter,
+              IpfixFlow &out) {
+    out.rec = flow.rec;
+    out.reason = flow.reason;
+    SmbValues smb;
+    out.smb = formatter.smb_values(flow, smb);
+    // Absent values travel as the fields' invalid markers: the template has no way to leave
+    // out one element of a record.
+    out.cmd_request = smb.cmd_request ? static_cast<uint32_t>(smb.cmd_request->number()) : 0xff;
+    out.cmd_response = smb.cmd_response ? static_cast<uint32_t>(smb.cmd_response->number()) : 0xff;
+    out.tree = smb.tree ? smb.tree->text : std::string();
+    out.file_name = smb.file_name ? smb.file_name->text : std::string();
+    out.file_type = smb.file_type ? static_cast<uint8_t>(smb.file_type->number()) : 0;
+    out.op = smb.op ? static_cast<uint8_t>(smb.op->number()) : 0x3f;
+}
+
+struct IpfixDestination::Session {
+    fBuf_t *buf = nullptr;  // owns the session and the exporter
+    fbSession_t *session = nullptr;
+    ~Session() {
+        if (buf) fBufFree(buf);
+    }
+};
+
+IpfixDestination::IpfixDestination(IpfixUrl url, IpfixSettings settings,
+                                   std::function<void(const std::string &)> warn, Clock clock)
+    : url_(std::move(url)), settings_(settings), warn_(std::move(warn)), clock_(std::move(clock)) {
+    if (!clock_) clock_ = [] { return steady_clock::now(); };
+    retry_s_ = settings_.first_retry_s;
+    model_ = make_model(settings_.pen);
+    route_library_messages();
+    thread_ = std::thread([this] { run(); });
+}
+
+IpfixDestination::~IpfixDestination() {
+    finish();
+    fbInfoModelFree(model_);
+}
+
+std::optional<std::string> check_destination(const IpfixUrl &url) {
+    if (url.transport == IpfixUrl::Transport::File) {
+        if (url.path == "-") return std::nullopt;  // standard output
+        FILE *f = fopen(url.path.c_str(), "ab");
+        if (!f) return fmt::format("cannot write {}: {}", url.path, strerror(errno));
+        fclose(f);
+        return std::nullopt;
+    }
+    addrinfo hints{};
+    hints.ai_socktype = url.transport == IpfixUrl::Transport::Udp ? SOCK_DGRAM : SOCK_STREAM;
+    addrinfo *ai = nullptr;
+    const int rc = getaddrinfo(url.host.c_str(), url.port.c_str(), &hints, &ai);
+    if (rc != 0) return fmt::format("--ipfix {}: {}: {}", url.text, url.host, gai_strerror(rc));
+    freeaddrinfo(ai);
+    return std::nullopt;
+}
+
+void IpfixDestination::write(IpfixFlow &&flow) {
+    std::unique_lock lock(mutex_);
+    if (dead_) {
+        ++counters_.records_dropped;
+        return;
+    }
+    if (connected_)
+        progress_.wait(lock, [&] { return queue_.size() < settings_.held_records || !connected_; });
+    if (queue_.size() >= settings_.held_records) {
+        ++counters_.records_dropped;
+        return;
+    }
+    queue_.push_back(std::move(flow));
+    if (queue_.size() == 1) wake_.notify_one();
+}
+
+void IpfixDestination::flush() {
+    std::unique_lock lock(mutex_);
+    const uint64_t ticket = ++flush_requested_;
+    wake_.notify_one();
+    progress_.wait(lock, [&] { return flush_done_ >= ticket || !thread_.joinable(); });
+}
+
+void IpfixDestination::finish() {
+    {
+        std::lock_guard lock(mutex_);
+        if (!thread_.joinable()) return;
+        finishing_ = true;
+        wake_.notify_one();
+    }
+    thread_.join();
+}
+
+IpfixCounters IpfixDestination::counters() const {
+    std::lock_guard lock(mutex_);
+    return counters_;
+}
+
+bool IpfixDestination::connect_session() {
+    GError *err = nullptr;
+    fbInfoModel_t *model = model_;
+    auto s = std::make_unique<Session>();
+    s->session = fbSessionAlloc(model);
+    // External templates belong to the domain that is current when they are added.
+    fbSessionSetDomain(s->session, settings_.observation_domain);
+    fbTemplate_t *internal = fbTemplateAlloc(model);
+    bool ok = fbTemplateAppendSpecArray(internal, const_cast<fbInfoElementSpec_t *>(record_spec()),
+                                        UINT32_MAX, &err) &&
+              fbSessionAddTemplate(s->session, TRUE, kInternalTid, internal, &err);
+    for (uint32_t variant : kTemplateVariants) {
+        if (!ok) break;
+        if (bool(variant & kReverse) == settings_.uniflow) continue;
+        fbTemplate_t *t = fbTemplateAlloc(model);
+        ok = fbTemplateAppendSpecArray(t, const_cast<fbInfoElementSpec_t *>(record_spec()),
+                                       variant, &err) &&
+             fbSessionAddTemplate(s->session, FALSE, template_id(variant), t, &err);
+    }
+    ok = ok && fbSessionSetMetadataExportElements(s->session, TRUE, FB_TID_AUTO, &err) != 0;
+    if (!ok) {
+        // Templates that the session could not take are a fault of this program.
+        fbSessionFree(s->session);
+        down(fmt::format("cannot set up templates: {}", take_error(err)));
+        return false;
+    }
+    fbExporter_t *exporter = nullptr;
+    if (url_.transport == IpfixUrl::Transport::File) {
+        exporter = fbExporterAllocFile(url_.path.c_str());
+    } else {
+        fbConnSpec_t spec{};
+        spec.transport = url_.transport == IpfixUrl::Transport::Udp ? FB_UDP : FB_TCP;
+        spec.host = const_cast<char *>(url_.host.c_str());
+        spec.svc = const_cast<char *>(url_.port.c_str());
+        exporter = fbExporterAllocNet(&spec);
+    }
+    s->buf = fBufAllocForExport(s->session, exporter);
+    session_ = std::move(s);
+    // The templates open the file or connection: a collector that is away shows here.
+    if (!export_templates() || !emit()) return false;
+    {
+        std::lock_guard lock(mutex_);
+        ++counters_.connections;
+        connected_ = true;
+    }
+    if (outage_reported_) warn_(fmt::format("ipfix: {}: connected again", url_.text));
+    outage_reported_ = false;
+    retry_s_ = settings_.first_retry_s;
+    return true;
+}
+
+// Templates (and the SMB elements' type records) start a message of their own. libfixbuf
+// lays them out in its automatic mode; data records are appended in manual mode, so that
+// this class knows which records each message carried.
+bool IpfixDestination::export_templates() {
+    GError *err = nullptr;
+    fBufSetAutomaticMode(session_->buf, TRUE);
+    const bool ok = fbSessionExportTemplates(session_->session, &err);
+    fBufSetAutomaticMode(session_->buf, FALSE);
+    if (!ok || !fBufSetInternalTemplate(session_->buf, kInternalTid, &err)) {
+        down(take_error(err));
+        return false;
+    }
+    last_templates_ = clock_();
+    return true;
+}
+
+void IpfixDestination::drop_session() {
+    session_.reset();
+}
+
+// Writes the message being built; on failure the destination is down and the message's
+// records go back to the front of the queue.
+bool IpfixDestination::emit() {
+    GError *err = nullptr;
+    if (fBufEmit(session_->buf, &err)) {
+        std::lock_guard lock(mutex_);
+        ++counters_.messages_sent;
+        counters_.records_exported += in_message_.size();
+        in_message_.clear();
+        return true;
+    }
+    down(take_error(err));
+    return false;
+}
+
+// The file or collector cannot be written: the session goes, the records of the message
+// being built wait in the queue, and a collector is tried again after a backoff. A file is
+// not tried again (reopening would truncate it): what comes for it is dropped.
+void IpfixDestination::down(const std::string &why) {
+    const bool file = url_.transport == IpfixUrl::Transport::File;
+    {
+        std::lock_guard lock(mutex_);
+        ++counters_.send_failures;
+        connected_ = false;
+        dead_ = file;
+    }
+    progress_.notify_all();
+    if (!outage_reported_)
+        warn_(file ? fmt::format("ipfix: {}: {}", url_.text, why)
+                   : fmt::format("ipfix: {}: {}; records are held for it and sent when it is "
+                                 "back",
+                                 url_.text, why));
+    outage_reported_ = true;
+    drop_session();
+    hold_front(in_message_);
+    next_retry_ = clock_() + duration_cast<steady_clock::duration>(duration<double>(retry_s_));
+    retry_s_ = std::min(retry_s_ * 2, settings_.max_retry_s);
+}
+
+void IpfixDestination::hold_front(std::vector<IpfixFlow> &records) {
+    std::lock_guard lock(mutex_);
+    for (auto it = records.rbegin(); it != records.rend(); ++it)
+        queue_.push_front(std::move(*it));
+    records.clear();
+    while (queue_.size() > settings_.held_records) {
+        queue_.pop_back();
+        ++counters_.records_dropped;
+    }
+}
+
+// Appends the records, emitting full messages; false when the destination went down (the
+// records not yet written are back in the queue).
+bool IpfixDestination::send_batch(std::vector<IpfixFlow> &batch) {
+    size_t i = 0;
+    auto hold_rest = [&] {
+        std::vector<IpfixFlow> rest(std::make_move_iterator(batch.begin() + i),
+                                    std::make_move_iterator(batch.end()));
+        hold_front(rest);
+        batch.clear();
+    };
+    for (; i < batch.size(); ++i) {
+        IpfixFlow &f = batch[i];
+        const bool v6 = f.rec.ip_version == 6;
+        const bool both_ways = f.rec.dir_counters[1].packets > 0;
+        const int records = settings_.uniflow && both_ways ? 2 : 1;
+        for (int side = 0; side < records; ++side) {
+            uint32_t flags = uint32_t(v6 ? kIPv6 : kIPv4) | (f.smb ? uint32_t(kSmb) : 0u);
+            if (!settings_.uniflow) flags |= kReverse;
+            FlowRecord r;
+            fill(r, f, side == 1);
+            GError *err = nullptr;
+            for (int attempt = 0;; ++attempt) {
+                if (fBufSetExportTemplate(session_->buf, template_id(flags), &err) &&
+                    fBufAppend(session_->buf, reinterpret_cast<uint8_t *>(&r), sizeof r, &err))
+                    break;
+                if (!is_end_of_message(err) || attempt > 0) {
+                    warn_(fmt::format("ipfix: {}: cannot encode a record: {}", url_.text,
+                                      take_error(err)));
+                    break;
+                }
+                g_clear_error(&err);
+                if (!emit()) {
+                    hold_rest();
+                    return false;
+                }
+            }
+        }
+        in_message_.push_back(std::move(f));
+    }
+    batch.clear();
+    return true;
+}
+
+void IpfixDestination::run() {
+    // The collector's going away must show as an error on write, not end the program.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+
+    const bool udp = url_.transport == IpfixUrl::Transport::Udp;
+    std::vector<IpfixFlow> batch;
+    bool last_try_made = false;
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        const uint64_t flush_ticket = flush_requested_;
+        if (!session_) {
+            // Connect now at the start, when the retry time has come, or for a last try at
+            // the end; between tries wait for the time or the end.
+            if (dead_ || (finishing_ && last_try_made)) break;
+            if (!finishing_ && clock_() < next_retry_) {
+                flush_done_ = flush_ticket;
+                progress_.notify_all();
+                wake_.wait_until(lock, next_retry_, [&] {
+                    return finishing_ || flush_requested_ > flush_done_;
+                });
+                continue;
+            }
+            last_try_made = finishing_;
+            lock.unlock();
+            connect_session();
+            lock.lock();
+            continue;
+        }
+        if (queue_.empty()) {
+            if (!in_message_.empty() || flush_ticket > flush_done_ || finishing_) {
+                // Nothing more is coming for now: the message goes out.
+                const bool quiet =
+                    flush_ticket > flush_done_ || finishing_ ||
+                    !wake_.wait_for(lock, kMessageLinger, [&] {
+                        return !queue_.empty() || finishing_ || flush_requested_ > flush_done_;
+                    });
+                if (!quiet) continue;
+                lock.unlock();
+                const bool sent = in_message_.empty() || emit();
+                lock.lock();
+                if (!sent) continue;
+                flush_done_ = flush_ticket;
+                progress_.notify_all();
+                if (finishing_ && queue_.empty()) break;
+                continue;
+            }
+            wake_.wait(lock, [&] {
+                return !queue_.empty() || finishing_ || flush_requested_ > flush_done_;
+            });
+            continue;
+        }
+        batch.assign(std::make_move_iterator(queue_.begin()),
+                     std::make_move_iterator(queue_.end()));
+        queue_.clear();
+        progress_.notify_all();
+        lock.unlock();
+        if (udp && session_ &&
+            (settings_.template_refresh_s == 0 ||
+             clock_() - last_templates_ >= duration<double>(settings_.template_refresh_s))) {
+            // Templates go out again over UDP, where the collector may have missed them or
+            // started later (RFC 7011 section 8.4). They start a message of their own.
+            if (in_message_.empty() || emit()) export_templates();
+        }
+        if (session_) send_batch(batch);
+        else hold_front(batch);
+        lock.lock();
+    }
+    // Whatever could not be sent by the end is lost.
+    counters_.records_dropped += queue_.size() + in_message_.size();
+    queue_.clear();
+    in_message_.clear();
+    flush_done_ = flush_requested_;
+    lock.unlock();
+    drop_session();
+    progress_.notify_all();
+}
+
+}  // namespace smbflow

@@ -1,0 +1,122 @@
+// IPFIX export of smbflow's flow records to one destination (a file, a UDP or a TCP
+// collector), built on libfixbuf. Each destination runs on its own thread, so that a slow or
+// absent collector never holds up packet processing: the export thread hands records over
+// and goes on. A TCP collector that is away is reconnected with backoff; records wait for it
+// up to a bound and beyond that are dropped and counted.
+#pragma once
+
+#include <fixbuf/public.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "exporter.h"
+#include "flow_format.h"
+#include "ipfix_url.h"
+
+namespace smbflow {
+
+struct IpfixSettings {
+    uint32_t pen = 32473;
+    uint32_t observation_domain = 1;
+    double template_refresh_s = 600;  // UDP only; 0 sends templates with every message
+    bool uniflow = false;             // each direction its own record, for collectors without
+                                      // RFC 5103
+    size_t held_records = 100000;     // waiting for a TCP collector that is away
+    double first_retry_s = 0.25;      // reconnect backoff: doubles up to max_retry_s
+    double max_retry_s = 30;
+};
+
+struct IpfixCounters {
+    uint64_t records_exported = 0;  // data records in messages written out
+    uint64_t messages_sent = 0;
+    uint64_t records_dropped = 0;  // held beyond the bound, or left unsent at the end
+    uint64_t connections = 0;      // TCP connections made (1 without outage)
+    uint64_t send_failures = 0;    // connects and writes that failed
+};
+
+// A flow record's values as IPFIX carries them, taken on the export thread.
+struct IpfixFlow {
+    host_flow_record rec{};
+    corvane_host::ExportReason reason = corvane_host::ExportReason::End;
+    bool smb = false;
+    uint32_t cmd_request = 0, cmd_response = 0;
+    uint8_t file_type = 0, op = 0;
+    std::string tree, file_name;
+};
+
+// The IPFIX form of an exported flow record (the SMB values as the text writers show them).
+void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &formatter,
+              IpfixFlow &out);
+
+// Checks what can be checked before a run: the file can be created, the host name resolves.
+// A message when it cannot.
+std::optional<std::string> check_destination(const IpfixUrl &url);
+
+class IpfixDestination {
+  public:
+    using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+    // `warn` receives messages for the user (connection lost and regained, one line each).
+    IpfixDestination(IpfixUrl url, IpfixSettings settings,
+                     std::function<void(const std::string &)> warn, Clock clock = {});
+    ~IpfixDestination();
+    IpfixDestination(const IpfixDestination &) = delete;
+    IpfixDestination &operator=(const IpfixDestination &) = delete;
+
+    void write(IpfixFlow &&flow);
+    // Sends what has been handed over and waits until it has been written out or is held
+    // for a collector that is away.
+    void flush();
+    // Sends what is left (one more connection attempt if the collector is away) and stops.
+    void finish();
+
+    IpfixCounters counters() const;
+    const IpfixUrl &url() const { return url_; }
+
+  private:
+    struct Session;
+    void run();
+    bool connect_session();
+    void drop_session();
+    bool send_batch(std::vector<IpfixFlow> &batch);
+    bool emit();
+    bool export_templates();
+    void hold_front(std::vector<IpfixFlow> &records);
+    void down(const std::string &why);
+
+    IpfixUrl url_;
+    IpfixSettings settings_;
+    std::function<void(const std::string &)> warn_;
+    Clock clock_;
+    fbInfoModel_t *model_ = nullptr;
+
+    mutable std::mutex mutex_;
+    std::condition_variable wake_;      // the sender: records, flush or finish
+    std::condition_variable progress_;  // producers: room, or a flush done
+    std::deque<IpfixFlow> queue_;
+    bool connected_ = true;  // until a connection fails; producers then drop beyond the bound
+    bool dead_ = false;      // a file that could not be written
+    bool finishing_ = false;
+    uint64_t flush_requested_ = 0, flush_done_ = 0;
+    IpfixCounters counters_;
+
+    // The sender thread's own.
+    std::unique_ptr<Session> session_;
+    std::vector<IpfixFlow> in_message_;  // appended since the last message went out
+    std::chrono::steady_clock::time_point next_retry_{}, last_templates_{};
+    double retry_s_ = 0;
+    bool outage_reported_ = false;
+    std::thread thread_;
+};
+
+}  // namespace smbflow
