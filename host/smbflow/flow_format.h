@@ -29,9 +29,8 @@ const std::vector<Column> &columns();
 
 // The SMB plug-in's fields of one flow record; null for a field without a value.
 struct SmbValues {
-    const corvane_host::FieldValue *cmd_request = nullptr, *cmd_response = nullptr,
-                                   *tree = nullptr, *file_type = nullptr, *file_name = nullptr,
-                                   *op = nullptr;
+    const corvane_host::FieldValue *cmd_request = nullptr, *cmd_response = nullptr, *tree = nullptr,
+                                   *file_type = nullptr, *file_name = nullptr, *op = nullptr;
 };
 
 // Finds the SMB plug-in's fields among the host's fields by their names.

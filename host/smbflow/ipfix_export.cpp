@@ -195,8 +195,8 @@ bool IpfixDestination::connect_session() {
         if (!ok) break;
         if (bool(variant & kReverse) == settings_.uniflow) continue;
         fbTemplate_t *t = fbTemplateAlloc(model);
-        ok = fbTemplateAppendSpecArray(t, const_cast<fbInfoElementSpec_t *>(record_spec()),
-                                       variant, &err) &&
+        ok = fbTemplateAppendSpecArray(t, const_cast<fbInfoElementSpec_t *>(record_spec()), variant,
+                                       &err) &&
              fbSessionAddTemplate(s->session, FALSE, template_id(variant), t, &err);
     }
     ok = ok && fbSessionSetMetadataExportElements(s->session, TRUE, FB_TID_AUTO, &err) != 0;
@@ -364,9 +364,8 @@ void IpfixDestination::run() {
             if (!finishing_ && clock_() < next_retry_) {
                 flush_done_ = flush_ticket;
                 progress_.notify_all();
-                wake_.wait_until(lock, next_retry_, [&] {
-                    return finishing_ || flush_requested_ > flush_done_;
-                });
+                wake_.wait_until(lock, next_retry_,
+                                 [&] { return finishing_ || flush_requested_ > flush_done_; });
                 continue;
             }
             last_try_made = finishing_;
@@ -410,8 +409,10 @@ void IpfixDestination::run() {
             // started later (RFC 7011 section 8.4). They start a message of their own.
             if (in_message_.empty() || emit()) export_templates();
         }
-        if (session_) send_batch(batch);
-        else hold_front(batch);
+        if (session_)
+            send_batch(batch);
+        else
+            hold_front(batch);
         lock.lock();
     }
     // Whatever could not be sent by the end is lost.

@@ -14,7 +14,8 @@ static_assert(offsetof(FlowRecord, sourceIPv4Address) == 112);
 static_assert(offsetof(FlowRecord, sourceTransportPort) == 128);
 static_assert(offsetof(FlowRecord, protocolIdentifier) == 136);
 
-#define SPEC(name, len, flags) {const_cast<char *>(name), len, flags}
+#define SPEC(name, len, flags) \
+    { const_cast<char *>(name), len, flags }
 const fbInfoElementSpec_t kSpec[] = {
     SPEC("flowStartMilliseconds", 8, 0),
     SPEC("flowEndMilliseconds", 8, 0),
@@ -57,9 +58,9 @@ const fbInfoElementSpec_t *record_spec() {
 fbInfoModel_t *make_model(uint32_t pen) {
     fbInfoModel_t *model = fbInfoModelAlloc();
     for (const SmbElement &e : kSmbElements) {
-        const fbInfoElement_t ie = FB_IE_INIT_FULL(e.name, pen, e.id, e.length,
-                                                   e.semantics | FB_IE_F_ENDIAN, 0, 0,
-                                                   e.type, const_cast<char *>(e.description));
+        const fbInfoElement_t ie =
+            FB_IE_INIT_FULL(e.name, pen, e.id, e.length, e.semantics | FB_IE_F_ENDIAN, 0, 0, e.type,
+                            const_cast<char *>(e.description));
         fbInfoModelAddElement(model, const_cast<fbInfoElement_t *>(&ie));
     }
     return model;

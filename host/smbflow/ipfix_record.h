@@ -35,8 +35,7 @@ inline constexpr SmbElement kSmbElements[] = {
      "The share (tree) of the last file opened in the flow, UTF-8"},
     {"smbFileName", 4, FB_STRING, FB_IE_VARLEN, FB_IE_DEFAULT,
      "The name of the last file opened in the flow, relative to its share, UTF-8"},
-    {"smbFileType", 5, FB_UINT_8, 1, FB_IE_IDENTIFIER,
-     "1 directory, 2 file, 0 unknown"},
+    {"smbFileType", 5, FB_UINT_8, 1, FB_IE_IDENTIFIER, "1 directory, 2 file, 0 unknown"},
     {"smbOperation", 6, FB_UINT_8, 1, FB_IE_IDENTIFIER,
      "The CREATE's outcome: bits 0-5 CreateAction (or the request's disposition when it "
      "failed), bit 6 delete on close, bit 7 failed"},
@@ -78,7 +77,7 @@ enum TemplateFlags : uint32_t {
     kIPv4 = 1,
     kIPv6 = 2,
     kSmb = 4,
-    kReverse = 8,  // RFC 5103 biflow: the reverse direction's counters and flags
+    kReverse = 8,    // RFC 5103 biflow: the reverse direction's counters and flags
     kInternal = 16,  // the in-memory layout only
 };
 
@@ -87,8 +86,14 @@ inline constexpr uint16_t kInternalTid = 0x8000;
 // or uniflow.
 uint16_t template_id(uint32_t flags);
 inline constexpr uint32_t kTemplateVariants[] = {
-    kIPv4,          kIPv6,          kIPv4 | kSmb,          kIPv6 | kSmb,
-    kIPv4 | kReverse, kIPv6 | kReverse, kIPv4 | kSmb | kReverse, kIPv6 | kSmb | kReverse,
+    kIPv4,
+    kIPv6,
+    kIPv4 | kSmb,
+    kIPv6 | kSmb,
+    kIPv4 | kReverse,
+    kIPv6 | kReverse,
+    kIPv4 | kSmb | kReverse,
+    kIPv6 | kSmb | kReverse,
 };
 
 // The element specifications of the record, in layout order; an entry's flags say which

@@ -142,8 +142,8 @@ int run(const Options &opts) {
         settings.observation_domain = opts.observation_domain;
         settings.template_refresh_s = opts.template_refresh_s;
         settings.uniflow = opts.ipfix_uniflow;
-        exports.push_back(std::make_unique<IpfixDestination>(std::get<IpfixUrl>(url), settings,
-                                                             error));
+        exports.push_back(
+            std::make_unique<IpfixDestination>(std::get<IpfixUrl>(url), settings, error));
     }
     // With --ipfix alone the records go to the collectors only.
     const bool text_output = exports.empty() || !opts.output.empty() || opts.format;
@@ -176,7 +176,7 @@ int run(const Options &opts) {
         for (const auto &f : opts.files)
             nano |= f != "-" && file_has_sub_microsecond_stamps(f);
         formatter.set_nanoseconds(nano);
-        Row row;             // reused by the export thread
+        Row row;              // reused by the export thread
         IpfixFlow ipfix_row;  // likewise
         Pipeline pipeline(host, opts.queues, config, [&](const corvane_host::ExportedFlow &flow) {
             if (writer) {

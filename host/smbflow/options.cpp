@@ -187,7 +187,8 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
                                  "tcp://HOST[:PORT] (port 4739 when left out; IPv6 in brackets) or "
                                  "file:PATH; may be given more than once. With -o or -F the "
                                  "records are written there as well")
-                      ->type_name("URL");
+                      ->type_name("URL")
+                      ->allow_extra_args(false);  // one URL each time: files may follow
     app.add_option("--ipfix-pen", opts.ipfix_pen,
                    "Private Enterprise Number of the SMB elements (32473 is reserved for "
                    "documentation: use your own)")
@@ -195,8 +196,7 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->check(whole_number("--ipfix-pen", 1, UINT32_MAX))
         ->capture_default_str()
         ->needs(ipfix);
-    app.add_option("--observation-domain", opts.observation_domain,
-                   "IPFIX Observation Domain ID")
+    app.add_option("--observation-domain", opts.observation_domain, "IPFIX Observation Domain ID")
         ->type_name("N")
         ->check(whole_number("--observation-domain", 0, UINT32_MAX))
         ->capture_default_str()

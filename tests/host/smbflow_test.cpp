@@ -306,7 +306,8 @@ class SmbflowErrors : public Smbflow, public testing::WithParamInterface<ErrorCa
 TEST_P(SmbflowErrors, ReportAndExit) {
     std::vector<std::string> args;
     for (std::string a : GetParam().args) {
-        if (a.rfind("@", 0) == 0) a = tmp.path(a.substr(1));
+        if (const size_t at = a.find('@'); at != std::string::npos)
+            a = a.substr(0, at) + tmp.path(a.substr(at + 1));
         args.push_back(a);
     }
     write_file(tmp.path("garbage.pcap"), std::string(200, 'g'));
@@ -394,7 +395,40 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"unwritable output",
                   {"--no-plugin", "-o", "@no/such/dir/out.csv", kSample},
                   4,
-                  "cannot write"}),
+                  "cannot write"},
+        ErrorCase{"IPFIX URL scheme",
+                  {"--no-plugin", "--ipfix", "sctp://127.0.0.1", kSample},
+                  2,
+                  "--ipfix sctp://127.0.0.1: unknown scheme (expected udp://HOST[:PORT]"},
+        ErrorCase{"IPFIX port", {"--ipfix", "udp://h:70000", kSample}, 2, "port must be"},
+        ErrorCase{"IPv6 without brackets",
+                  {"--ipfix", "tcp://::1:4739", kSample},
+                  2,
+                  "an IPv6 address goes in brackets"},
+        ErrorCase{"IPFIX host that does not resolve",
+                  {"--ipfix", "tcp://no-such-host.invalid", kSample},
+                  4,
+                  "no-such-host.invalid"},
+        ErrorCase{"IPFIX file not writable",
+                  {"--ipfix", "file:@no/such/dir/x.ipfix", kSample},
+                  4,
+                  "cannot write"},
+        ErrorCase{"IPFIX collector that takes nothing",
+                  {"--ipfix", "tcp://127.0.0.1:9", kSample},
+                  4,
+                  "Connection refused"},
+        ErrorCase{"IPFIX to standard output with the table",
+                  {"--ipfix", "file:-", "-F", "csv", kSample},
+                  2,
+                  "both go to standard output"},
+        ErrorCase{"zero enterprise number",
+                  {"--ipfix", "file:@x", "--ipfix-pen", "0", kSample},
+                  2,
+                  "--ipfix-pen must be a whole number from 1 to 4294967295"},
+        ErrorCase{"IPFIX option without --ipfix",
+                  {"--ipfix-uniflow", kSample},
+                  2,
+                  "--ipfix-uniflow requires --ipfix"}),
     [](const auto &info) {
         std::string n = info.param.what;
         std::replace_if(
