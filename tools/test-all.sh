@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Every test: installs what is missing, then builds and runs the test suite in the release
-# build and again under AddressSanitizer and UndefinedBehaviorSanitizer; last, fresh captures
+# build, the IPFIX export through independent decoders (ipfixDump, tshark, nfcapd/nfdump), and
+# the suite again under AddressSanitizer and UndefinedBehaviorSanitizer; last, fresh captures
 # of real SMB traffic from Samba are checked against tshark (skipped where they cannot be made),
 # smbflow runs over every capture under ASan/UBSan and, with 4 queues, under ThreadSanitizer,
 # and every fuzz harness runs for a bounded time (SMB_FUZZ_SECONDS each, default 60).
@@ -35,6 +36,7 @@ run_ctest() {
 stage "install dependencies" tools/install-deps.sh
 stage "release build" tools/build.sh release
 stage "release tests" run_ctest build
+stage "IPFIX export: ipfixDump, tshark and nfcapd/nfdump" tools/ipfix-check.py build/smbflow
 stage "asan build" tools/build.sh asan
 stage "asan tests" run_ctest build-asan
 stage "real traffic: fresh Samba captures against tshark" tools/traffic-check.sh build

@@ -1,0 +1,195 @@
+#!/usr/bin/python3
+"""Checks smbflow's IPFIX export with decoders that share no code with it: libfixbuf's
+ipfixDump (the SMB elements by name, from the RFC 5610 records smbflow sends), tshark's IPFIX
+dissector, and nfdump's collector nfcapd, biflow and --ipfix-uniflow. Each must show the flows
+of smbflow's CSV output for every committed capture.
+
+    tools/ipfix-check.py [path/to/smbflow]
+"""
+import collections
+import csv
+import glob
+import os
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import xml.etree.ElementTree as ET
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+SMBFLOW = sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "smbflow")
+CAPTURES = [os.path.join(ROOT, "tests/data/sample-smb2.pcap")] + sorted(
+    glob.glob(os.path.join(ROOT, "tests/data/captures/*.pcap")))
+failures = []
+
+
+def check(ok, what):
+    print(("ok      " if ok else "FAILED  ") + what)
+    if not ok:
+        failures.append(what)
+
+
+def smbflow(*args):
+    return subprocess.run([SMBFLOW, "-q", *args], check=True, capture_output=True, text=True)
+
+
+def free_udp_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def csv_rows(capture, work):
+    out = os.path.join(work, "flows.csv")
+    smbflow(capture, "-F", "csv", "-o", out)
+    with open(out, newline="") as f:
+        return list(csv.DictReader(f))
+
+
+def flow_keys(rows, uniflow=False):
+    """The flows as (src, dst, sport, dport, proto, packets, bytes), one way per key when
+    uniflow, both counts in one key otherwise."""
+    keys = collections.Counter()
+    for r in rows:
+        fwd = (r["src_addr"], r["dst_addr"], r["src_port"], r["dst_port"], r["proto"])
+        if uniflow:
+            keys[fwd + (r["packets"], r["bytes"])] += 1
+            if int(r["rev_packets"]) > 0:
+                keys[(r["dst_addr"], r["src_addr"], r["dst_port"], r["src_port"], r["proto"],
+                      r["rev_packets"], r["rev_bytes"])] += 1
+        else:
+            keys[fwd + (r["packets"], r["bytes"], r["rev_packets"], r["rev_bytes"])] += 1
+    return keys
+
+
+def ipfixdump_names(capture, rows, work):
+    """ipfixDump --rfc5610 learns the SMB elements from smbflow's type records and prints
+    their values by name."""
+    out = os.path.join(work, "flows.ipfix")
+    smbflow(capture, "--ipfix", "file:" + out)
+    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "-i", out], check=True,
+                          capture_output=True, text=True).stdout
+    trees = re.findall(r"^\s+\(32473/3\)\s+smbTree : \(len: \d+\) ?(.*)$", dump, re.M)
+    names = re.findall(r"^\s+\(32473/4\)\s+smbFileName : \(len: \d+\) ?(.*)$", dump, re.M)
+    smb_rows = [r for r in rows if r["smb_cmd_request"]]
+    check(trees == [r["smb_tree"] for r in smb_rows] and
+          names == [r["smb_file_name"] for r in smb_rows],
+          f"ipfixDump --rfc5610 names the SMB elements: {os.path.basename(capture)} "
+          f"({len(trees)} records)")
+
+
+def udp_datagrams(run):
+    """Runs `run` while a UDP socket on loopback takes what it sends."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        s.bind(("127.0.0.1", 0))
+        run(f"udp://127.0.0.1:{s.getsockname()[1]}")
+        s.setblocking(False)
+        grams = []
+        while True:
+            try:
+                grams.append(s.recv(65536))
+            except BlockingIOError:
+                return grams
+
+
+def write_pcap(path, grams, port=4739):
+    with open(path, "wb") as f:
+        f.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 101))  # raw IP
+        for g in grams:
+            udp = struct.pack("!HHHH", 50000, port, 8 + len(g), 0) + g
+            ip = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(udp), 0, 0, 64, 17, 0,
+                             b"\x7f\0\0\1", b"\x7f\0\0\1") + udp
+            f.write(struct.pack("<IIII", 0, 0, len(ip), len(ip)) + ip)
+
+
+def tshark_flows(pcap):
+    """The flows tshark's IPFIX dissector finds. Reverse elements carry the same field names
+    as forward ones and follow them in the template, so the first of each name is forward."""
+    pdml = subprocess.run(["tshark", "-r", pcap, "-d", "udp.port==4739,cflow", "-T", "pdml"],
+                          check=True, capture_output=True, text=True).stdout
+    keys = collections.Counter()
+    for flow in ET.fromstring(pdml).iter("field"):
+        if not flow.get("show", "").startswith("Flow "):
+            continue
+        first = {}
+        for f in flow:
+            first.setdefault(f.get("name"), f.get("show"))
+        if "cflow.srcport" not in first:
+            continue
+        keys[(first.get("cflow.srcaddr") or first.get("cflow.srcaddrv6"),
+              first.get("cflow.dstaddr") or first.get("cflow.dstaddrv6"),
+              first["cflow.srcport"], first["cflow.dstport"], first["cflow.protocol"],
+              first["cflow.packets"], first["cflow.octets"])] += 1
+    return keys
+
+
+def nfdump_flows(uniflow, captures, work):
+    """nfcapd receives the UDP export of every capture; nfdump lists what it stored."""
+    port = free_udp_port()
+    store = tempfile.mkdtemp(dir=work)
+    nfcapd = subprocess.Popen(["nfcapd", "-b", "127.0.0.1", "-p", str(port), "-w", store],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        deadline = time.monotonic() + 20
+        while f":{port} " not in subprocess.run(["ss", "-Huln"], capture_output=True,
+                                                 text=True).stdout:
+            if time.monotonic() > deadline or nfcapd.poll() is not None:
+                raise RuntimeError("nfcapd did not start")
+            time.sleep(0.05)
+        for c in captures:
+            smbflow(c, "--ipfix", f"udp://127.0.0.1:{port}", *(["--ipfix-uniflow"] if uniflow else []))
+    finally:
+        nfcapd.send_signal(signal.SIGTERM)  # it writes out what it holds
+        nfcapd.wait(timeout=30)
+    fmt = "fmt:%sa|%da|%sp|%dp|%pr|%ipkt|%ibyt" + ("" if uniflow else "|%opkt|%obyt")
+    out = subprocess.run(["nfdump", "-q", "-N", "-R", store, "-o", fmt], check=True,
+                         capture_output=True, text=True).stdout
+    protocols = {"TCP": "6", "UDP": "17", "ICMP": "1", "ICMP6": "58"}
+    keys = collections.Counter()
+    for line in out.splitlines():
+        v = [x.strip() for x in line.split("|")]
+        if len(v) < 7:
+            continue
+        v[4] = protocols.get(v[4], v[4])
+        keys[tuple(v)] += 1
+    return keys
+
+
+def main():
+    with tempfile.TemporaryDirectory() as work:
+        rows = {c: csv_rows(c, work) for c in CAPTURES}
+        for c in CAPTURES:
+            ipfixdump_names(c, rows[c], work)
+
+        grams = []
+        for c in CAPTURES:
+            grams += udp_datagrams(lambda url: smbflow(c, "--ipfix", url))
+        pcap = os.path.join(work, "export.pcap")
+        write_pcap(pcap, grams)
+        # tshark shows the forward direction of each biflow record.
+        forward = collections.Counter()
+        for c in CAPTURES:
+            for r in rows[c]:
+                forward[(r["src_addr"], r["dst_addr"], r["src_port"], r["dst_port"], r["proto"],
+                         r["packets"], r["bytes"])] += 1
+        got = tshark_flows(pcap)
+        check(got == forward, f"tshark decodes the UDP export: {sum(got.values())} flows in "
+                              f"{len(grams)} messages")
+
+        for uniflow in (False, True):
+            want = sum((flow_keys(rows[c], uniflow) for c in CAPTURES), collections.Counter())
+            got = nfdump_flows(uniflow, CAPTURES, work)
+            check(got == want, f"nfcapd/nfdump list the {'uniflow' if uniflow else 'biflow'} "
+                               f"export: {sum(got.values())} records"
+                               + ("" if got == want else f"; missing {want - got}, extra {got - want}"))
+    print("ipfix-check: " + ("FAILED: " + "; ".join(failures) if failures else "passed"))
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
