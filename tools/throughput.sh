@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Throughput over a large capture, in one run: smbflow with the plug-in, smbflow without it
-# (--no-plugin, the bare host), tshark extracting the SMB2 tree, file name, command and flags
+# (--no-plugin, the bare host), smbflow exporting IPFIX instead of writing CSV, tshark extracting the SMB2 tree, file name, command and flags
 # fields, and tcpdump copying the capture to /dev/null (the cost of reading it at all: the
 # floor). Then smbflow with 1 and with 2 queues, and peak memory: smbflow with the default
 # table sizes on the large capture and on a synthetic capture of 1 million open files, and the
@@ -87,6 +87,7 @@ best_of bare "$smbflow" --no-plugin -q --no-progress -o /dev/null "$big"
 best_of floor tcpdump -r "$big" -w /dev/null
 best_of tshark tshark -r "$big" "${tshark_args[@]}" -T fields -e smb2.tree -e smb2.filename \
   -e smb2.cmd -e smb2.flags
+best_of ipfix "$smbflow" -q --no-progress --ipfix file:/dev/null "$big"
 best_of q1 "$smbflow" --queues 1 -q --no-progress -o /dev/null "$big"
 best_of q2 "$smbflow" --queues 2 -q --no-progress -o /dev/null "$big"
 
@@ -99,6 +100,7 @@ row "smbflow (plug-in, default queues)" "$made" plugin
 row "smbflow --no-plugin (bare host)" "$made" bare
 row "tcpdump -r -w /dev/null (floor)" "$made" floor
 row "tshark -T fields" "$tshark_in" tshark
+row "smbflow --ipfix file:/dev/null" "$made" ipfix
 row "smbflow --queues 1" "$made" q1
 row "smbflow --queues 2" "$made" q2
 
@@ -108,11 +110,13 @@ overhead=$(awk -v p="${secs[plugin]}" -v b="${secs[bare]}" 'BEGIN {printf "%.1f"
 floor_ratio=$(ratio "${secs[plugin]}" "${secs[floor]}")
 tshark_ratio=$(ratio "$plugin_pps" "$tshark_pps")
 queue_ratio=$(ratio "${secs[q1]}" "${secs[q2]}")
+ipfix_ratio=$(ratio "${secs[ipfix]}" "${secs[plugin]}")
 echo
 echo "plug-in cost over the bare host      ${overhead} %   $(verdict "$overhead" "<=" 10)"
 echo "smbflow time / floor time            ${floor_ratio}   $(verdict "$floor_ratio" "<=" 1.5)"
 echo "smbflow packets/s / tshark packets/s ${tshark_ratio}   $(verdict "$tshark_ratio" ">=" 15)"
 echo "2 queues / 1 queue packets/s         ${queue_ratio}   $(verdict "$queue_ratio" ">=" 1.6)"
+echo "IPFIX export time / CSV output time  ${ipfix_ratio}   $(verdict "$ipfix_ratio" "<=" 1.0)"
 
 echo
 echo "memory ..."

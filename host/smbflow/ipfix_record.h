@@ -35,7 +35,7 @@ inline constexpr SmbElement kSmbElements[] = {
      "The share (tree) of the last file opened in the flow, UTF-8"},
     {"smbFileName", 4, FB_STRING, FB_IE_VARLEN, FB_IE_DEFAULT,
      "The name of the last file opened in the flow, relative to its share, UTF-8"},
-    {"smbFileType", 5, FB_UINT_8, 1, FB_IE_IDENTIFIER, "1 directory, 2 file, 0 unknown"},
+    {"smbFileType", 5, FB_UINT_8, 1, FB_IE_IDENTIFIER, "1 directory, 2 file, 255 unknown"},
     {"smbOperation", 6, FB_UINT_8, 1, FB_IE_IDENTIFIER,
      "The CREATE's outcome: bits 0-5 CreateAction (or the request's disposition when it "
      "failed), bit 6 delete on close, bit 7 failed"},

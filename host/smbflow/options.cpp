@@ -102,8 +102,9 @@ progress line while running when standard error is a terminal.
 
 Exit status: 0 success; 1 a capture file or interface could not be read (records of the
 packets read before the fault are still written); 2 bad options or filter; 3 the plug-in
-could not be loaded or was built for another API version; 4 the output could not be
-written. The plug-in itself ends the program with status 255 on bad --params.)";
+could not be loaded or was built for another API version; 4 the output or an IPFIX
+destination could not be written. The plug-in itself ends the program with status 255 on
+bad --params.)";
 
 }  // namespace
 
