@@ -23,7 +23,9 @@ failed=0
 run() {
   local label=$1 log=$work/log
   shift
-  if "$@" -q --no-progress -o /dev/null > "$log" 2>&1 && ! grep -qE 'Sanitizer|runtime error' "$log"; then
+  # The IPFIX export runs beside the CSV output, on its own thread.
+  if "$@" -q --no-progress -o /dev/null --ipfix "file:$work/out.ipfix" > "$log" 2>&1 &&
+    ! grep -qE 'Sanitizer|runtime error' "$log"; then
     echo "ok      $label"
   else
     echo "FAILED  $label"

@@ -162,7 +162,7 @@ void IpfixDestination::flush() {
     std::unique_lock lock(mutex_);
     const uint64_t ticket = ++flush_requested_;
     wake_.notify_one();
-    progress_.wait(lock, [&] { return flush_done_ >= ticket || !thread_.joinable(); });
+    progress_.wait(lock, [&] { return flush_done_ >= ticket || stopped_; });
 }
 
 void IpfixDestination::finish() {
@@ -219,7 +219,7 @@ bool IpfixDestination::connect_session() {
     s->buf = fBufAllocForExport(s->session, exporter);
     session_ = std::move(s);
     // The templates open the file or connection: a collector that is away shows here.
-    if (!export_templates() || !emit()) return false;
+    if (!export_templates()) return false;
     {
         std::lock_guard lock(mutex_);
         ++counters_.connections;
@@ -231,7 +231,7 @@ bool IpfixDestination::connect_session() {
     return true;
 }
 
-// Templates (and the SMB elements' type records) start a message of their own. libfixbuf
+// Templates (and the SMB elements' type records) go in messages of their own. libfixbuf
 // lays them out in its automatic mode; data records are appended in manual mode, so that
 // this class knows which records each message carried.
 bool IpfixDestination::export_templates() {
@@ -244,7 +244,16 @@ bool IpfixDestination::export_templates() {
         return false;
     }
     last_templates_ = clock_();
-    return true;
+    // libfixbuf takes no data records into a message that carries templates.
+    return emit();
+}
+
+// Over UDP the templates go out again from time to time, since a collector may have missed
+// them or started later (RFC 7011 section 8.4); over TCP and in files once, at the start.
+bool IpfixDestination::templates_due() const {
+    return url_.transport == IpfixUrl::Transport::Udp &&
+           (settings_.template_refresh_s == 0 ||
+            clock_() - last_templates_ >= duration<double>(settings_.template_refresh_s));
 }
 
 void IpfixDestination::drop_session() {
@@ -260,6 +269,7 @@ bool IpfixDestination::emit() {
         ++counters_.messages_sent;
         counters_.records_exported += in_message_.size();
         in_message_.clear();
+        records_in_message_ = 0;
         return true;
     }
     down(take_error(err));
@@ -285,6 +295,7 @@ void IpfixDestination::down(const std::string &why) {
                                  url_.text, why));
     outage_reported_ = true;
     drop_session();
+    records_in_message_ = 0;
     hold_front(in_message_);
     next_retry_ = clock_() + duration_cast<steady_clock::duration>(duration<double>(retry_s_));
     retry_s_ = std::min(retry_s_ * 2, settings_.max_retry_s);
@@ -322,17 +333,23 @@ bool IpfixDestination::send_batch(std::vector<IpfixFlow> &batch) {
             FlowRecord r;
             fill(r, f, side == 1);
             GError *err = nullptr;
+            // A full message ends in FB_ERROR_EOM: it goes out and the record starts the next
+            // one. libfixbuf also answers the first record after templates so, once.
             for (int attempt = 0;; ++attempt) {
                 if (fBufSetExportTemplate(session_->buf, template_id(flags), &err) &&
-                    fBufAppend(session_->buf, reinterpret_cast<uint8_t *>(&r), sizeof r, &err))
+                    fBufAppend(session_->buf, reinterpret_cast<uint8_t *>(&r), sizeof r, &err)) {
+                    ++records_in_message_;
                     break;
-                if (!is_end_of_message(err) || attempt > 0) {
+                }
+                if (!is_end_of_message(err) || attempt > 2) {
                     warn_(fmt::format("ipfix: {}: cannot encode a record: {}", url_.text,
                                       take_error(err)));
                     break;
                 }
                 g_clear_error(&err);
-                if (!emit()) {
+                const bool had_records = records_in_message_ > 0;
+                if ((had_records && !emit()) ||
+                    (had_records && templates_due() && !export_templates())) {
                     hold_rest();
                     return false;
                 }
@@ -351,7 +368,6 @@ void IpfixDestination::run() {
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
 
-    const bool udp = url_.transport == IpfixUrl::Transport::Udp;
     std::vector<IpfixFlow> batch;
     bool last_try_made = false;
     std::unique_lock lock(mutex_);
@@ -402,13 +418,7 @@ void IpfixDestination::run() {
         queue_.clear();
         progress_.notify_all();
         lock.unlock();
-        if (udp && session_ &&
-            (settings_.template_refresh_s == 0 ||
-             clock_() - last_templates_ >= duration<double>(settings_.template_refresh_s))) {
-            // Templates go out again over UDP, where the collector may have missed them or
-            // started later (RFC 7011 section 8.4). They start a message of their own.
-            if (in_message_.empty() || emit()) export_templates();
-        }
+        if (session_ && templates_due() && (in_message_.empty() || emit())) export_templates();
         if (session_)
             send_batch(batch);
         else
@@ -420,6 +430,7 @@ void IpfixDestination::run() {
     queue_.clear();
     in_message_.clear();
     flush_done_ = flush_requested_;
+    stopped_ = true;
     lock.unlock();
     drop_session();
     progress_.notify_all();

@@ -91,6 +91,7 @@ class IpfixDestination {
     bool send_batch(std::vector<IpfixFlow> &batch);
     bool emit();
     bool export_templates();
+    bool templates_due() const;
     void hold_front(std::vector<IpfixFlow> &records);
     void down(const std::string &why);
 
@@ -107,12 +108,14 @@ class IpfixDestination {
     bool connected_ = true;  // until a connection fails; producers then drop beyond the bound
     bool dead_ = false;      // a file that could not be written
     bool finishing_ = false;
+    bool stopped_ = false;  // the sender has ended
     uint64_t flush_requested_ = 0, flush_done_ = 0;
     IpfixCounters counters_;
 
     // The sender thread's own.
     std::unique_ptr<Session> session_;
     std::vector<IpfixFlow> in_message_;  // appended since the last message went out
+    size_t records_in_message_ = 0;      // data records in it (two a flow with --ipfix-uniflow)
     std::chrono::steady_clock::time_point next_retry_{}, last_templates_{};
     double retry_s_ = 0;
     bool outage_reported_ = false;

@@ -50,9 +50,9 @@ std::string format_summary(const RunSummary &s) {
     }
     for (const auto &e : s.exports) {
         line("IPFIX to", e.url);
-        line("  records exported", std::to_string(e.records));
+        line("  flow records sent", std::to_string(e.records));
         line("  messages sent", std::to_string(e.messages));
-        line("  records dropped", std::to_string(e.dropped));
+        line("  flow records dropped", std::to_string(e.dropped));
         if (e.stream) line("  connections", std::to_string(e.connections));
     }
     line("elapsed", fmt::format("{:.3f} s", s.elapsed_s));
