@@ -272,12 +272,20 @@ TEST_P(IpfixRoundTrip, EveryTransportGetsTheJsonWritersRecords) {
     ASSERT_EQ(r.status, 0) << r.err;
     tcp.stop();
     std::string datagrams;
-    size_t messages = 0;
-    char dgram[65536];
+    size_t messages = 0, data_after_data = 0;
+    bool data_before = false;
+    unsigned char dgram[65536];
     for (ssize_t n; (n = recv(udp, dgram, sizeof dgram, MSG_DONTWAIT)) > 0; ++messages) {
         EXPECT_LE(n, 1452) << "a UDP message must fit a 1500-byte path over IPv6 too";
-        datagrams.append(dgram, n);
+        datagrams.append(reinterpret_cast<char *>(dgram), n);
+        // --template-refresh 0: templates go out again before every message of flow records
+        // (sets of the biflow templates, 260 to 263).
+        const unsigned first_set = dgram[16] << 8 | dgram[17];
+        const bool data = first_set >= 260 && first_set <= 263;
+        data_after_data += data && data_before;
+        data_before = data;
     }
+    EXPECT_EQ(data_after_data, 0u);
     close(udp);
 
     const auto expected = json_lines_at_ms(read_file(tmp.path("out.json")));
@@ -297,7 +305,7 @@ INSTANTIATE_TEST_SUITE_P(Captures, IpfixRoundTrip, testing::ValuesIn(committed_c
                          });
 
 // Without the plug-in no record carries SMB elements; with --ipfix-uniflow the reverse
-// direction is a record of its own, with the addresses, ports and counts turned round.
+// direction is a record of its own; the observation domain is the one given.
 TEST(Ipfix, UniflowAndNoPluginRecords) {
     TempDir tmp;
     const auto bi =
@@ -306,12 +314,13 @@ TEST(Ipfix, UniflowAndNoPluginRecords) {
     ASSERT_EQ(bi.status, 0) << bi.err;
     EXPECT_EQ(decode(read_file(tmp.path("bi.ipfix"))).size() + 1,
               json_lines_at_ms(read_file(tmp.path("bi.csv"))).size());
-    const auto uni = run_command(
-        {SMBFLOW, "-q", kSample, "--ipfix-uniflow", "--ipfix", "file:" + tmp.path("uni.ipfix")});
+    const auto uni = run_command({SMBFLOW, "-q", kSample, "--ipfix-uniflow", "--ipfix",
+                                  "file:" + tmp.path("uni.ipfix"), "--observation-domain", "7"});
     ASSERT_EQ(uni.status, 0) << uni.err;
-    const auto dump = run_command({"/usr/bin/ipfixDump", "-i", tmp.path("uni.ipfix"), "-d"});
+    const auto dump = run_command({"/usr/bin/ipfixDump", "-i", tmp.path("uni.ipfix")});
     ASSERT_EQ(dump.status, 0);
     EXPECT_EQ(dump.out.find("reverse"), std::string::npos);
+    EXPECT_NE(dump.out.find("observation domain id: 7"), std::string::npos);
     // The sample's 7 flows all have packets both ways.
     EXPECT_NE(dump.out.find("14 Data Records"), std::string::npos) << dump.out;
 }
