@@ -1,6 +1,7 @@
 // Fuzzes smbflow's input path on whole capture files: the input is a pcap or pcapng file that
-// libpcap reads, the host decodes each frame and runs it through the processing queues with
-// the plug-in (linked in, small tables), and every flow record is exported and formatted as
+// smbflow maps and reads in place (packets reach the queues without a copy), the host decodes
+// each frame and runs it through the processing queues with the plug-in (linked in, small
+// tables), and every flow record is exported and formatted as
 // smbflow writes it. Two queues when the file's last byte is odd, so that the shared tables are
 // used from two threads.
 #include <string>
@@ -49,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 corvane_host::DecodeStatus::Ok)
                 continue;
             packet.pkt.timestamp_ns = frame.ts_ns;
-            pipeline.submit(packet);
+            pipeline.submit(packet, frame.keeper);
         }
         pipeline.finish();
     }

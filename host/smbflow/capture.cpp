@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 
 #include "packet_decoder.h"
-#include "pcapng_mixed.h"
+#include "mapped_capture.h"
 
 namespace smbflow {
 
@@ -38,7 +38,7 @@ Capture::Capture(Capture &&o) noexcept
       link_type_(o.link_type_),
       nano_(o.nano_),
       read_buffer_(std::move(o.read_buffer_)),
-      mixed_(std::move(o.mixed_)),
+      mapped_(std::move(o.mapped_)),
       current_(std::move(o.current_)),
       error_(std::move(o.error_)),
       filter_error_(o.filter_error_) {
@@ -52,7 +52,7 @@ Capture::~Capture() {
 void Capture::close() {
     if (pcap_) pcap_close(pcap_);
     pcap_ = nullptr;
-    mixed_.reset();
+    mapped_.reset();
 }
 
 bool Capture::apply_filter() {
@@ -86,11 +86,11 @@ bool Capture::apply_filter() {
 bool Capture::open_file(const std::string &path) {
     close();
     current_ = path;
-    if (path != "-" && PcapngMixed::needed(path)) {
-        mixed_ = std::make_unique<PcapngMixed>();
-        if (mixed_->open(path, filter_)) return true;
-        error_ = mixed_->error();
-        filter_error_ = mixed_->filter_error();
+    if (MappedCapture::can_read(path)) {
+        mapped_ = std::make_unique<MappedCapture>();
+        if (mapped_->open(path, filter_)) return true;
+        error_ = mapped_->error();
+        filter_error_ = mapped_->filter_error();
         return false;
     }
     char errbuf[PCAP_ERRBUF_SIZE] = "";
@@ -159,9 +159,12 @@ bool Capture::open() {
 ReadStatus Capture::next(Frame &frame) {
     for (;;) {
         if (interrupted_) return ReadStatus::End;
-        if (mixed_) {
-            const ReadStatus rs = mixed_->next(frame);
-            if (rs == ReadStatus::Error) error_ = mixed_->error();
+        if (mapped_) {
+            const ReadStatus rs = mapped_->next(frame);
+            if (rs == ReadStatus::Error) {
+                error_ = mapped_->error();
+                filter_error_ = mapped_->filter_error();
+            }
             if (rs != ReadStatus::End) return rs;
             close();
             if (next_path_ == paths_.size()) return ReadStatus::End;
@@ -179,6 +182,7 @@ ReadStatus Capture::next(Frame &frame) {
             frame.wire_len = header->len;
             frame.data = data;
             frame.link_type = link_type_;
+            frame.keeper = nullptr;
             return ReadStatus::Packet;
         }
         if (rc == 0) {

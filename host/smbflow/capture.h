@@ -1,5 +1,6 @@
-// Packet input through libpcap: capture files (pcap and pcapng) read one after the other, or
-// a live interface, with an optional BPF filter. Timestamps come in nanoseconds.
+// Packet input: capture files (pcap and pcapng) read one after the other, mapped in place when
+// they are regular files and through libpcap otherwise (standard input, FIFOs), or a live
+// interface through libpcap, with an optional BPF filter. Timestamps come in nanoseconds.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +12,7 @@ typedef struct pcap pcap_t;
 
 namespace smbflow {
 
-class PcapngMixed;
+class MappedCapture;
 
 struct Frame {
     uint64_t ts_ns = 0;
@@ -19,6 +20,9 @@ struct Frame {
     uint32_t wire_len = 0;
     const uint8_t *data = nullptr;
     int link_type = 0;
+    // Set when `data` lies in a mapped file: the bytes stay valid while a copy of *keeper is
+    // held. Null when they are valid only until the next read (libpcap's buffer).
+    const std::shared_ptr<const void> *keeper = nullptr;
 };
 
 enum class ReadStatus {
@@ -78,8 +82,7 @@ class Capture {
     static constexpr size_t kReadBufferSize = 1 << 20;
     static constexpr int kIdlePollMs = 200;  // longest wait for a packet on an idle interface
     std::unique_ptr<char[]> read_buffer_;
-    std::unique_ptr<PcapngMixed>
-        mixed_;  // the open file, when its link types differ  // the open file's stdio buffer
+    std::unique_ptr<MappedCapture> mapped_;  // the open file, when it is read in place
     std::string current_;
     std::string error_;
     bool filter_error_ = false;

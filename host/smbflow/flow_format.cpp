@@ -1,6 +1,7 @@
 #include "flow_format.h"
 
 #include <arpa/inet.h>
+#include <cstring>
 #include <ctime>
 
 #include <fmt/format.h>
@@ -35,12 +36,29 @@ void set_null(Cell &c) {
     c.value.reset();
 }
 
+// Dotted quad by hand: the C library formats each byte through printf.
+void append_ipv4(std::string &out, uint32_t wire_order) {
+    uint8_t b[4];
+    memcpy(b, &wire_order, 4);
+    char buf[16];
+    char *p = buf;
+    for (int i = 0; i < 4; ++i) {
+        if (i) *p++ = '.';
+        const unsigned v = b[i];
+        if (v >= 100) *p++ = static_cast<char>('0' + v / 100);
+        if (v >= 10) *p++ = static_cast<char>('0' + v / 10 % 10);
+        *p++ = static_cast<char>('0' + v % 10);
+    }
+    out.append(buf, p);
+}
+
 void append_addr(std::string &out, const host_addr &addr, uint8_t ip_version) {
+    if (ip_version == 4) {
+        append_ipv4(out, addr.v4);
+        return;
+    }
     char buf[INET6_ADDRSTRLEN];
-    if (ip_version == 4)
-        out += inet_ntop(AF_INET, &addr.v4, buf, sizeof buf);
-    else
-        out += inet_ntop(AF_INET6, addr.v6, buf, sizeof buf);
+    out += inet_ntop(AF_INET6, addr.v6, buf, sizeof buf);
 }
 
 }  // namespace

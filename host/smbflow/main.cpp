@@ -16,7 +16,7 @@
 #include "ipfix_export.h"
 #include "options.h"
 #include "parse_results.h"
-#include "pcapng_mixed.h"
+#include "mapped_capture.h"
 #include "pipeline.h"
 #include "stderr_lines.h"
 #include "summary.h"
@@ -226,7 +226,7 @@ int run(const Options &opts) {
                 case corvane_host::DecodeStatus::Ok:
                     packet.pkt.timestamp_ns = frame.ts_ns;
                     if (packet.capped) ++in.capped;
-                    pipeline.submit(packet);
+                    pipeline.submit(packet, frame.keeper);
                     break;
                 case corvane_host::DecodeStatus::NotIp:
                     ++in.not_ip;

@@ -16,6 +16,7 @@ constexpr size_t kBatchPackets = 256;
 constexpr size_t kBatchBytes = 1 << 20;
 constexpr size_t kBatchesInFlight = 8;  // per queue
 constexpr uint64_t kBroadcastNs = 1'000'000'000ull;
+constexpr size_t kInPlace = SIZE_MAX;  // an item whose bytes are not in the arena
 
 // Order of the flow records exported at the end of input.
 auto end_key(const FlowHandoff &f) {
@@ -42,6 +43,7 @@ struct Pipeline::Batch {
     };
     std::vector<uint8_t> arena;
     std::vector<Item> items;
+    std::vector<std::shared_ptr<const void>> keep;  // what in-place items point into
     uint64_t clock_ns = 0;
 };
 
@@ -123,15 +125,20 @@ void Pipeline::push(Worker &w) {
     w.in.push(std::move(w.filling));
 }
 
-void Pipeline::submit(const DecodedPacket &packet) {
+void Pipeline::submit(const DecodedPacket &packet, const std::shared_ptr<const void> *keeper) {
     const host_packet &pkt = packet.pkt;
     clock_ns_ = std::max(clock_ns_, pkt.timestamp_ns);
     bool from_a;
     const ConnKey conn = conn_key_of(pkt, from_a);
     Worker &w = *workers_[conn.digest % workers_.size()];
     Batch &b = filling(w);
-    const size_t offset = b.arena.size();
-    b.arena.insert(b.arena.end(), pkt.data, pkt.data + pkt.length);
+    size_t offset = kInPlace;
+    if (keeper) {
+        if (b.keep.empty() || b.keep.back() != *keeper) b.keep.push_back(*keeper);
+    } else {
+        offset = b.arena.size();
+        b.arena.insert(b.arena.end(), pkt.data, pkt.data + pkt.length);
+    }
     b.items.push_back({pkt, packet.ip_bytes, offset, conn, from_a});
     if (b.items.size() >= kBatchPackets || b.arena.size() >= kBatchBytes) push(w);
     if (clock_ns_ >= next_broadcast_ns_) {
@@ -154,13 +161,14 @@ void Pipeline::worker_main(Worker &w) {
     while (auto batch = w.in.pop()) {
         Batch &b = **batch;
         for (auto &item : b.items) {
-            item.pkt.data = b.arena.data() + item.offset;
+            if (item.offset != kInPlace) item.pkt.data = b.arena.data() + item.offset;
             w.queue->process(item.pkt, item.bytes, item.conn, item.from_a);
         }
         w.queue->advance(b.clock_ns);
         if (w.handed.count) send(w, false);
         b.arena.clear();
         b.items.clear();
+        b.keep.clear();
         spare_->try_push(std::move(*batch));
     }
     w.flushing = true;

@@ -35,8 +35,11 @@ class Pipeline {
     Pipeline(const Pipeline &) = delete;
     Pipeline &operator=(const Pipeline &) = delete;
 
-    // Copies the packet (from its IP header on) into the batch of its queue.
-    void submit(const corvane_host::DecodedPacket &packet);
+    // Hands the packet to the batch of its queue. With a keeper its bytes stay where they are
+    // and the batch holds the keeper until the queue is done with it; without, they are copied
+    // (from the IP header on) into the batch.
+    void submit(const corvane_host::DecodedPacket &packet,
+                const std::shared_ptr<const void> *keeper = nullptr);
 
     // Capture time moved on without packets (a quiet live interface): queues learn it so
     // that idle flows time out, and partly filled batches go out.

@@ -1,6 +1,7 @@
 #include "writers.h"
 
 #include <algorithm>
+#include <array>
 
 #include <fmt/format.h>
 
@@ -161,8 +162,18 @@ class JsonWriter : public LineWriter {
 
 }  // namespace
 
+// Characters that make a CSV field need quotes (RFC 4180), as one table: one look-up a byte,
+// where a search for any of several characters tests each byte against each of them.
+constexpr auto kCsvSpecial = [] {
+    std::array<bool, 256> t{};
+    for (unsigned char c : {',', '"', '\r', '\n'})
+        t[c] = true;
+    return t;
+}();
+
 void append_csv_field(std::string &out, std::string_view s) {
-    if (s.find_first_of(",\"\r\n") == std::string_view::npos) {
+    if (std::none_of(s.begin(), s.end(),
+                     [](char c) { return kCsvSpecial[static_cast<unsigned char>(c)]; })) {
         out += s;
         return;
     }

@@ -59,9 +59,15 @@ TEST(FlowFormat, SmallPieces) {
     EXPECT_EQ(format_time(1709632800'123456789ull), "2024-03-05T10:00:00.123456Z");
     EXPECT_EQ(protocol_name(6), "tcp");
     EXPECT_EQ(protocol_name(47), "47");
-    host_addr a{};
-    a.v4 = htonl(0xc0a8380a);
-    EXPECT_EQ(format_addr(a, 4), "192.168.56.10");
+    // Every byte value in every position, as the C library writes them.
+    for (uint32_t v = 0; v < 256; ++v)
+        for (int shift : {0, 8, 16, 24}) {
+            host_addr a{};
+            a.v4 = htonl(0x0a000001u ^ (v << shift));
+            char want[INET_ADDRSTRLEN];
+            inet_ntop(AF_INET, &a.v4, want, sizeof want);
+            EXPECT_EQ(format_addr(a, 4), want);
+        }
     host_addr b{};
     b.v6[0] = 0xfd;
     b.v6[15] = 0x10;

@@ -1,0 +1,77 @@
+// Capture files read in place: pcap (both byte orders, microsecond and nanosecond stamps) and
+// pcapng (several sections and interfaces, each packet with its own interface's link type and
+// timestamp resolution, which libpcap cannot read when the link types differ). The file is
+// mapped a window at a time and frames point into the mapping, so that packets reach the
+// queues without being copied; a window stays mapped while a batch that references it is in
+// flight (Frame::keeper), and no longer, which keeps resident memory flat on large files. A
+// BPF filter is compiled once per link type and run on the mapped bytes.
+#pragma once
+
+#include <pcap/pcap.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "capture.h"
+
+namespace smbflow {
+
+// Whether a capture file's timestamps are finer than microseconds: a nanosecond pcap file, or
+// a pcapng file with an interface whose if_tsresol is finer than 10^-6 s.
+bool file_has_sub_microsecond_stamps(const std::string &path);
+
+class MappedCapture {
+  public:
+    // Whether the path is a regular file that starts as a pcap or pcapng file (standard input,
+    // FIFOs and other formats go through libpcap).
+    static bool can_read(const std::string &path);
+
+    // Opens the file. False, with error(), when it cannot be read, its only link type is not
+    // one smbflow decodes, or the filter does not compile for one of its link types (then
+    // filter_error() is set).
+    bool open(const std::string &path, const std::string &filter);
+    ~MappedCapture();
+
+    // The next packet that passes the filter: Packet, End, or Error for a malformed or cut
+    // record (the packets before it have been given).
+    ReadStatus next(Frame &frame);
+
+    const std::string &error() const { return error_; }
+    bool filter_error() const { return filter_error_; }
+
+  private:
+    struct Interface {
+        int link_type;
+        uint64_t units_per_second;
+    };
+    // A pointer to bytes [at, at + len) of the file, mapping a new window when the current
+    // one does not hold them; null past the end of the file.
+    const uint8_t *view(size_t at, size_t len);
+    uint32_t u32(const uint8_t *p) const;
+    uint16_t u16(const uint8_t *p) const;
+    ReadStatus next_pcap(Frame &frame);
+    ReadStatus next_pcapng(Frame &frame);
+    bool read_interface(const uint8_t *body, size_t body_len);
+    bool filter_for(int link_type);
+    bool passes(int link_type, const uint8_t *data, uint32_t caplen, uint32_t wire);
+    ReadStatus fail(const std::string &what);
+    void unsupported(int link_type);
+
+    std::string path_, filter_, error_;
+    int fd_ = -1;
+    size_t size_ = 0, pos_ = 0;
+    std::shared_ptr<const void> window_;  // the current window, shared with frames' batches
+    const uint8_t *window_base_ = nullptr;
+    size_t window_at_ = 0, window_len_ = 0;
+    bool pcapng_ = false, swapped_ = false, filter_error_ = false, seen_interface_ = false;
+    Interface pcap_interface_{};         // pcap: the file's one link type and resolution
+    std::vector<Interface> interfaces_;  // pcapng: those of the current section
+    using Program = std::unique_ptr<bpf_program, void (*)(bpf_program *)>;
+    std::map<int, Program> programs_;
+};
+
+}  // namespace smbflow
