@@ -34,7 +34,11 @@ shift $((OPTIND - 1))
 build=${SMB_FUZZ_BUILD:-build-fuzz}  # another directory lets a long campaign run beside work
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DSMB_FUZZ=ON -DSMB_TESTS=OFF \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
-ninja -C "$build" fuzz > /dev/null
+# Quiet when it builds; the compiler's messages when it does not.
+if ! ninja -C "$build" fuzz > "$build/fuzz-build.log" 2>&1; then
+  grep -E "error|FAILED" "$build/fuzz-build.log" | head -40 >&2
+  exit 1
+fi
 
 all=(params payload capture zlogconf)
 harnesses=("$@")

@@ -59,8 +59,8 @@ fbInfoModel_t *make_model(uint32_t pen) {
     fbInfoModel_t *model = fbInfoModelAlloc();
     for (const SmbElement &e : kSmbElements) {
         const fbInfoElement_t ie =
-            FB_IE_INIT_FULL(e.name, pen, e.id, e.length, e.semantics | FB_IE_F_ENDIAN, 0, 0, e.type,
-                            const_cast<char *>(e.description));
+            FB_IE_INIT_FULL(e.name, pen, e.id, e.length, e.semantics | FB_IE_F_ENDIAN, 0, 0,
+                            static_cast<uint8_t>(e.type), const_cast<char *>(e.description));
         fbInfoModelAddElement(model, const_cast<fbInfoElement_t *>(&ie));
     }
     return model;
