@@ -1,42 +1,51 @@
 #!/usr/bin/env bash
-# Throughput over a large capture, in one run: smbflow with the plug-in, smbflow without it
-# (--no-plugin, the bare host), smbflow exporting IPFIX instead of writing CSV, tshark extracting the SMB2 tree, file name, command and flags
-# fields, and tcpdump copying the capture to /dev/null (the cost of reading it at all: the
-# floor). Then smbflow with 1 and with 2 queues, and peak memory: smbflow with the default
-# table sizes on the large capture and on a synthetic capture of 1 million open files, and the
-# plug-in's bytes per tracked file.
+# Throughput of smbflow against the programs a user would pick instead, on two captures made in
+# tmpfs (/dev/shm, so every program reads from memory; removed at the end):
+#   heavy  the committed Samba captures (wire-sized segments, MTU 1500) replicated with shifted
+#          addresses, ports and times: nearly every packet is SMB;
+#   mixed  a smaller replica with K packets of other traffic after each SMB packet
+#          (tools/mixed-traffic.py): SMB is 1/(K+1) of the packets.
+# On each, run interleaved (round after round, so that load from elsewhere falls on all alike):
+# smbflow with the plug-in (CSV to /dev/null), smbflow --no-plugin (the bare host), nfpcapd -r
+# (nfdump's pcap-to-flow, writing nfcapd files to a scratch directory), softflowd -r (exporting
+# IPFIX to a closed port on the loopback: the export is done, nothing leaves the machine),
+# tcpdump -r FILE -w /dev/null (the cost of reading the capture at all: the floor), smbflow
+# with 2 and 4 queues, and on the heavy capture smbflow exporting IPFIX to a file. Each figure
+# is the median of the rounds. Then peak memory with 1 million open files and the plug-in's
+# bytes per tracked file.
 #
-# The capture is made by replicating tests/data/captures/*.pcap with shifted addresses and
-# ports, in tmpfs (/dev/shm), so every program reads it from memory. It is removed at the end.
+#   tools/throughput.sh [-n PACKETS] [-K OTHER] [-r ROUNDS] [-t TSHARK_PACKETS] [-k]
 #
-#   tools/throughput.sh [-n PACKETS] [-t TSHARK_PACKETS] [-r REPEATS] [-k]
-#
-#   -n PACKETS         size of the capture (default 5000000)
-#   -t TSHARK_PACKETS  packets that tshark reads from the start of the capture (default
-#                      1000000, 0 for all: tshark keeps state for every conversation and takes
-#                      minutes and gigabytes on the whole file)
-#   -r REPEATS         runs of each timed command; the fastest counts (default 3)
-#   -k                 keep the capture (its path is printed)
+#   -n PACKETS         packets in each capture (default 1000000)
+#   -K OTHER           other packets per SMB packet in the mixed capture (default 7: 12.5 % SMB)
+#   -r ROUNDS          rounds of every command; the median counts (default 3)
+#   -t TSHARK_PACKETS  also time tshark extracting the SMB2 tree, file name, command and flags
+#                      on this many packets of the heavy capture (default 0: not run; tshark
+#                      reads about 25,000 packets per second)
+#   -k                 keep the captures (their directory is printed)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packets=5000000
-tshark_packets=1000000
-repeats=3
+packets=1000000
+other=7
+rounds=3
+tshark_packets=0
 keep=0
-while getopts "n:t:r:k" opt; do
+while getopts "n:K:r:t:k" opt; do
   case "$opt" in
     n) packets=$OPTARG ;;
+    K) other=$OPTARG ;;
+    r) rounds=$OPTARG ;;
     t) tshark_packets=$OPTARG ;;
-    r) repeats=$OPTARG ;;
     k) keep=1 ;;
-    *) sed -n '12,20p' "$0" >&2; exit 2 ;;
+    *) sed -n '17,26p' "$0" >&2; exit 2 ;;
   esac
 done
 
-for tool in tshark tcpdump /usr/bin/time; do
+for tool in tcpdump nfpcapd softflowd python3 /usr/bin/time; do
   command -v "$tool" > /dev/null || { echo "$tool is missing (tools/install-deps.sh)" >&2; exit 2; }
 done
+[ "$tshark_packets" = 0 ] || command -v tshark > /dev/null || { echo "tshark is missing" >&2; exit 2; }
 tools/build.sh release > /dev/null
 smbflow=build/smbflow
 capgen=build/tools/capture/smb_capgen
@@ -45,87 +54,124 @@ capgen=build/tools/capture/smb_capgen
 work=$(mktemp -d /dev/shm/smb-throughput-XXXXXX)
 cleanup() { [ "$keep" = 1 ] || rm -rf "$work"; }
 trap cleanup EXIT
-big=$work/replicated.pcap
-opens=$work/opens.pcap
+
+# A port on the loopback where nothing listens, for softflowd's export: the datagrams are
+# refused by the kernel and never leave the machine.
+closed_port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 
 echo "load: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores"
-echo "making $big ..."
-made=$("$capgen" replicate -o "$big" -n "$packets" tests/data/captures/*.pcap | awk '{print $1}')
-echo "$made packets, $(du -m "$big" | cut -f1) MB"
-tshark_in=$made
-tshark_args=()
-if [ "$tshark_packets" -gt 0 ] && [ "$tshark_packets" -lt "$made" ]; then
-  tshark_in=$tshark_packets
-  tshark_args=(-c "$tshark_packets")
-fi
+declare -A made
+made[heavy]=$("$capgen" replicate -o "$work/heavy.pcap" -n "$packets" tests/data/captures/*.pcap |
+  awk '{print $1}')
+smb=$("$capgen" replicate -o "$work/smb.pcap" -n $((packets / (other + 1))) \
+  tests/data/captures/*.pcap | awk '{print $1}')
+tools/mixed-traffic.py "$work/smb.pcap" "$work/mixed.pcap" "$other"
+rm "$work/smb.pcap"
+made[mixed]=$((smb * (other + 1)))
+for input in heavy mixed; do
+  echo "$input: ${made[$input]} packets, $(du -m "$work/$input.pcap" | cut -f1) MB"
+done
 
-# best_of LABEL COMMAND...: the fastest wall time of the repeats, and the peak memory of that run.
-declare -A secs rss
-best_of() {
-  local label=$1 best="" mem="" t m
-  shift
-  for _ in $(seq "$repeats"); do
-    read -r t m < <(/usr/bin/time -f "%e %M" "$@" 2>&1 > /dev/null | tail -n 1)
-    if [ -z "$best" ] || awk -v a="$t" -v b="$best" 'BEGIN {exit !(a < b)}'; then
-      best=$t
-      mem=$m
+# run INPUT LABEL COMMAND...: one timed run; keeps wall seconds, user+sys seconds, peak RSS.
+declare -A wall cpu rss
+run() {
+  local key=$1:$2 t u s m
+  shift 2
+  read -r t u s m < <(/usr/bin/time -f "%e %U %S %M" "$@" 2>&1 > /dev/null | tail -n 1)
+  wall[$key]+="$t "
+  cpu[$key]+="$(awk -v u="$u" -v s="$s" 'BEGIN {print u + s}') "
+  rss[$key]+="$m "
+}
+median() { tr ' ' '\n' <<< "$1" | grep . | sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
+
+labels=(plugin bare nfpcapd softflowd floor q2 q4)
+for input in heavy mixed; do
+  file=$work/$input.pcap
+  cat "$file" > /dev/null
+  echo "timing $input ($rounds rounds, interleaved) ..."
+  for _ in $(seq "$rounds"); do
+    run "$input" plugin "$smbflow" -q --no-progress -F csv -o /dev/null "$file"
+    run "$input" bare "$smbflow" --no-plugin -q --no-progress -F csv -o /dev/null "$file"
+    rm -rf "$work/nf" && mkdir "$work/nf"
+    run "$input" nfpcapd nfpcapd -r "$file" -w "$work/nf"
+    run "$input" softflowd softflowd -r "$file" -v 10 -n "127.0.0.1:$closed_port"
+    run "$input" floor tcpdump -r "$file" -w /dev/null
+    run "$input" q2 "$smbflow" --queues 2 -q --no-progress -F csv -o /dev/null "$file"
+    run "$input" q4 "$smbflow" --queues 4 -q --no-progress -F csv -o /dev/null "$file"
+    if [ "$input" = heavy ]; then
+      run "$input" ipfix "$smbflow" -q --no-progress --ipfix "file:$work/out.ipfix" "$file"
     fi
   done
-  secs[$label]=$best
-  rss[$label]=$mem
-}
+  rm -rf "$work/nf" "$work/out.ipfix"
+done
+if [ "$tshark_packets" != 0 ]; then
+  echo "timing tshark on $tshark_packets packets ..."
+  for _ in $(seq "$rounds"); do
+    run heavy tshark tshark -r "$work/heavy.pcap" -c "$tshark_packets" -T fields -e smb2.tree \
+      -e smb2.filename -e smb2.cmd -e smb2.flags
+  done
+fi
 
-pps() { awk -v n="$1" -v s="$2" 'BEGIN {printf "%.0f", (s > 0 ? n / s : 0)}'; }
+# Medians, packets per second and CPU seconds per million packets.
+declare -A W C M P
+for key in "${!wall[@]}"; do
+  input=${key%%:*}
+  n=${made[$input]}
+  [ "${key#*:}" = tshark ] && n=$tshark_packets
+  W[$key]=$(median "${wall[$key]}")
+  C[$key]=$(median "${cpu[$key]}")
+  M[$key]=$(median "${rss[$key]}")
+  P[$key]=$(awk -v n="$n" -v s="${W[$key]}" 'BEGIN {printf "%.0f", (s > 0 ? n / s : 0)}')
+done
+cpm() { awk -v c="${C[$1]}" -v n="$2" 'BEGIN {printf "%.2f", c / n * 1e6}'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2f", (b > 0 ? a / b : 0)}'; }
 verdict() { awk -v v="$1" -v op="$2" -v t="$3" 'BEGIN {
   ok = (op == "<=") ? v <= t : v >= t; printf "%s (target %s %s)", ok ? "met" : "MISSED", op, t}'; }
 
-cat "$big" > /dev/null
-echo "timing (best of $repeats) ..."
-best_of plugin "$smbflow" -q --no-progress -o /dev/null "$big"
-best_of bare "$smbflow" --no-plugin -q --no-progress -o /dev/null "$big"
-best_of floor tcpdump -r "$big" -w /dev/null
-best_of tshark tshark -r "$big" "${tshark_args[@]}" -T fields -e smb2.tree -e smb2.filename \
-  -e smb2.cmd -e smb2.flags
-best_of ipfix "$smbflow" -q --no-progress --ipfix file:/dev/null "$big"
-best_of q1 "$smbflow" --queues 1 -q --no-progress -o /dev/null "$big"
-best_of q2 "$smbflow" --queues 2 -q --no-progress -o /dev/null "$big"
-
-printf '\n%-36s %10s %9s %14s %10s\n' "" packets seconds "packets/s" "peak RSS"
-row() {
-  printf '%-36s %10s %9s %14s %8s MB\n' "$1" "$2" "${secs[$3]}" "$(pps "$2" "${secs[$3]}")" \
-    "$((${rss[$3]} / 1024))"
-}
-row "smbflow (plug-in, default queues)" "$made" plugin
-row "smbflow --no-plugin (bare host)" "$made" bare
-row "tcpdump -r -w /dev/null (floor)" "$made" floor
-row "tshark -T fields" "$tshark_in" tshark
-row "smbflow --ipfix file:/dev/null" "$made" ipfix
-row "smbflow --queues 1" "$made" q1
-row "smbflow --queues 2" "$made" q2
-
-plugin_pps=$(pps "$made" "${secs[plugin]}")
-tshark_pps=$(pps "$tshark_in" "${secs[tshark]}")
-overhead=$(awk -v p="${secs[plugin]}" -v b="${secs[bare]}" 'BEGIN {printf "%.1f", (p / b - 1) * 100}')
-floor_ratio=$(ratio "${secs[plugin]}" "${secs[floor]}")
-tshark_ratio=$(ratio "$plugin_pps" "$tshark_pps")
-queue_ratio=$(ratio "${secs[q1]}" "${secs[q2]}")
-ipfix_ratio=$(ratio "${secs[ipfix]}" "${secs[plugin]}")
-echo
-echo "plug-in cost over the bare host      ${overhead} %   $(verdict "$overhead" "<=" 10)"
-echo "smbflow time / floor time            ${floor_ratio}   $(verdict "$floor_ratio" "<=" 1.5)"
-echo "smbflow packets/s / tshark packets/s ${tshark_ratio}   $(verdict "$tshark_ratio" ">=" 15)"
-echo "2 queues / 1 queue packets/s         ${queue_ratio}   $(verdict "$queue_ratio" ">=" 1.6)"
-echo "IPFIX export time / CSV output time  ${ipfix_ratio}   $(verdict "$ipfix_ratio" "<=" 1.0)"
+declare -A name=(
+  [plugin]="smbflow (plug-in, CSV, 1 queue)" [bare]="smbflow --no-plugin"
+  [nfpcapd]="nfpcapd -r -w DIR" [softflowd]="softflowd -r -v 10 -n closed"
+  [floor]="tcpdump -r -w /dev/null (floor)" [q2]="smbflow --queues 2"
+  [q4]="smbflow --queues 4" [ipfix]="smbflow --ipfix file:" [tshark]="tshark -T fields")
+for input in heavy mixed; do
+  n=${made[$input]}
+  echo
+  printf '%-34s %9s %11s %9s %11s %9s\n' "$input ($n packets)" "wall s" "packets/s" "CPU s" \
+    "CPU s/Mpkt" "peak RSS"
+  for label in "${labels[@]}" ipfix tshark; do
+    key=$input:$label
+    [ -n "${W[$key]:-}" ] || continue
+    m=$n
+    [ "$label" = tshark ] && m=$tshark_packets
+    printf '%-34s %9s %11s %9s %11s %6s MB\n' "${name[$label]}" "${W[$key]}" "${P[$key]}" \
+      "${C[$key]}" "$(cpm "$key" "$m")" "$((${M[$key]} / 1024))"
+  done
+  p=${P[$input:plugin]}
+  vs_nf=$(ratio "$p" "${P[$input:nfpcapd]}")
+  vs_sf=$(ratio "$p" "${P[$input:softflowd]}")
+  vs_floor=$(ratio "${W[$input:plugin]}" "${W[$input:floor]}")
+  overhead=$(awk -v p="${C[$input:plugin]}" -v b="${C[$input:bare]}" \
+    'BEGIN {printf "%.1f", (b > 0 ? (p / b - 1) * 100 : 0)}')
+  echo "smbflow packets/s / nfpcapd packets/s    ${vs_nf}   $(verdict "$vs_nf" ">=" 1.2)"
+  echo "smbflow packets/s / softflowd packets/s  ${vs_sf}   $(verdict "$vs_sf" ">=" 1.2)"
+  echo "smbflow time / tcpdump time              ${vs_floor}   $(verdict "$vs_floor" "<=" 1.1)"
+  echo "plug-in CPU over --no-plugin (user+sys)  ${overhead} %   $(verdict "$overhead" "<=" 25)"
+  echo "CPU s per million packets, 1/2/4 queues  $(cpm "$input:plugin" "$n") /" \
+    "$(cpm "$input:q2" "$n") / $(cpm "$input:q4" "$n")"
+  if [ "$input" = heavy ]; then
+    mb=$((${M[heavy:plugin]} / 1024))
+    echo "smbflow peak RSS                         ${mb} MB   $(verdict "$mb" "<=" 33)"
+    echo "IPFIX export time / CSV output time      $(ratio "${W[heavy:ipfix]}" "${W[heavy:plugin]}")"
+  fi
+done
 
 echo
 echo "memory ..."
-"$capgen" opens -o "$opens" -n 1000000 -c 1000 > /dev/null
-best_of opens "$smbflow" -q --no-progress -o /dev/null "$opens"
-best_of opens_bare "$smbflow" --no-plugin -q --no-progress -o /dev/null "$opens"
-echo "smbflow peak RSS, default table sizes, replicated capture: $((${rss[plugin]} / 1024)) MB"
-echo "smbflow peak RSS, 1 million open files:                    $((${rss[opens]} / 1024)) MB" \
-  "(bare host on the same capture: $((${rss[opens_bare]} / 1024)) MB)"
+"$capgen" opens -o "$work/opens.pcap" -n 1000000 -c 1000 > /dev/null
+run opens plugin "$smbflow" -q --no-progress -o /dev/null "$work/opens.pcap"
+run opens bare "$smbflow" --no-plugin -q --no-progress -o /dev/null "$work/opens.pcap"
+echo "smbflow peak RSS, 1 million open files: $((${rss[opens:plugin]% } / 1024)) MB" \
+  "(bare host on the same capture: $((${rss[opens:bare]% } / 1024)) MB)"
 build/bench/smb_memory_probe 1000000 1000 | sed 's/^/plug-in state: /'
-[ "$keep" = 1 ] && echo "kept: $big $opens"
+[ "$keep" = 1 ] && echo "kept: $work"
 exit 0
