@@ -40,9 +40,10 @@ Queue::Queue(Host &host, uint32_t queue_id, QueueConfig config, FlowSink sink)
 }
 
 Queue::~Queue() {
-    for (auto &[key, flow] : flows_)
+    flows_.for_each([&](FlowEntry &e) {
         for (size_t i = 0; i < host_.plugin_count(); ++i)
-            host_.plugin(i).free_slot(&flow.slots[i]);
+            host_.plugin(i).free_slot(&e.second.slots[i]);
+    });
     flows_.clear();
     for (size_t i = 0; i < host_.plugin_count(); ++i)
         host_.plugin(i).desc->shutdown_queue(hooks_[i].queue_ctx);
@@ -68,9 +69,9 @@ uint64_t Queue::deadline(const Flow &flow) const {
                     saturating_add(flow.rec.first_ns, config_.active_timeout_ns));
 }
 
-void Queue::drop(FlowIter it) {
-    timeouts_.remove(&*it);
-    flows_.erase(it);
+void Queue::drop(FlowEntry *e) {
+    timeouts_.remove(e);
+    flows_.erase(e);
 }
 
 void Queue::process(host_packet &pkt, uint64_t bytes) {
@@ -86,8 +87,8 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
 
     // The connection's first packet fixes which way is "the other way" until the flow
     // record is known; after the filter hooks the flow record's own first packet decides.
-    auto [conn_it, conn_new] = conns_.try_emplace(ck);
-    Conn &conn = conn_it->second;
+    auto [conn_entry, conn_new] = conns_.try_emplace(ck);
+    Conn &conn = conn_entry->second;
     if (conn_new || (now > conn.last_ns && now - conn.last_ns >= config_.inactive_timeout_ns))
         conn.first_from_a = from_a;
     conn.last_ns = std::max(conn.last_ns, now);
@@ -107,14 +108,14 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
     if (pkt.flags & HOST_FLAG_SMB_RECORD) ++stats_.smb_record_packets;
 
     const FlowKey key{ck, pkt.flow_hash};
-    auto it = flows_.find(key);
-    if (it != flows_.end() && timed_out(it->second, now)) {
+    FlowEntry *it = flows_.find(key);
+    if (it && timed_out(it->second, now)) {
         const bool active = !(now - it->second.rec.last_ns >= config_.inactive_timeout_ns);
         hand_off(it->first, it->second, active ? ExportReason::Active : ExportReason::Inactive);
         drop(it);
-        it = flows_.end();
+        it = nullptr;
     }
-    if (it == flows_.end()) {
+    if (!it) {
         it = flows_.try_emplace(key).first;
         Flow &f = it->second;
         f.src_is_a = from_a;
@@ -126,7 +127,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
         f.rec.protocol = pkt.protocol;
         f.rec.first_ns = now;
         f.rec.last_ns = now;
-        timeouts_.push(&*it, deadline(f));
+        timeouts_.push(it, deadline(f));
         ++stats_.flows_created;
     }
     Flow &flow = it->second;
@@ -186,11 +187,11 @@ void Queue::advance(uint64_t now_ns) {
 }
 
 // The victims are out of the timeout heap already.
-void Queue::export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool end) {
-    std::sort(victims.begin(), victims.end(), [](const FlowIter &x, const FlowIter &y) {
+void Queue::export_sorted(std::vector<FlowEntry *> &victims, uint64_t now_ns, bool end) {
+    std::sort(victims.begin(), victims.end(), [](const FlowEntry *x, const FlowEntry *y) {
         return export_before({&x->first, &x->second.rec}, {&y->first, &y->second.rec});
     });
-    for (FlowIter it : victims) {
+    for (FlowEntry *it : victims) {
         ExportReason reason = ExportReason::End;
         if (!end)
             reason = now_ns - it->second.rec.last_ns >= config_.inactive_timeout_ns
@@ -202,12 +203,12 @@ void Queue::export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool 
 }
 
 void Queue::sweep(uint64_t now_ns) {
-    std::vector<FlowIter> victims;
+    std::vector<FlowEntry *> victims;
     while (!timeouts_.empty() && timeouts_.top_due() <= now_ns) {
         FlowEntry *entry = timeouts_.top();
         if (timed_out(entry->second, now_ns)) {
             timeouts_.remove(entry);
-            victims.push_back(flows_.find(entry->first));
+            victims.push_back(entry);
         } else {
             // Due but not timed out: later packets moved the timeout on (or, with a zero
             // timeout, the last packet is stamped with the current time: look again later).
@@ -218,10 +219,14 @@ void Queue::sweep(uint64_t now_ns) {
     // A connection entry only remembers which way its first packet went, and process()
     // ignores an expired one; dropping them is for memory and need not be done every sweep.
     if (now_ns >= next_conn_sweep_ns_) {
-        std::erase_if(conns_, [&](const auto &entry) {
-            return now_ns > entry.second.last_ns &&
-                   now_ns - entry.second.last_ns >= config_.inactive_timeout_ns;
+        std::vector<decltype(conns_)::Entry *> idle;
+        conns_.for_each([&](auto &entry) {
+            if (now_ns > entry.second.last_ns &&
+                now_ns - entry.second.last_ns >= config_.inactive_timeout_ns)
+                idle.push_back(&entry);
         });
+        for (auto *entry : idle)
+            conns_.erase(entry);
         next_conn_sweep_ns_ =
             now_ns + std::max(config_.sweep_interval_ns, config_.inactive_timeout_ns / 4);
     }
@@ -229,9 +234,8 @@ void Queue::sweep(uint64_t now_ns) {
 
 void Queue::flush() {
     timeouts_.clear();
-    std::vector<FlowIter> victims;
-    for (auto it = flows_.begin(); it != flows_.end(); ++it)
-        victims.push_back(it);
+    std::vector<FlowEntry *> victims;
+    flows_.for_each([&](FlowEntry &e) { victims.push_back(&e); });
     export_sorted(victims, clock_ns_, true);
     conns_.clear();
 }

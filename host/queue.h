@@ -7,9 +7,9 @@
 #include <array>
 #include <cstdint>
 #include <functional>
-#include <unordered_map>
 #include <vector>
 
+#include "flat_table.h"
 #include "flow_key.h"
 #include "host.h"
 #include "timeout_heap.h"
@@ -88,16 +88,14 @@ class Queue {
     uint64_t deadline(const Flow &flow) const;
     void hand_off(const FlowKey &key, Flow &flow, ExportReason reason);
     void sweep(uint64_t now_ns);
-    using FlowMap = std::unordered_map<FlowKey, Flow, FlowKeyHash>;
-    using FlowIter = FlowMap::iterator;
-    // The heap holds the cache's elements by address: unlike iterators, addresses of elements
-    // stay valid when the map rehashes.
-    using FlowEntry = FlowMap::value_type;
+    using FlowMap = FlatTable<FlowKey, Flow, FlowKeyHash>;
+    // The heap holds the cache's entries by address, which stays valid while they are in it.
+    using FlowEntry = FlowMap::Entry;
     struct HeapPosOf {
         uint32_t &operator()(FlowEntry *e) const { return e->second.heap_pos; }
     };
-    void drop(FlowIter it);  // out of the timeout heap and the cache
-    void export_sorted(std::vector<FlowIter> &victims, uint64_t now_ns, bool end);
+    void drop(FlowEntry *e);  // out of the timeout heap and the cache
+    void export_sorted(std::vector<FlowEntry *> &victims, uint64_t now_ns, bool end);
 
     Host &host_;
     uint32_t id_;
@@ -105,7 +103,7 @@ class Queue {
     FlowSink sink_;
     std::array<QueueHooks, kMaxPlugins> hooks_{};
     FlowMap flows_;
-    std::unordered_map<ConnKey, Conn, ConnKeyHash> conns_;
+    FlatTable<ConnKey, Conn, ConnKeyHash> conns_;
     // Every flow in the cache, by the time its timeout could next fall due. Packets push a
     // flow's timeout later without touching the heap; a sweep that finds the flow still
     // active files it again, so each flow is handled about once per timeout period.
