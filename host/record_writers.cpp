@@ -59,11 +59,10 @@ HOST_API int record_universal_get_txt_string(void *output, const void *buffer, u
                                              uint32_t, uint32_t) {
     if (!output || !buffer) return -1;
     auto *out = static_cast<FieldOutput *>(output);
-    const std::string text =
-        corvane_host::utf16le_to_utf8(static_cast<const uint8_t *>(buffer), size);
-    out->text += text;
+    const size_t before = out->text.size();
+    corvane_host::append_utf16le_as_utf8(out->text, static_cast<const uint8_t *>(buffer), size);
     ++out->writes;
-    return static_cast<int>(text.size());
+    return static_cast<int>(out->text.size() - before);
 }
 
 HOST_API int record_universal_get_array(void *output, const void *buffer, uint32_t size, uint32_t,

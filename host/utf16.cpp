@@ -15,45 +15,70 @@ bool is_low_surrogate(uint32_t u) {
 
 }  // namespace
 
-void append_utf8(std::string &out, uint32_t cp) {
+namespace {
+
+// Writes the UTF-8 encoding of one code point at p; returns the end.
+char *put_utf8(char *p, uint32_t cp) {
     if (cp < 0x80) {
-        out += static_cast<char>(cp);
+        *p++ = static_cast<char>(cp);
     } else if (cp < 0x800) {
-        out += static_cast<char>(0xc0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
+        *p++ = static_cast<char>(0xc0 | (cp >> 6));
+        *p++ = static_cast<char>(0x80 | (cp & 0x3f));
     } else if (cp < 0x10000) {
-        out += static_cast<char>(0xe0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
+        *p++ = static_cast<char>(0xe0 | (cp >> 12));
+        *p++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
+        *p++ = static_cast<char>(0x80 | (cp & 0x3f));
     } else {
-        out += static_cast<char>(0xf0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3f));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
+        *p++ = static_cast<char>(0xf0 | (cp >> 18));
+        *p++ = static_cast<char>(0x80 | ((cp >> 12) & 0x3f));
+        *p++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
+        *p++ = static_cast<char>(0x80 | (cp & 0x3f));
     }
+    return p;
 }
 
-std::string utf16le_to_utf8(const uint8_t *buf, size_t size) {
-    std::string out;
-    if (!buf) return out;
+}  // namespace
+
+void append_utf8(std::string &out, uint32_t cp) {
+    char buf[4];
+    out.append(buf, put_utf8(buf, cp));
+}
+
+// Every name of every flow record passes through here on the queue thread: the text is
+// written in place into room made once (a UTF-16 unit takes at most 3 bytes of UTF-8, a
+// surrogate pair 4 for its two units), not appended a byte at a time.
+void append_utf16le_as_utf8(std::string &out, const uint8_t *buf, size_t size) {
+    if (!buf) return;
     const size_t units = size / 2;
+    const size_t start = out.size();
+    out.resize(start + 3 * units);
+    char *const base = out.data() + start;
+    char *p = base;
     auto unit = [buf](size_t i) -> uint32_t { return buf[2 * i] | (buf[2 * i + 1] << 8); };
     for (size_t i = 0; i < units; ++i) {
         const uint32_t u = unit(i);
         if (u == 0) break;
-        if (is_high_surrogate(u)) {
+        if (u < 0x80) {
+            *p++ = static_cast<char>(u);
+        } else if (is_high_surrogate(u)) {
             if (i + 1 < units && is_low_surrogate(unit(i + 1))) {
-                append_utf8(out, 0x10000 + ((u - 0xd800) << 10) + (unit(i + 1) - 0xdc00));
+                p = put_utf8(p, 0x10000 + ((u - 0xd800) << 10) + (unit(i + 1) - 0xdc00));
                 ++i;
             } else {
-                append_utf8(out, kReplacement);  // the next unit is looked at on its own
+                p = put_utf8(p, kReplacement);  // the next unit is looked at on its own
             }
         } else if (is_low_surrogate(u)) {
-            append_utf8(out, kReplacement);
+            p = put_utf8(p, kReplacement);
         } else {
-            append_utf8(out, u);
+            p = put_utf8(p, u);
         }
     }
+    out.resize(start + static_cast<size_t>(p - base));
+}
+
+std::string utf16le_to_utf8(const uint8_t *buf, size_t size) {
+    std::string out;
+    append_utf16le_as_utf8(out, buf, size);
     return out;
 }
 
