@@ -109,19 +109,27 @@ const std::vector<Column> &columns() {
 }
 
 // Records come in time order, so the calendar part of a timestamp rarely changes from one to
-// the next: each thread keeps the last second it formatted.
+// the next. A record's start and end often fall in different seconds, so each thread keeps
+// the last two seconds it formatted: one alone would be formatted again for every field.
 void append_time(std::string &out, uint64_t ns, bool nanoseconds) {
-    thread_local time_t cached_secs = -1;
-    thread_local char cached[24];
-    thread_local size_t cached_len = 0;
+    struct Second {
+        time_t secs = -1;
+        char text[24];
+        size_t len = 0;
+    };
+    thread_local Second cache[2];
+    thread_local unsigned next = 0;
     const auto secs = static_cast<time_t>(ns / 1'000'000'000ull);
-    if (secs != cached_secs) {
+    Second *hit = cache[0].secs == secs ? &cache[0] : cache[1].secs == secs ? &cache[1] : nullptr;
+    if (!hit) {
+        hit = &cache[next];
+        next ^= 1;
         struct tm tm;
         gmtime_r(&secs, &tm);
-        cached_len = strftime(cached, sizeof cached, "%Y-%m-%dT%H:%M:%S", &tm);
-        cached_secs = secs;
+        hit->len = strftime(hit->text, sizeof hit->text, "%Y-%m-%dT%H:%M:%S", &tm);
+        hit->secs = secs;
     }
-    out.append(cached, cached_len);
+    out.append(hit->text, hit->len);
     const int digits = nanoseconds ? 9 : 6;
     auto frac = static_cast<uint32_t>(ns % 1'000'000'000ull / (nanoseconds ? 1 : 1000));
     char buf[11];
