@@ -14,7 +14,7 @@
 # is the median of the rounds. Then peak memory with 1 million open files and the plug-in's
 # bytes per tracked file.
 #
-#   tools/throughput.sh [-n PACKETS] [-K OTHER] [-r ROUNDS] [-t TSHARK_PACKETS] [-k]
+#   tools/throughput.sh [-n PACKETS] [-K OTHER] [-r ROUNDS] [-t TSHARK_PACKETS] [-B SMBFLOW] [-k]
 #
 #   -n PACKETS         packets in each capture (default 1000000)
 #   -K OTHER           other packets per SMB packet in the mixed capture (default 7: 12.5 % SMB)
@@ -22,6 +22,9 @@
 #   -t TSHARK_PACKETS  also time tshark extracting the SMB2 tree, file name, command and flags
 #                      on this many packets of the heavy capture (default 0: not run; tshark
 #                      reads about 25,000 packets per second)
+#   -B SMBFLOW         also time this smbflow binary, with and without the plug-in, in the
+#                      same rounds (an earlier build, copied next to its plug-in, for before
+#                      and after figures under the same load)
 #   -k                 keep the captures (their directory is printed)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -31,14 +34,16 @@ other=7
 rounds=3
 tshark_packets=0
 keep=0
-while getopts "n:K:r:t:k" opt; do
+baseline=
+while getopts "n:K:r:t:B:k" opt; do
   case "$opt" in
     n) packets=$OPTARG ;;
     K) other=$OPTARG ;;
     r) rounds=$OPTARG ;;
     t) tshark_packets=$OPTARG ;;
+    B) baseline=$OPTARG ;;
     k) keep=1 ;;
-    *) sed -n '17,26p' "$0" >&2; exit 2 ;;
+    *) sed -n '17,29p' "$0" >&2; exit 2 ;;
   esac
 done
 
@@ -50,6 +55,7 @@ tools/build.sh release > /dev/null
 smbflow=build/smbflow
 capgen=build/tools/capture/smb_capgen
 [ -x "$smbflow" ] || { echo "no $smbflow in the build" >&2; exit 2; }
+[ -z "$baseline" ] || [ -x "$baseline" ] || { echo "no $baseline" >&2; exit 2; }
 
 work=$(mktemp -d /dev/shm/smb-throughput-XXXXXX)
 cleanup() { [ "$keep" = 1 ] || rm -rf "$work"; }
@@ -98,6 +104,10 @@ for input in heavy mixed; do
     run "$input" floor tcpdump -r "$file" -w /dev/null
     run "$input" q2 "$smbflow" --queues 2 -q --no-progress -F csv -o /dev/null "$file"
     run "$input" q4 "$smbflow" --queues 4 -q --no-progress -F csv -o /dev/null "$file"
+    if [ -n "$baseline" ]; then
+      run "$input" base "$baseline" -q --no-progress -F csv -o /dev/null "$file"
+      run "$input" base_bare "$baseline" --no-plugin -q --no-progress -F csv -o /dev/null "$file"
+    fi
     if [ "$input" = heavy ]; then
       run "$input" ipfix "$smbflow" -q --no-progress --ipfix "file:$work/out.ipfix" "$file"
     fi
@@ -132,13 +142,14 @@ declare -A name=(
   [plugin]="smbflow (plug-in, CSV, 1 queue)" [bare]="smbflow --no-plugin"
   [nfpcapd]="nfpcapd -r -w DIR" [softflowd]="softflowd -r -v 10 -n closed"
   [floor]="tcpdump -r -w /dev/null (floor)" [q2]="smbflow --queues 2"
-  [q4]="smbflow --queues 4" [ipfix]="smbflow --ipfix file:" [tshark]="tshark -T fields")
+  [q4]="smbflow --queues 4" [ipfix]="smbflow --ipfix file:" [tshark]="tshark -T fields"
+  [base]="-B smbflow (plug-in, CSV, 1 queue)" [base_bare]="-B smbflow --no-plugin")
 for input in heavy mixed; do
   n=${made[$input]}
   echo
   printf '%-34s %9s %11s %9s %11s %9s\n' "$input ($n packets)" "wall s" "packets/s" "CPU s" \
     "CPU s/Mpkt" "peak RSS"
-  for label in "${labels[@]}" ipfix tshark; do
+  for label in "${labels[@]}" ipfix tshark base base_bare; do
     key=$input:$label
     [ -n "${W[$key]:-}" ] || continue
     m=$n
