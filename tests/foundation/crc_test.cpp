@@ -73,16 +73,6 @@ TEST(Crc32c, HardwareAndSoftwareAgreeForEveryLengthAndAlignment) {
     }
 }
 
-TEST(Crc64, TableMatchesEcma182Reflected) {
-    EXPECT_EQ(corvaneexp_crc64_table[0][1], 0xB32E4CBE03A75F6Full);
-    EXPECT_EQ(corvaneexp_crc64_table[0][128], 0xC96C5795D7870F42ull);
-    for (int k = 1; k < 4; ++k)
-        for (int i = 0; i < 256; ++i) {
-            uint64_t prev = corvaneexp_crc64_table[k - 1][i];
-            ASSERT_EQ(corvaneexp_crc64_table[k][i], (prev >> 8) ^ corvaneexp_crc64_table[0][prev & 0xff]);
-        }
-}
-
 struct Crc64Case {
     std::vector<uint8_t> bytes;
     uint64_t seed;
@@ -113,31 +103,5 @@ TEST(Crc64, SplitIntoTwoCallsGivesAnotherValue) {
     EXPECT_EQ(corvaneexp_crc64(d.data() + 5, 4, first), 0x48C332F21DEC618Cull);
 }
 
-// Independent byte-and-word model of the hash, to pin down where words end and bytes begin.
-uint64_t model_crc64(const uint8_t *p, int n, uint64_t c) {
-    const auto &t = corvaneexp_crc64_table;
-    int words = n >= 5 ? (n - 5) / 4 + 1 : 0;
-    for (int w = 0; w < words; ++w, p += 4, n -= 4) {
-        uint32_t x = (p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24) ^ uint32_t(c);
-        c = (c << 32) ^ t[3][x & 0xff] ^ t[2][(x >> 8) & 0xff] ^ t[1][(x >> 16) & 0xff] ^ t[0][x >> 24];
-    }
-    for (; n > 0; --n) c = (c << 8) ^ t[0][*p++ ^ (c >> 56)];
-    return c;
-}
-
-TEST(Crc64, WordAndByteSplitForShortLengths) {
-    std::vector<uint8_t> buf = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd};
-    for (int len = 0; len <= 13; ++len)
-        EXPECT_EQ(corvaneexp_crc64(buf.data(), len, 0xfeedull), model_crc64(buf.data(), len, 0xfeedull)) << len;
-    // Eight bytes are one word and four single bytes, never two words.
-    const auto &t = corvaneexp_crc64_table;
-    uint64_t two_words = 0xfeedull;
-    for (int w = 0; w < 2; ++w) {
-        const uint8_t *p = buf.data() + 4 * w;
-        uint32_t x = (p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24) ^ uint32_t(two_words);
-        two_words = (two_words << 32) ^ t[3][x & 0xff] ^ t[2][(x >> 8) & 0xff] ^ t[1][(x >> 16) & 0xff] ^ t[0][x >> 24];
-    }
-    EXPECT_NE(corvaneexp_crc64(buf.data(), 8, 0xfeedull), two_words);
-}
 
 }  // namespace
