@@ -15,8 +15,12 @@ const std::string kDigits = "123456789";
 
 using Crc32Path = uint32_t (*)(const uint8_t *, uint64_t, uint32_t);
 
-uint32_t exported(const uint8_t *p, uint64_t n, uint32_t seed) { return corvaneexp_crc32c(p, n, seed); }
-uint32_t logging(const uint8_t *p, uint64_t n, uint32_t seed) { return CvLog_crc32c(p, n, seed); }
+uint32_t exported(const uint8_t *p, uint64_t n, uint32_t seed) {
+    return corvaneexp_crc32c(p, n, seed);
+}
+uint32_t logging(const uint8_t *p, uint64_t n, uint32_t seed) {
+    return CvLog_crc32c(p, n, seed);
+}
 
 struct PathCase {
     const char *name;
@@ -25,7 +29,7 @@ struct PathCase {
 };
 
 class Crc32cPaths : public testing::TestWithParam<PathCase> {
-protected:
+  protected:
     void SetUp() override {
         if (GetParam().needs_sse42 && !cv::crc::cpu_has_sse42()) GTEST_SKIP() << "no SSE4.2";
     }
@@ -62,7 +66,8 @@ TEST(Crc32c, HardwareAndSoftwareAgreeForEveryLengthAndAlignment) {
     if (!cv::crc::cpu_has_sse42()) GTEST_SKIP() << "no SSE4.2";
     std::mt19937_64 rng(20261123);
     std::vector<uint8_t> buf(600);
-    for (auto &b : buf) b = static_cast<uint8_t>(rng());
+    for (auto &b : buf)
+        b = static_cast<uint8_t>(rng());
     for (size_t offset = 0; offset < 8; ++offset) {
         for (size_t len = 0; len <= 520; ++len) {
             uint32_t seed = static_cast<uint32_t>(rng());
@@ -86,7 +91,9 @@ TEST_P(Crc64Reference, Value) {
     EXPECT_EQ(corvaneexp_crc64(c.bytes.data(), int32_t(c.bytes.size()), c.seed), c.expected);
 }
 
-std::vector<uint8_t> digits() { return {kDigits.begin(), kDigits.end()}; }
+std::vector<uint8_t> digits() {
+    return {kDigits.begin(), kDigits.end()};
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Values, Crc64Reference,
@@ -94,14 +101,12 @@ INSTANTIATE_TEST_SUITE_P(
                     Crc64Case{digits(), ~0ull, 0x81C973816219523Full},
                     Crc64Case{{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 0, 0x3E7DEDE5B3880C23ull},
                     Crc64Case{{1, 0, 0, 0}, 0, 0xFE29373A8E2FBBB3ull},
-                    Crc64Case{std::vector<uint8_t>(8, 0), 0, 0},
-                    Crc64Case{{}, 0x1234, 0x1234}));
+                    Crc64Case{std::vector<uint8_t>(8, 0), 0, 0}, Crc64Case{{}, 0x1234, 0x1234}));
 
 TEST(Crc64, SplitIntoTwoCallsGivesAnotherValue) {
     auto d = digits();
     uint64_t first = corvaneexp_crc64(d.data(), 5, 0);
     EXPECT_EQ(corvaneexp_crc64(d.data() + 5, 4, first), 0x48C332F21DEC618Cull);
 }
-
 
 }  // namespace
