@@ -34,20 +34,6 @@ TEST(Entry, ModuleInitRegistersTheDescriptorOnce) {
     EXPECT_EQ(seen_args[3], &d);
 }
 
-TEST(Entry, DescriptorContents) {
-    EXPECT_EQ(corvane_api_version, 8u);
-    EXPECT_EQ(plugin.type, 2u);
-    EXPECT_STREQ(plugin.name, "smb");
-    EXPECT_EQ(plugin.api_version, 8u);
-    EXPECT_EQ(plugin.variant, 2u);
-    EXPECT_EQ(plugin.init, &process_smb_init);
-    EXPECT_EQ(plugin.init_queue, &process_smb_init_queue);
-    EXPECT_EQ(plugin.shutdown_queue, &process_smb_shutdown_queue);
-    EXPECT_EQ(plugin.shutdown, &process_smb_shutdown);
-    for (void *p : plugin.reserved)
-        EXPECT_EQ(p, nullptr);
-}
-
 TEST(Entry, HelpTextLineBreaksAndBlanks) {
     std::string help = plugin.help;
     EXPECT_EQ(help.rfind("smb parser\n  Parameters\n   port=<0,65535>     parse only", 0), 0u);

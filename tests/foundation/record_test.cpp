@@ -21,13 +21,6 @@ TEST(Record, FreshRecordCarriesTheInvalidMarkers) {
     EXPECT_EQ(slot, nullptr);
 }
 
-TEST(Record, InvalidMarkersInMemoryOrder) {
-    const uint8_t expected[4] = {0xff, 0, 0, 0};
-    EXPECT_EQ(std::memcmp(&smb_cmd_invalid, expected, 4), 0);
-    EXPECT_EQ(smb_type_invalid, 0xff);
-    EXPECT_EQ(smb_op_invalid, 0x3f);
-}
-
 TEST(Record, DeepCopyOwnsItsNames) {
     smb_flow_data *rec = smb_record_new();
     rec->version = 2;

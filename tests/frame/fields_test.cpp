@@ -90,45 +90,6 @@ TEST_F(Fields, CommandWordsBySmbVersion) {
     EXPECT_EQ(number_of("SMB_CMD_RESPONSE", two_way_, &none.slot), kNone);
 }
 
-TEST_F(Fields, WritersReceiveTheHostsArguments) {
-    host_flow_record flow = two_way_;
-    owned_slot slot(frame_test::smb2_record(0x20ff, 0x20ff));
-    slot.rec()->tree_name = frame_test::name_buffer("share");
-    slot.rec()->file_name = frame_test::name_buffer("a.txt");
-    slot.rec()->file_name[127] = 'z';  // the bytes behind the text are handed over too
-    struct expectation {
-        const char *field;
-        bool text;
-        const char *writer;
-        uint32_t size, b;
-        const void *address;
-    };
-    const smb_flow_data &r = *slot.rec();
-    const expectation cases[] = {
-        {"SMB_CMD_REQUEST", false, "num", 4, 9, &r.commands[1]},
-        {"SMB_CMD_RESPONSE", true, "txt_num", 4, 9, &r.commands[0]},
-        {"SMB_OP", false, "num", 1, 1, &r.op},
-        {"SMB_OP", true, "txt_num", 1, 9, &r.op},
-        {"SMB_FILE_TYPE", false, "num", 1, 1, &r.file_type},
-        {"SMB_FILE_TYPE", true, "txt_num", 1, 9, &r.file_type},
-        {"SMB_TREE", false, "array", 128, 0, r.tree_name},
-        {"SMB_FILE_NAME", true, "txt_string", 128, 0, r.file_name},
-    };
-    flow.dst_port = 50000, flow.src_port = 445;
-    for (const expectation &c : cases) {
-        SCOPED_TRACE(std::string(c.field) + (c.text ? " text" : " binary"));
-        fake_host::exported e = fake_host::export_field(c.field, &flow, &slot.slot, c.text);
-        ASSERT_EQ(e.writes.size(), 1u);
-        EXPECT_EQ(e.writes[0].writer, c.writer);
-        EXPECT_EQ(e.writes[0].output, &e);
-        EXPECT_EQ(e.writes[0].address, c.address);
-        EXPECT_EQ(e.writes[0].size, c.size);
-        EXPECT_EQ(e.writes[0].a, 7u);
-        EXPECT_EQ(e.writes[0].b, c.b);
-    }
-    EXPECT_EQ(fake_host::host().writes.back().bytes[127], 'z');
-}
-
 TEST_F(Fields, OperationAndFileTypeAreNormalisedInPlace) {
     struct byte_case {
         const char *field;
@@ -164,24 +125,6 @@ TEST_F(Fields, NamesAreValidForSmb2Only) {
     EXPECT_TRUE(fake_host::export_field("SMB_FILE_NAME", &flow, &slot.slot).valid);
     slot.rec()->version = SMB_VERSION_1;
     EXPECT_FALSE(fake_host::export_field("SMB_FILE_NAME", &flow, &slot.slot).valid);
-}
-
-TEST_F(Fields, LengthsWithAndWithoutARecord) {
-    host_flow_record flow = two_way_;
-    owned_slot slot(frame_test::smb2_record());
-    host_slot empty = nullptr;
-    const int lengths[] = {4, 4, 128, 1, 128, 1};
-    ASSERT_EQ(fake_host::host().fields.size(), 6u);
-    for (size_t i = 0; i < 6; ++i) {
-        const fake_host::field &f = fake_host::host().fields[i];
-        SCOPED_TRACE(f.name);
-        EXPECT_EQ(f.length(nullptr, &flow, &slot.slot), lengths[i]);
-        EXPECT_EQ(f.length(nullptr, &flow, &empty), 0);
-        EXPECT_EQ(f.validity(nullptr, &flow, &empty), 0);
-        f.fill(nullptr, &flow, &empty, nullptr, 0, 0);
-        f.fill_txt(nullptr, &flow, &empty, nullptr, 0, 0);
-    }
-    EXPECT_TRUE(fake_host::host().writes.empty());
 }
 
 }  // namespace

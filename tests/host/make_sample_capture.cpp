@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "smb2_messages.h"
+#include "packet_builder.h"
 
 using namespace testnet;
 

@@ -1,5 +1,6 @@
-// Test traffic: IP datagrams with TCP or UDP, TCP conversations with sequence numbers,
-// link-layer framing for every link type smbflow reads, and pcap/pcapng files.
+// Test traffic: IP datagrams with TCP or UDP, TCP conversations with sequence numbers, whole
+// SMB2 sessions (messages from smb2_builder.h), link-layer framing for every link type smbflow
+// reads, and pcap/pcapng files.
 #pragma once
 
 #include <array>
@@ -61,6 +62,21 @@ class TcpConversation {
     uint64_t now_;
     std::vector<Packet> packets_;
 };
+
+// A whole SMB2 session on one TCP connection: negotiate, session setup, tree connect to `share`,
+// create `file` (open an existing file, or make a new one), read or write, close, tree
+// disconnect, log off, with the handshake and close of the connection around it.
+struct SessionSpec {
+    Addr client, server;
+    uint16_t client_port = 49732;
+    uint16_t server_port = 445;
+    std::string share = "\\\\fileserver\\public";
+    std::string file = "docs\\report.txt";
+    bool create_new = false;  // FILE_CREATE and a WRITE instead of FILE_OPEN and a READ
+    uint64_t start_ns = 0;
+};
+
+std::vector<Packet> smb2_session(const SessionSpec &session);
 
 // Link types by their pcap numbers.
 enum Link : int {

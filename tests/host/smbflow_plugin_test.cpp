@@ -8,7 +8,7 @@
 
 #include "golden.h"
 #include "run_command.h"
-#include "smb2_messages.h"
+#include "packet_builder.h"
 
 namespace {
 

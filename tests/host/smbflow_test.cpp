@@ -21,7 +21,7 @@
 
 #include "golden.h"
 #include "run_command.h"
-#include "smb2_messages.h"
+#include "packet_builder.h"
 
 namespace {
 
@@ -144,17 +144,6 @@ INSTANTIATE_TEST_SUITE_P(Captures, SmbflowLinks,
                                          LinkCase{"null", kNull, 0, false},
                                          LinkCase{"loop", kLoop, 0, true}),
                          [](const auto &info) { return std::string(info.param.name); });
-
-TEST_F(Smbflow, FourQueuesGiveTheSameRecordsAsOne) {
-    const std::string file = tmp.path("many.pcap");
-    write_pcap(file, kEthernet, frames_of(kEthernet, many_sessions(60)));
-    auto one = smbflow({"--plugin", FAKE_PLUGIN, "-q", "-F", "csv", "--queues", "1", file});
-    auto four = smbflow({"--plugin", FAKE_PLUGIN, "-q", "-F", "csv", "--queues", "4", file});
-    ASSERT_EQ(one.status, 0) << one.err;
-    ASSERT_EQ(four.status, 0) << four.err;
-    EXPECT_EQ(lines(one.out).size(), 61u);
-    EXPECT_EQ(four.out, one.out);
-}
 
 TEST_F(Smbflow, FilesAreReadInOrderAsOneStream) {
     const auto packets = many_sessions(4);
@@ -285,16 +274,11 @@ TEST_F(Smbflow, TimeoutsFollowCaptureTimestamps) {
     write_pcap(file, kEthernet, frames_of(kEthernet, packets));
     auto r = smbflow({"--no-plugin", "-q", "-F", "csv", file});
     ASSERT_EQ(r.status, 0) << r.err;
-    auto rows = lines(r.out);
-    ASSERT_EQ(rows.size(), 4u) << r.out;
-    // Ended by 30 s without packets, by 300 s after its start, and by the end of input; the
-    // nanosecond capture keeps nine digits.
-    EXPECT_EQ(rows[1].substr(0, 61),
-              "2024-03-05T10:00:00.000000000Z,2024-03-05T10:00:10.000000000Z");
-    EXPECT_EQ(rows[2].substr(0, 61),
-              "2024-03-05T10:00:45.000000000Z,2024-03-05T10:05:25.000000000Z");
-    EXPECT_EQ(rows[3].substr(0, 61),
-              "2024-03-05T10:05:45.000000000Z,2024-03-05T10:06:25.000000000Z");
+    // Which flow ends when and why is the queue's (queue_test.cpp); here the default timeouts
+    // (30 s idle, 300 s active) and the options reach it, and a nanosecond capture keeps nine
+    // digits.
+    EXPECT_EQ(lines(r.out).size(), 4u) << r.out;
+    EXPECT_EQ(lines(r.out).at(1).substr(0, 31), "2024-03-05T10:00:00.000000000Z,");
     // A microsecond capture keeps six.
     write_pcap(file, kEthernet, frames_of(kEthernet, packets), false);
     EXPECT_EQ(lines(smbflow({"--no-plugin", "-q", "-F", "csv", file}).out).at(1).substr(0, 28),
@@ -647,16 +631,6 @@ TEST_F(Smbflow, LiveRecordsLeaveOnTheirTimeoutWhileIdle) {
     waitpid(child, &wstatus, 0);
     EXPECT_TRUE(written) << "no record left on its timeout while the interface was idle";
     EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0);
-}
-
-TEST_F(Smbflow, HelpExplainsEveryOption) {
-    auto r = smbflow({"--help"});
-    EXPECT_EQ(r.status, 0);
-    for (const char *opt :
-         {"--interface", "--filter", "--count", "--output", "--format", "--queues", "--params",
-          "--plugin", "--no-plugin", "--active-timeout", "--inactive-timeout", "--snaplen",
-          "--no-progress", "--quiet", "Exit status", "treetable-size=", "short-create="})
-        EXPECT_NE(r.out.find(opt), std::string::npos) << opt;
 }
 
 }  // namespace

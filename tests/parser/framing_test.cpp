@@ -128,21 +128,6 @@ TEST(Reassembly, CompoundOverThreeSegmentsCarriesTheEarlierCounters) {
     EXPECT_EQ(h.parse(after, rec), 3);
 }
 
-TEST(Reassembly, SegmentBringingMoreThanMissingCompletesTheMessage) {
-    ParserHarness h;
-    Bytes message = write_close_chain(3000);
-    Bytes extra = message;
-    extra.insert(extra.end(), 500, 0xee);  // the start of a further message, lost
-    const auto segments = split(extra, {1000});
-    Packet first = h.to_server(segments[0]);
-    Record r1;
-    ASSERT_EQ(h.parse(first, r1), 2);
-    Packet second = h.to_server(segments[1]);
-    Record r2;
-    EXPECT_EQ(h.parse(second, r2), 0);
-    EXPECT_EQ(r2->file_id, kFileA);
-}
-
 TEST(Reassembly, CompoundResponseIsKeyedToTheClient) {
     ParserHarness h;
     ASSERT_EQ(h.send(request(READ, 60, kTree, request_body(READ, kFileA))), 0);

@@ -16,6 +16,7 @@
 #include "smb_message_table2.h"
 #include "smb_parser.h"
 #include "smb_tree_table.h"
+#include "host_interface.h"
 
 namespace smb2test {
 
@@ -35,6 +36,48 @@ struct Record {
     Record(const Record &) = delete;
     Record &operator=(const Record &) = delete;
     smb_flow_data *operator->() { return &rec; }
+};
+
+// IPv4 address with the bytes in wire order.
+uint32_t ipv4(uint8_t a, uint8_t b, uint8_t c, uint8_t d);
+
+// The two ends of a TCP connection.
+struct Endpoints {
+    uint8_t ip_version = 4;
+    host_addr client{};
+    host_addr server{};
+    uint16_t client_port = 49152;
+    uint16_t server_port = 445;
+
+    static Endpoints v4(uint32_t client, uint16_t client_port, uint32_t server,
+                        uint16_t server_port = 445);
+    static Endpoints v6(const uint8_t (&client)[16], uint16_t client_port,
+                        const uint8_t (&server)[16], uint16_t server_port = 445);
+};
+
+enum class Dir { to_server, to_client };
+
+// A captured TCP packet: link, IP and TCP headers as filler, then the payload. The host
+// descriptor points into the packet's own bytes; the direction bit is 0 towards the server.
+class Packet {
+  public:
+    static constexpr uint16_t kHeadersSize = 54;
+
+    Packet(const Endpoints &ends, Dir dir, const Bytes &payload);
+    Packet(const Packet &) = delete;
+    Packet &operator=(const Packet &) = delete;
+    Packet(Packet &&other) noexcept;
+    Packet &operator=(Packet &&other) noexcept;
+
+    host_packet &pkt() { return pkt_; }
+    const uint8_t *payload() const { return bytes_.data() + kHeadersSize; }
+    size_t payload_size() const { return bytes_.size() - kHeadersSize; }
+    // The counters of the packet's own direction.
+    host_counters &counters() { return pkt_.dir_counters[pkt_.flags & HOST_FLAG_DIRECTION]; }
+
+  private:
+    Bytes bytes_;
+    host_packet pkt_{};
 };
 
 struct Name {

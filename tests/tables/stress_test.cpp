@@ -1,6 +1,7 @@
-// The shared tables used from several threads at once, each call under the table's lock and
-// never two locks at once, as the queues and the post-processing use them. Small tables make
-// keys of different threads collide on slots all the time. Meant for the ThreadSanitizer build
+// The shared data table used from several threads at once, each call under its lock and never
+// two locks at once, as the queues use it (the tree and file tables' use by the parser from
+// several queues is tests/parser/concurrency_test.cpp's). Small tables make keys of different
+// threads collide on slots all the time. Meant for the ThreadSanitizer build
 // as well (ctest label "threads").
 #include <gtest/gtest.h>
 
@@ -27,15 +28,6 @@ constexpr int kRounds = 4000;
 constexpr int kRounds = 20000;
 #endif
 
-// A name that spells its own key, so a reader can tell a torn or foreign record.
-Name name_of(uint32_t addr, uint16_t port, uint64_t id) {
-    Name n{};
-    const auto key = smb::pack_le(addr, port, id);
-    for (size_t i = 0; i < n.size(); ++i)
-        n[i] = uint8_t(key[i % key.size()] + i / key.size());
-    return n;
-}
-
 // A small deterministic generator per thread.
 struct Rng {
     uint64_t s;
@@ -52,80 +44,6 @@ void run_threads(Body body) {
         threads.emplace_back(body, i);
     for (auto &th : threads)
         th.join();
-}
-
-TEST(SharedTables, TreeAndFileRecordsReadUnderTheLockAreNeverTornOrForeign) {
-    treetable *tt = treetable_create(1024);
-    filetable *ft = filetable_create(1024);
-    std::atomic<uint64_t> found{0}, bad{0};
-    run_threads([&](int thread) {
-        Rng rng{uint64_t(thread) + 1};
-        for (int round = 0; round < kRounds; ++round) {
-            const uint32_t addr = 0x0a000000 + rng.next() % 4;
-            const uint16_t port = uint16_t(40000 + rng.next() % 4);
-            const uint64_t id = rng.next() % 4096;
-            const Name want = name_of(addr, port, id);
-            Name expected = want, got{};
-            bool hit = false;
-            switch (rng.next() % 6) {
-                case 0: {
-                    const uint32_t masks[2] = {0, 0x800};
-                    smb::SpinGuard g(tt->lock);
-                    treetable_insert(tt, want.data(), masks, addr, port, uint32_t(id));
-                    break;
-                }
-                case 1: {
-                    uint32_t masks[2];
-                    smb::SpinGuard g(tt->lock);
-                    if (const uint8_t *p =
-                            treetable_get_tree(tt, addr, port, uint32_t(id), masks)) {
-                        got = copy_name(p);
-                        hit = true;
-                    }
-                    break;
-                }
-                case 2: {
-                    smb::SpinGuard g(ft->lock);
-                    filetable_insert(ft, want.data(), 0, 2, 1, nullptr, uint32_t(id), addr, port,
-                                     id);
-                    break;
-                }
-                case 3: {
-                    const uint32_t masks[2] = {1u << (thread + 8), 0};
-                    smb::SpinGuard g(ft->lock);
-                    filetable_add_command(ft, addr, port, id, masks);
-                    break;
-                }
-                case 4: {
-                    smb::SpinGuard g(ft->lock);
-                    filetable_set_delete_flag(ft, addr, port, id, uint8_t(1 + rng.next() % 2));
-                    break;
-                }
-                default: {
-                    uint8_t type = 0, op = 0, empty = 0;
-                    uint32_t masks[2];
-                    smb::SpinGuard g(ft->lock);
-                    if (const uint8_t *p =
-                            filetable_get_file(ft, addr, port, id, &type, &op, masks, &empty)) {
-                        got = copy_name(p);
-                        hit = true;
-                        // A nameless record, made by an update, is the only other form.
-                        if (op == SMB_OP_INVALID) expected = Name{};
-                        filetable_get_delete_flag(ft, addr, port, id, 0);
-                    }
-                    break;
-                }
-            }
-            if (hit) {
-                ++found;
-                if (got != expected) ++bad;
-            }
-        }
-    });
-    EXPECT_GT(found.load(), 0u);
-    EXPECT_EQ(bad.load(), 0u);
-    treetable_free(tt);
-    filetable_free(ft);
 }
 
 // Every thread sends compound messages on keys of its own through the one data table, several

@@ -1,35 +1,14 @@
 #include "smb_synth.h"
 
 #include <stdio.h>
-#include <string.h>
 
 #include <algorithm>
+
+#include "smb2_builder.h"
 
 namespace synth {
 
 namespace {
-
-void put16(std::vector<uint8_t> &b, size_t at, uint16_t v) {
-    b[at] = static_cast<uint8_t>(v);
-    b[at + 1] = static_cast<uint8_t>(v >> 8);
-}
-void put32(std::vector<uint8_t> &b, size_t at, uint32_t v) {
-    put16(b, at, static_cast<uint16_t>(v));
-    put16(b, at + 2, static_cast<uint16_t>(v >> 16));
-}
-void put64(std::vector<uint8_t> &b, size_t at, uint64_t v) {
-    put32(b, at, static_cast<uint32_t>(v));
-    put32(b, at + 4, static_cast<uint32_t>(v >> 32));
-}
-
-std::vector<uint8_t> utf16(const std::string &ascii) {
-    std::vector<uint8_t> out;
-    for (char c : ascii) {
-        out.push_back(static_cast<uint8_t>(c));
-        out.push_back(0);
-    }
-    return out;
-}
 
 // Client ports scattered over the ephemeral range as real clients pick them, rather than
 // counting up in step with the addresses.
@@ -42,68 +21,30 @@ uint16_t ephemeral_port(uint32_t index) {
 std::vector<uint8_t> smb2_message(uint16_t command, bool response, uint64_t message_id,
                                   uint32_t tree_id, const std::vector<uint8_t> &body,
                                   uint32_t next_command, uint32_t session_length) {
-    std::vector<uint8_t> m(4 + 64);
-    const uint32_t length = session_length ? session_length : uint32_t(64 + body.size());
-    m[1] = static_cast<uint8_t>(length >> 16);
-    m[2] = static_cast<uint8_t>(length >> 8);
-    m[3] = static_cast<uint8_t>(length);
-    const uint8_t protocol[4] = {0xfe, 'S', 'M', 'B'};
-    memcpy(&m[4], protocol, 4);
-    put16(m, 4 + 4, 64);  // StructureSize
-    put16(m, 4 + 6, 1);   // CreditCharge
-    put16(m, 4 + 12, command);
-    put16(m, 4 + 14, 1);  // CreditRequest
-    put32(m, 4 + 16, response ? 1 : 0);
-    put32(m, 4 + 20, next_command);
-    put64(m, 4 + 24, message_id);
-    put32(m, 4 + 36, tree_id);
-    put64(m, 4 + 40, 0x0000400000000001ull);  // SessionId
-    m.insert(m.end(), body.begin(), body.end());
-    return m;
+    smb2test::Message m = response ? smb2test::response(command, message_id, tree_id, body)
+                                   : smb2test::request(command, message_id, tree_id, body);
+    m.header.next_command = next_command;
+    const smb2test::Bytes data = smb2test::encode(m);
+    return smb2test::session_with_word(data,
+                                       session_length ? session_length : uint32_t(data.size()));
 }
 
 std::vector<uint8_t> tree_connect_request(const std::string &path) {
-    const auto name = utf16(path);
-    std::vector<uint8_t> body(8);
-    put16(body, 0, 9);
-    put16(body, 4, 64 + 8);
-    put16(body, 6, static_cast<uint16_t>(name.size()));
-    body.insert(body.end(), name.begin(), name.end());
-    return body;
+    return smb2test::tree_connect_request_body(smb2test::utf16(std::string_view(path)));
 }
 
 std::vector<uint8_t> tree_connect_response() {
-    std::vector<uint8_t> body(16);
-    put16(body, 0, 16);
-    body[2] = 1;                  // disk share
-    put32(body, 12, 0x001f01ff);  // MaximalAccess
-    return body;
+    return smb2test::tree_connect_response_body();
 }
 
 std::vector<uint8_t> create_request(const std::string &file) {
-    const auto name = utf16(file);
-    std::vector<uint8_t> body(56);
-    put16(body, 0, 57);
-    put32(body, 4, 2);            // ImpersonationLevel
-    put32(body, 24, 0x0012019f);  // DesiredAccess
-    put32(body, 28, 0x80);        // FILE_ATTRIBUTE_NORMAL
-    put32(body, 32, 7);           // share all
-    put32(body, 36, 3);           // FILE_OPEN_IF
-    put32(body, 40, 0x40);        // FILE_NON_DIRECTORY_FILE
-    put16(body, 44, 64 + 56);     // NameOffset
-    put16(body, 46, static_cast<uint16_t>(name.size()));
-    body.insert(body.end(), name.begin(), name.end());
-    return body;
+    return smb2test::create_request_body(smb2test::utf16(std::string_view(file)),
+                                         smb2test::FILE_OPEN_IF, smb2test::kFileNonDirectory);
 }
 
 std::vector<uint8_t> create_response(uint64_t file_id) {
-    std::vector<uint8_t> body(89);
-    put16(body, 0, 89);
-    put32(body, 4, 2);      // FILE_CREATED
-    put32(body, 56, 0x20);  // FILE_ATTRIBUTE_ARCHIVE
-    put64(body, 64, file_id);
-    put64(body, 72, ~file_id);
-    return body;
+    return smb2test::create_response_body(smb2test::FILE_CREATED, smb2test::kAttributeArchive,
+                                          file_id);
 }
 
 conversation::conversation(frame_sink sink, uint32_t index) : sink_(std::move(sink)) {

@@ -1,6 +1,6 @@
-// Synthetic SMB2 traffic for generated captures and in-process floods: session messages with
-// one SMB2 header (MS-SMB2 2.2.1.2) and the TREE_CONNECT and CREATE bodies (2.2.9-2.2.14), and
-// a TCP conversation that wraps them into Ethernet/IPv4 frames with running sequence numbers.
+// Synthetic SMB2 traffic for generated captures and in-process floods: TREE_CONNECT and CREATE
+// messages from the shared builder (smb2_builder.h), and a TCP conversation that wraps them into
+// Ethernet/IPv4 frames with running sequence numbers.
 #pragma once
 
 #include <stdint.h>

@@ -1,7 +1,7 @@
-// Test-side builder of SMB traffic: SMB2 headers and the bodies of every command (MS-SMB2 2.2),
-// compound chains, NetBIOS session framing, SMB1 and transform headers, TCP segmentation and
-// host packet descriptors. Bodies have the sizes and field offsets of MS-SMB2 so that tests
-// read like captures; every field the plug-in looks at can be set.
+// The one builder of SMB messages, shared by the tests and the capture generators: SMB2 headers
+// and the bodies of every command (MS-SMB2 2.2), compound chains, NetBIOS session framing, SMB1
+// and transform headers, and segmentation. Bodies have the sizes and field offsets of MS-SMB2
+// so that generated traffic reads like a capture; every field the plug-in looks at can be set.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,6 @@
 #include <span>
 #include <string_view>
 #include <vector>
-
-#include "host_interface.h"
 
 namespace smb2test {
 
@@ -146,47 +144,5 @@ Bytes transform_message(size_t ciphertext_length);
 std::vector<Bytes> split(const Bytes &data, const std::vector<size_t> &sizes);
 // Cuts `data` into `count` segments of nearly equal size.
 std::vector<Bytes> split_even(const Bytes &data, size_t count);
-
-// IPv4 address with the bytes in wire order.
-uint32_t ipv4(uint8_t a, uint8_t b, uint8_t c, uint8_t d);
-
-// The two ends of a TCP connection.
-struct Endpoints {
-    uint8_t ip_version = 4;
-    host_addr client{};
-    host_addr server{};
-    uint16_t client_port = 49152;
-    uint16_t server_port = 445;
-
-    static Endpoints v4(uint32_t client, uint16_t client_port, uint32_t server,
-                        uint16_t server_port = 445);
-    static Endpoints v6(const uint8_t (&client)[16], uint16_t client_port,
-                        const uint8_t (&server)[16], uint16_t server_port = 445);
-};
-
-enum class Dir { to_server, to_client };
-
-// A captured TCP packet: link, IP and TCP headers as filler, then the payload. The host
-// descriptor points into the packet's own bytes; the direction bit is 0 towards the server.
-class Packet {
-  public:
-    static constexpr uint16_t kHeadersSize = 54;
-
-    Packet(const Endpoints &ends, Dir dir, const Bytes &payload);
-    Packet(const Packet &) = delete;
-    Packet &operator=(const Packet &) = delete;
-    Packet(Packet &&other) noexcept;
-    Packet &operator=(Packet &&other) noexcept;
-
-    host_packet &pkt() { return pkt_; }
-    const uint8_t *payload() const { return bytes_.data() + kHeadersSize; }
-    size_t payload_size() const { return bytes_.size() - kHeadersSize; }
-    // The counters of the packet's own direction.
-    host_counters &counters() { return pkt_.dir_counters[pkt_.flags & HOST_FLAG_DIRECTION]; }
-
-  private:
-    Bytes bytes_;
-    host_packet pkt_{};
-};
 
 }  // namespace smb2test
