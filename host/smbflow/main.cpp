@@ -45,6 +45,18 @@ void install_signals() {
         sigaction(sig, &sa, nullptr);
 }
 
+// The kernel gives a process-directed signal to any thread that does not block it, and only
+// that thread's blocking read(2) returns EINTR. So every thread the run starts blocks the
+// termination signals (threads inherit the mask of their creator), and the reading thread
+// takes them alone once they are all running.
+void termination_signals(int how) {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&set, sig);
+    pthread_sigmask(how, &set, nullptr);
+}
+
 void error(const std::string &message) {
     fprintf(stderr, "smbflow: %s\n", message.c_str());
 }
@@ -84,6 +96,7 @@ int run(const Options &opts) {
     // Handlers first, so that a signal at any point after the input is opened ends the run
     // cleanly.
     g_capture.store(&capture);
+    termination_signals(SIG_BLOCK);
     struct Forget {
         ~Forget() { g_capture.store(nullptr); }
     } forget_capture_on_return;
@@ -195,6 +208,7 @@ int run(const Options &opts) {
         size_t file = capture.files_opened();
         std::string file_name = capture.current();
         uint64_t last_ts = 0;
+        termination_signals(SIG_UNBLOCK);  // a signal held while starting is taken here
         for (;;) {
             const ReadStatus rs = capture.next(frame);
             if (rs == ReadStatus::End) break;
