@@ -96,6 +96,18 @@ TEST(KeyPacking, IdentifierThenAddressThenPortLittleEndian) {
     datatable_free(dt);
 }
 
+// The slot index is masked to the whole slot count: keys land in the upper half too.
+TEST(KeyPacking, KeysSpreadOverEverySlot) {
+    messagetable *mt = messagetable_create(1024);
+    for (uint64_t id = 0; id < 256; ++id)
+        messagetable_insert(mt, nullptr, 0, 0, 1, 2, id);
+    size_t upper_half = 0;
+    for (int64_t i = 512; i <= mt->mask; ++i)
+        upper_half += mt->slots[i] != nullptr;
+    EXPECT_GT(upper_half, 64u);
+    messagetable_free(mt);
+}
+
 // Everything a lookup reports about a key, one-shot fields included; outputs start as 0xee.. so
 // that a missing key's lookup shows whether it wrote any.
 struct Snapshot {
