@@ -17,6 +17,15 @@ void append(Bytes &out, const Bytes &more) {
     out.insert(out.end(), more.begin(), more.end());
 }
 
+// A variable-length buffer behind a fixed body; an empty one still takes the one byte that
+// the odd StructureSize counts (MS-SMB2 2.2.9, 2.2.13).
+void append_buffer(Bytes &body, const Bytes &buffer) {
+    if (buffer.empty())
+        body.push_back(0);
+    else
+        append(body, buffer);
+}
+
 // A zeroed body of `size` bytes starting with its StructureSize.
 Bytes fixed_body(uint16_t structure_size, size_t size) {
     Bytes b(size, 0);
@@ -172,10 +181,7 @@ Bytes tree_connect_request_body(const Bytes &path) {
     Bytes b = fixed_body(9, 8);
     put<uint16_t>(b, 4, kHeaderSize + 8);  // PathOffset
     put<uint16_t>(b, 6, uint16_t(path.size()));
-    if (path.empty())
-        b.push_back(0);
-    else
-        append(b, path);
+    append_buffer(b, path);
     return b;
 }
 
@@ -195,10 +201,7 @@ Bytes create_request_body(const Bytes &name, uint32_t disposition, uint32_t opti
     put<uint32_t>(b, 40, options);
     put<uint16_t>(b, 44, kHeaderSize + 56);  // NameOffset
     put<uint16_t>(b, 46, uint16_t(name.size()));
-    if (name.empty())
-        b.push_back(0);
-    else
-        append(b, name);
+    append_buffer(b, name);
     return b;
 }
 
