@@ -10,7 +10,8 @@
 # (nfdump's pcap-to-flow, writing nfcapd files to a scratch directory), softflowd -r (exporting
 # IPFIX to a closed port on the loopback: the export is done, nothing leaves the machine),
 # tcpdump -r FILE -w /dev/null (the cost of reading the capture at all: the floor), smbflow
-# with 2 and 4 queues, and on the heavy capture smbflow exporting IPFIX to a file. Each figure
+# reading the capture from standard input (through libpcap, each packet copied as from a live
+# interface: headers, and payload only where the plug-in reads it), smbflow with 2 and 4 queues, and on the heavy capture smbflow exporting IPFIX to a file. Each figure
 # is the median of the rounds. Then peak memory with 1 million open files and the plug-in's
 # bytes per tracked file.
 #
@@ -43,7 +44,7 @@ while getopts "n:K:r:t:B:k" opt; do
     t) tshark_packets=$OPTARG ;;
     B) baseline=$OPTARG ;;
     k) keep=1 ;;
-    *) sed -n '17,29p' "$0" >&2; exit 2 ;;
+    *) sed -n '18,29p' "$0" >&2; exit 2 ;;
   esac
 done
 
@@ -90,7 +91,7 @@ run() {
 }
 median() { tr ' ' '\n' <<< "$1" | grep . | sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
 
-labels=(plugin bare nfpcapd softflowd floor q2 q4)
+labels=(plugin bare nfpcapd softflowd floor stdin q2 q4)
 for input in heavy mixed; do
   file=$work/$input.pcap
   cat "$file" > /dev/null
@@ -102,11 +103,13 @@ for input in heavy mixed; do
     run "$input" nfpcapd nfpcapd -r "$file" -w "$work/nf"
     run "$input" softflowd softflowd -r "$file" -v 10 -n "127.0.0.1:$closed_port"
     run "$input" floor tcpdump -r "$file" -w /dev/null
+    run "$input" stdin sh -c "$smbflow -q --no-progress -F csv -o /dev/null - < $file"
     run "$input" q2 "$smbflow" --queues 2 -q --no-progress -F csv -o /dev/null "$file"
     run "$input" q4 "$smbflow" --queues 4 -q --no-progress -F csv -o /dev/null "$file"
     if [ -n "$baseline" ]; then
       run "$input" base "$baseline" -q --no-progress -F csv -o /dev/null "$file"
       run "$input" base_bare "$baseline" --no-plugin -q --no-progress -F csv -o /dev/null "$file"
+      run "$input" base_stdin sh -c "$baseline -q --no-progress -F csv -o /dev/null - < $file"
     fi
     if [ "$input" = heavy ]; then
       run "$input" ipfix "$smbflow" -q --no-progress --ipfix "file:$work/out.ipfix" "$file"
@@ -141,15 +144,17 @@ verdict() { awk -v v="$1" -v op="$2" -v t="$3" 'BEGIN {
 declare -A name=(
   [plugin]="smbflow (plug-in, CSV, 1 queue)" [bare]="smbflow --no-plugin"
   [nfpcapd]="nfpcapd -r -w DIR" [softflowd]="softflowd -r -v 10 -n closed"
-  [floor]="tcpdump -r -w /dev/null (floor)" [q2]="smbflow --queues 2"
+  [floor]="tcpdump -r -w /dev/null (floor)" [stdin]="smbflow - < FILE (copied)"
+  [q2]="smbflow --queues 2"
   [q4]="smbflow --queues 4" [ipfix]="smbflow --ipfix file:" [tshark]="tshark -T fields"
-  [base]="-B smbflow (plug-in, CSV, 1 queue)" [base_bare]="-B smbflow --no-plugin")
+  [base]="-B smbflow (plug-in, CSV, 1 queue)" [base_bare]="-B smbflow --no-plugin"
+  [base_stdin]="-B smbflow - < FILE (copied)")
 for input in heavy mixed; do
   n=${made[$input]}
   echo
   printf '%-34s %9s %11s %9s %11s %9s\n' "$input ($n packets)" "wall s" "packets/s" "CPU s" \
     "CPU s/Mpkt" "peak RSS"
-  for label in "${labels[@]}" ipfix tshark base base_bare; do
+  for label in "${labels[@]}" ipfix tshark base base_bare base_stdin; do
     key=$input:$label
     [ -n "${W[$key]:-}" ] || continue
     m=$n

@@ -191,17 +191,23 @@ int run(const Options &opts) {
         formatter.set_nanoseconds(nano);
         Row row;              // reused by the export thread
         IpfixFlow ipfix_row;  // likewise
-        Pipeline pipeline(host, opts.queues, config, [&](const corvane_host::ExportedFlow &flow) {
-            if (writer) {
-                formatter.render(flow, row);
-                writer->write(row);
-            }
-            if (!exports.empty()) {
-                to_ipfix(flow, formatter, ipfix_row);
-                for (auto &e : exports)
-                    e->write(IpfixFlow(ipfix_row));
-            }
-        });
+        const PayloadNeed need =
+            PayloadNeed::for_run(opts.no_plugin, host.plugin_count(),
+                                 host.plugin_count() ? host.plugin(0).desc->name : "", opts.params);
+        Pipeline pipeline(
+            host, opts.queues, config,
+            [&](const corvane_host::ExportedFlow &flow) {
+                if (writer) {
+                    formatter.render(flow, row);
+                    writer->write(row);
+                }
+                if (!exports.empty()) {
+                    to_ipfix(flow, formatter, ipfix_row);
+                    for (auto &e : exports)
+                        e->write(IpfixFlow(ipfix_row));
+                }
+            },
+            need);
         InputStats &in = summary.input;
         Frame frame;
         corvane_host::DecodedPacket packet;

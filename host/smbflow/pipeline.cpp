@@ -71,8 +71,9 @@ struct Pipeline::Worker {
     std::thread thread;
 };
 
-Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallback on_record)
-    : host_(host), on_record_(std::move(on_record)) {
+Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallback on_record,
+                   PayloadNeed need)
+    : host_(host), on_record_(std::move(on_record)), need_(need) {
     queues = std::max(queues, 1u);
     spare_ = std::make_unique<Channel<std::unique_ptr<Batch>>>(queues * (kBatchesInFlight + 2));
     export_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
@@ -132,14 +133,15 @@ void Pipeline::submit(const DecodedPacket &packet, const std::shared_ptr<const v
     const ConnKey conn = conn_key_of(pkt, from_a);
     Worker &w = *workers_[conn.digest % workers_.size()];
     Batch &b = filling(w);
-    size_t offset = kInPlace;
+    b.items.push_back({pkt, packet.ip_bytes, kInPlace, conn, from_a});
     if (keeper) {
         if (b.keep.empty() || b.keep.back() != *keeper) b.keep.push_back(*keeper);
     } else {
-        offset = b.arena.size();
-        b.arena.insert(b.arena.end(), pkt.data, pkt.data + pkt.length);
+        Batch::Item &item = b.items.back();
+        item.offset = b.arena.size();
+        item.pkt.length = need_.bytes(pkt);
+        b.arena.insert(b.arena.end(), pkt.data, pkt.data + item.pkt.length);
     }
-    b.items.push_back({pkt, packet.ip_bytes, offset, conn, from_a});
     if (b.items.size() >= kBatchPackets || b.arena.size() >= kBatchBytes) push(w);
     if (clock_ns_ >= next_broadcast_ns_) {
         // Queues that get no packets still learn how capture time moves on.

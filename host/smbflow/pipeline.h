@@ -13,6 +13,7 @@
 #include "exporter.h"
 #include "packet_decoder.h"
 #include "parse_results.h"
+#include "payload_need.h"
 #include "queue.h"
 
 namespace smbflow {
@@ -30,14 +31,14 @@ using RecordCallback = std::function<void(const corvane_host::ExportedFlow &)>;
 class Pipeline {
   public:
     Pipeline(corvane_host::Host &host, unsigned queues, corvane_host::QueueConfig config,
-             RecordCallback on_record);
+             RecordCallback on_record, PayloadNeed need = PayloadNeed::all());
     ~Pipeline();
     Pipeline(const Pipeline &) = delete;
     Pipeline &operator=(const Pipeline &) = delete;
 
     // Hands the packet to the batch of its queue. With a keeper its bytes stay where they are
-    // and the batch holds the keeper until the queue is done with it; without, they are copied
-    // (from the IP header on) into the batch.
+    // and the batch holds the keeper until the queue is done with it; without, what `need`
+    // keeps of them (from the IP header on) is copied into the batch.
     void submit(const corvane_host::DecodedPacket &packet,
                 const std::shared_ptr<const void> *keeper = nullptr);
 
@@ -69,6 +70,7 @@ class Pipeline {
 
     corvane_host::Host &host_;
     RecordCallback on_record_;
+    PayloadNeed need_;
     std::vector<std::unique_ptr<Worker>> workers_;
     std::unique_ptr<Channel<std::unique_ptr<Batch>>> spare_;
     std::unique_ptr<Channel<ExportMsg>> export_;

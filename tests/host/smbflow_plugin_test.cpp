@@ -61,6 +61,46 @@ TEST(SmbflowWithPlugin, FourQueuesGiveTheSameRecordsAsOne) {
     EXPECT_EQ(std::count(one.out.begin(), one.out.end(), '\n'), 1 + 40 * 3);
 }
 
+// Standard input is read through libpcap and its packets are copied, the payload only where
+// the plug-in reads it; the records must be those of the file read in place.
+TEST(SmbflowWithPlugin, CopiedPacketsGiveTheRecordsOfTheFileReadInPlace) {
+    TempDir tmp;
+    std::vector<testnet::Packet> all;
+    for (uint16_t port : {445, 8445}) {
+        testnet::SessionSpec s;
+        s.client = testnet::ipv4(10, 7, 0, 1);
+        s.server = testnet::ipv4(10, 7, 1, 1);
+        s.client_port = static_cast<uint16_t>(port + 40000);
+        s.server_port = port;
+        s.file = "share\\on" + std::to_string(port);
+        auto p = testnet::smb2_session(s);
+        all.insert(all.end(), p.begin(), p.end());
+    }
+    const std::string file = tmp.path("ports.pcap");
+    // Microsecond stamps: standard input cannot be looked at twice for finer ones.
+    testnet::write_pcap(file, testnet::kEthernet, testnet::frames_of(testnet::kEthernet, all),
+                        false);
+    // Which of the two sessions gets its file name: the one on the plug-in's port.
+    for (const auto &[options, named] :
+         std::vector<std::pair<std::string, std::string>>{{"", "on445"},
+                                                          {"--params port=0x20FD", "on8445"},
+                                                          {"--params port=0", "on445 on8445"},
+                                                          {"--no-plugin", ""}}) {
+        const std::string plugin = options == "--no-plugin" ? "" : " --plugin " SMB_PLUGIN;
+        const std::string run =
+            std::string(SMBFLOW) + " --no-progress -q -F csv" + plugin + " " + options;
+        auto mapped = run_command({"/bin/sh", "-c", run + " " + file});
+        auto copied = run_command({"/bin/sh", "-c", run + " - < " + file});
+        ASSERT_EQ(mapped.status, 0) << mapped.err;
+        ASSERT_EQ(copied.status, 0) << copied.err;
+        EXPECT_EQ(copied.out, mapped.out) << options;
+        for (const std::string name : {"on445", "on8445"})
+            EXPECT_EQ(mapped.out.find(name) != std::string::npos,
+                      named.find(name) != std::string::npos)
+                << options << " " << name;
+    }
+}
+
 TEST(SmbflowWithPlugin, SummaryCountsParseResults) {
     auto r = smbflow({"-F", "csv", kSample});
     ASSERT_EQ(r.status, 0) << r.err;
