@@ -61,13 +61,21 @@ ExportedFlow Exporter::run(FlowHandoff &flow) {
 }
 
 void Exporter::run(FlowHandoff &flow, ExportedFlow &out) {
-    out.plugin_records = 0;
+    postprocess(flow);
+    export_postprocessed(flow, out);
+}
+
+void Exporter::postprocess(FlowHandoff &flow) {
+    flow.plugin_records = 0;
     const size_t n = host_.plugin_count();
     for (size_t i = 0; i < n; ++i) {
         const PluginInstance &p = host_.plugin(i);
-        if (flow.slots[i]) out.plugin_records |= 1u << i;
+        if (flow.slots[i]) flow.plugin_records |= 1u << i;
         if (p.postprocess) p.postprocess(p.postprocess_ctx, &flow.rec, &flow.slots[i]);
     }
+}
+
+void Exporter::export_postprocessed(FlowHandoff &flow, ExportedFlow &out) {
     out.fields.resize(fields_.size());
     for (uint32_t pos = 0; pos < fields_.size(); ++pos) {
         const FieldDef &f = *fields_[pos];
@@ -76,6 +84,7 @@ void Exporter::run(FlowHandoff &flow, ExportedFlow &out) {
     out.rec = flow.rec;
     out.flow_hash = flow.flow_hash;
     out.reason = flow.reason;
+    out.plugin_records = flow.plugin_records;
     discard(flow);
 }
 

@@ -51,6 +51,12 @@ class Exporter {
     // thread's loop makes no allocation per record this way).
     void run(FlowHandoff &flow, ExportedFlow &out);
 
+    // run() in two steps, which may be taken on different threads: post-processing, where the
+    // plug-ins may consult the state their queue shares with them; then the fields' values,
+    // which come from the flow record and its slots alone, and the freeing of the slots.
+    void postprocess(FlowHandoff &flow);
+    void export_postprocessed(FlowHandoff &flow, ExportedFlow &out);
+
     // Frees the records of a flow record that will not be exported.
     void discard(FlowHandoff &flow);
 

@@ -31,6 +31,7 @@ struct FlowHandoff {
     std::array<host_slot, kMaxPlugins> slots{};
     uint64_t flow_hash = 0;
     ExportReason reason = ExportReason::End;
+    uint32_t plugin_records = 0;  // set by post-processing: bit i, plug-in i had a record
 };
 
 using FlowSink = std::function<void(FlowHandoff &&)>;

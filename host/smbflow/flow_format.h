@@ -15,6 +15,10 @@ namespace smbflow {
 struct Column {
     const char *name;
     bool number;  // a JSON number and right-aligned in the table
+    // Made here from digits, letters and punctuation that no output quotes or escapes; the
+    // others (names seen on the wire, words joined by commas) are looked at character by
+    // character.
+    bool verbatim;
 };
 
 // A rendered value; null for a value the record does not have.

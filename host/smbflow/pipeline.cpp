@@ -47,12 +47,13 @@ struct Pipeline::Batch {
     uint64_t clock_ns = 0;
 };
 
-// Flow records that a queue exported, already post-processed and evaluated. The messages go
-// back to the queues once written, so that their records' buffers are reused. What a queue
-// holds at the end of input comes unevaluated instead (`final`): it is post-processed on the
-// export thread in the order of output, once every queue is done.
+// Flow records that a queue exported, already post-processed: the export thread takes their
+// fields' values and frees their slots, which needs nothing of the queue's state. The messages
+// go back to the queues once written, so that their vectors are reused. What a queue holds at
+// the end of input comes unprocessed instead (`final`): it is post-processed on the export
+// thread in the order of output, once every queue is done.
 struct Pipeline::ExportMsg {
-    std::vector<ExportedFlow> flows;  // the first `count` are in use
+    std::vector<FlowHandoff> flows;  // the first `count` are in use
     size_t count = 0;
     std::vector<FlowHandoff> held;
     bool final = false;
@@ -90,8 +91,9 @@ Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallba
                 m.held.push_back(std::move(f));
                 return;
             }
+            raw->exporter.postprocess(f);
             if (m.count == m.flows.size()) m.flows.emplace_back();
-            raw->exporter.run(f, m.flows[m.count++]);
+            m.flows[m.count++] = f;
         });
         workers_.push_back(std::move(w));
     }
@@ -196,13 +198,17 @@ void Pipeline::export_one(const ExportedFlow &flow) {
 }
 
 void Pipeline::exporter_main() {
+    Exporter exporter(host_, FillForms::Readable);
+    ExportedFlow out;
     std::vector<FlowHandoff> at_end;
     size_t finals = 0;
     while (finals < workers_.size()) {
         auto msg = export_->pop();
         if (!msg) break;
-        for (const auto &flow : std::span(msg->flows).first(msg->count))
-            export_one(flow);
+        for (auto &flow : std::span(msg->flows).first(msg->count)) {
+            exporter.export_postprocessed(flow, out);
+            export_one(out);
+        }
         if (msg->final) {
             ++finals;
             std::move(msg->held.begin(), msg->held.end(), std::back_inserter(at_end));
@@ -214,8 +220,6 @@ void Pipeline::exporter_main() {
     // queues held at the end nor what post-processing finds for it depends on how packets
     // were spread over queues.
     std::stable_sort(at_end.begin(), at_end.end(), end_order);
-    Exporter exporter(host_, FillForms::Readable);
-    ExportedFlow out;
     for (auto &flow : at_end) {
         exporter.run(flow, out);
         export_one(out);

@@ -127,9 +127,16 @@ class CsvWriter : public LineWriter {
 
     void write(const Row &row) override {
         line_.clear();
+        const auto &cols = columns();
         for (size_t i = 0; i < pick_.size(); ++i) {
             if (i) line_ += ',';
-            if (const auto &v = row[pick_[i]].value) append_csv_field(line_, *v);
+            const size_t k = pick_[i];
+            if (const auto &v = row[k].value) {
+                if (cols[k].verbatim)
+                    line_ += *v;
+                else
+                    append_csv_field(line_, *v);
+            }
         }
         emit();
     }
@@ -152,6 +159,8 @@ class JsonWriter : public LineWriter {
                 line_ += "null";
             else if (cols[k].number)
                 line_ += *row[k].value;
+            else if (cols[k].verbatim)
+                line_.append(1, '"').append(*row[k].value).append(1, '"');
             else
                 append_json_string(line_, *row[k].value);
         }

@@ -83,4 +83,29 @@ TEST(FlowFormat, Quoting) {
     EXPECT_EQ(json_string("\xc3\xa9"), "\"\xc3\xa9\"");
 }
 
+// Columns written without a look at their characters must never hold a separator or quote:
+// every value that the formatter can give a column with a comma or quote in it must come out
+// quoted.
+TEST(FlowFormat, WritersQuoteEveryColumnThatCanHoldSeparators) {
+    Row row(columns().size());
+    for (size_t k = 0; k < row.size(); ++k) {
+        const std::string name = columns()[k].name;
+        if (name == "smb_op") row[k].value = op_word(0x41);  // "opened,delete"
+        if (name == "smb_tree" || name == "smb_file_name") row[k].value = "a,\"b\"";
+    }
+    for (Format format : {Format::Csv, Format::Json}) {
+        char *text = nullptr;
+        size_t size = 0;
+        FILE *out = open_memstream(&text, &size);
+        make_writer(format, out)->write(row);
+        fclose(out);
+        const std::string line(text, size);
+        free(text);
+        const bool csv = format == Format::Csv;
+        const std::string body = csv ? line.substr(line.find('\n') + 1) : line;
+        EXPECT_NE(body.find("\"opened,delete\""), std::string::npos) << body;
+        EXPECT_NE(body.find(csv ? R"("a,""b""")" : R"("a,\"b\"")"), std::string::npos) << body;
+    }
+}
+
 }  // namespace
