@@ -211,7 +211,7 @@ ReadStatus Capture::next(Frame &frame) {
 }
 
 void Capture::interrupt() {
-    interrupted_ = true;
+    interrupted_ = 1;
     if (pcap_) pcap_breakloop(pcap_);
 }
 

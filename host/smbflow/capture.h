@@ -3,6 +3,7 @@
 // interface through libpcap, with an optional BPF filter. Timestamps come in nanoseconds.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -86,7 +87,7 @@ class Capture {
     std::string current_;
     std::string error_;
     bool filter_error_ = false;
-    volatile bool interrupted_ = false;
+    volatile sig_atomic_t interrupted_ = 0;  // set by the signal handler
 };
 
 }  // namespace smbflow
