@@ -8,7 +8,7 @@
 
 #include "golden.h"
 #include "run_command.h"
-#include "packet_builder.h"
+#include "smb_session.h"
 
 namespace {
 
@@ -37,20 +37,17 @@ TEST(SmbflowWithPlugin, GoldenOutputs) {
 
 TEST(SmbflowWithPlugin, FourQueuesGiveTheSameRecordsAsOne) {
     TempDir tmp;
-    std::vector<testnet::Packet> all;
+    std::vector<testnet::SessionSpec> sessions(40);
     for (int i = 0; i < 40; ++i) {
-        testnet::SessionSpec s;
+        testnet::SessionSpec &s = sessions[i];
         s.client = testnet::ipv4(10, 7, 0, static_cast<uint8_t>(1 + i));
         s.server = testnet::ipv4(10, 7, 1, static_cast<uint8_t>(1 + i % 3));
         s.client_port = static_cast<uint16_t>(50000 + i);
         s.start_ns = 1709632800ull * 1'000'000'000ull + i * 2'000'000ull;
         s.create_new = i % 2;
         s.file = "share\\f" + std::to_string(i);
-        auto p = testnet::smb2_session(s);
-        all.insert(all.end(), p.begin(), p.end());
     }
-    std::stable_sort(all.begin(), all.end(),
-                     [](const auto &a, const auto &b) { return a.ts_ns < b.ts_ns; });
+    const auto all = testnet::smb2_sessions(sessions);
     const std::string file = tmp.path("many.pcap");
     testnet::write_pcap(file, testnet::kEthernet, testnet::frames_of(testnet::kEthernet, all));
     auto one = smbflow({"-q", "-F", "csv", file});

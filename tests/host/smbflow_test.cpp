@@ -21,7 +21,7 @@
 
 #include "golden.h"
 #include "run_command.h"
-#include "packet_builder.h"
+#include "smb_session.h"
 
 namespace {
 
@@ -47,9 +47,9 @@ std::vector<std::string> lines(const std::string &text) {
 
 // Sessions of several clients, for link-type and queue tests.
 std::vector<Packet> many_sessions(int clients, bool v6 = false) {
-    std::vector<Packet> all;
+    std::vector<SessionSpec> sessions(clients);
     for (int i = 0; i < clients; ++i) {
-        SessionSpec s;
+        SessionSpec &s = sessions[i];
         s.client =
             v6 ? ipv6("fd00::" + std::to_string(100 + i)) : ipv4(10, 9, i / 200, 1 + i % 200);
         s.server = v6 ? ipv6("fd00::1") : ipv4(10, 9, 255, 1);
@@ -57,12 +57,8 @@ std::vector<Packet> many_sessions(int clients, bool v6 = false) {
         s.start_ns = kT0 + i * 3'000'000ull;
         s.create_new = i % 3 == 0;
         s.file = "dir" + std::to_string(i % 5) + "\\file" + std::to_string(i) + ".dat";
-        auto p = smb2_session(s);
-        all.insert(all.end(), p.begin(), p.end());
     }
-    std::stable_sort(all.begin(), all.end(),
-                     [](const Packet &a, const Packet &b) { return a.ts_ns < b.ts_ns; });
-    return all;
+    return smb2_sessions(sessions);
 }
 
 // One line of the summary, as smbflow prints it.
