@@ -256,15 +256,13 @@ TEST(Continuation, BothPortsConfiguredMeansClientToServer) {
 TEST(Continuation, Ipv6ClientsAreKeyedByTheirLast32Bits) {
     ParserHarness h;
     const uint8_t c1[16] = {0x20, 0x01, 0x0d, 0xb8, 1, 0, 0, 0, 0, 0, 0, 0, 10, 1, 2, 3};
-    uint8_t c2[16];
-    std::memcpy(c2, c1, 16);
-    c2[0] = 0xfd;  // another prefix, same last 32 bits
-    const uint8_t server[16] = {0x20, 0x01, 0x0d, 0xb8, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    h.ends() = Endpoints::v6(c1, 50000, server);
+    h.ends().ip_version = 6;
+    std::memcpy(h.ends().client.v6, c1, 16);
+    h.ends().server.v6[15] = 1;
     Packet first = h.to_server(split(single_write(3000), {1000})[0]);
     Record rec;
     ASSERT_EQ(h.parse(first, rec), 5);
-    h.ends() = Endpoints::v6(c2, 50000, server);
+    h.ends().client.v6[0] = 0xfd;  // another prefix, same last 32 bits
     Packet other = h.to_server(Bytes(100, 0));
     EXPECT_EQ(h.parse(other, rec), 0);
     EXPECT_EQ(rec->file_id, kFileA);

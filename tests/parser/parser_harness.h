@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 
@@ -39,23 +41,23 @@ struct Record {
 };
 
 // IPv4 address with the bytes in wire order.
-uint32_t ipv4(uint8_t a, uint8_t b, uint8_t c, uint8_t d);
+constexpr uint32_t ipv4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
+    const uint8_t bytes[4] = {a, b, c, d};
+    return std::bit_cast<uint32_t>(bytes);
+}
 
 // The two ends of a TCP connection.
 struct Endpoints {
     uint8_t ip_version = 4;
-    host_addr client{};
-    host_addr server{};
-    uint16_t client_port = 49152;
+    host_addr client{.v4 = ipv4(10, 1, 2, 3)};
+    host_addr server{.v4 = ipv4(10, 9, 9, 9)};
+    uint16_t client_port = 50000;
     uint16_t server_port = 445;
-
-    static Endpoints v4(uint32_t client, uint16_t client_port, uint32_t server,
-                        uint16_t server_port = 445);
-    static Endpoints v6(const uint8_t (&client)[16], uint16_t client_port,
-                        const uint8_t (&server)[16], uint16_t server_port = 445);
 };
 
 enum class Dir { to_server, to_client };
+
+inline constexpr uint64_t kSeed = 0x0123456789abcdefull;  // every packet's flow hash as built
 
 // A captured TCP packet: link, IP and TCP headers as filler, then the payload. The host
 // descriptor points into the packet's own bytes; the direction bit is 0 towards the server.
@@ -63,11 +65,26 @@ class Packet {
   public:
     static constexpr uint16_t kHeadersSize = 54;
 
-    Packet(const Endpoints &ends, Dir dir, const Bytes &payload);
+    // Returned by value only where the copy is elided: the descriptor points into bytes_.
+    Packet(const Endpoints &ends, Dir dir, const Bytes &payload)
+        : bytes_(kHeadersSize + payload.size(), 0) {
+        std::copy(payload.begin(), payload.end(), bytes_.begin() + kHeadersSize);
+        const bool to_server = dir == Dir::to_server;
+        pkt_.data = bytes_.data();
+        pkt_.length = uint16_t(bytes_.size());
+        pkt_.payload_offset = kHeadersSize;
+        pkt_.ip_version = ends.ip_version;
+        pkt_.protocol = 6;
+        pkt_.src_addr = to_server ? ends.client : ends.server;
+        pkt_.dst_addr = to_server ? ends.server : ends.client;
+        pkt_.src_port = to_server ? ends.client_port : ends.server_port;
+        pkt_.dst_port = to_server ? ends.server_port : ends.client_port;
+        pkt_.flags = to_server ? 0 : HOST_FLAG_DIRECTION;
+        pkt_.flow_hash = kSeed;
+        counters() = {1, bytes_.size()};
+    }
     Packet(const Packet &) = delete;
     Packet &operator=(const Packet &) = delete;
-    Packet(Packet &&other) noexcept;
-    Packet &operator=(Packet &&other) noexcept;
 
     host_packet &pkt() { return pkt_; }
     const uint8_t *payload() const { return bytes_.data() + kHeadersSize; }
@@ -102,8 +119,7 @@ inline void PrintTo(const Name &n, std::ostream *os) {
 
 class ParserHarness {
   public:
-    explicit ParserHarness(uint16_t port = 445)
-        : ends_(Endpoints::v4(ipv4(10, 1, 2, 3), 50000, ipv4(10, 9, 9, 9), 445)) {
+    explicit ParserHarness(uint16_t port = 445) {
         q_.port = port;
         q_.treetable = treetable_create(1024);
         q_.filetable = filetable_create(1024);
@@ -204,7 +220,5 @@ inline uint64_t fold_tree_file(uint64_t seed, uint32_t tree, uint64_t file) {
 inline uint64_t fold_message(uint64_t seed, uint64_t id) {
     return fold_le(seed, {{id, 8}});
 }
-
-inline constexpr uint64_t kSeed = 0x0123456789abcdefull;  // the builder's flow hash
 
 }  // namespace smb2test
