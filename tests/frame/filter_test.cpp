@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "fake_host.h"
+#include "mini_host.h"
 #include "frame_util.h"
 #include "smb2_builder.h"
 #include "smb_data_table.h"
@@ -49,7 +49,7 @@ Bytes no_header() {
 class Filter : public ::testing::Test {
   protected:
     void SetUp() override {
-        fake_host::reset();
+        mini_host::reset();
         int host = 0;
         ctx_ = static_cast<smb_plugin_ctx *>(process_smb_init(1, "filetable-size=1024", &host, 0));
         q_ = static_cast<smb_queue_ctx *>(process_smb_init_queue(1, ctx_, 0));

@@ -2,7 +2,7 @@
 // init registers with the host and in which order, and the shared tables it makes.
 #include <gtest/gtest.h>
 
-#include "fake_host.h"
+#include "mini_host.h"
 #include "smb_fields.h"
 #include "smb_data_table.h"
 #include "smb_file_table.h"
@@ -37,7 +37,7 @@ void PrintTo(const param_case &c, std::ostream *os) {
 
 class Parameters : public ::testing::TestWithParam<param_case> {
   protected:
-    void SetUp() override { fake_host::reset(); }
+    void SetUp() override { mini_host::reset(); }
 };
 
 TEST_P(Parameters, SetTheContext) {
@@ -110,10 +110,10 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto &info) { return std::to_string(info.index); });
 
 TEST(Init, RegistersFieldsThenFlowHooksWithTheNewContext) {
-    fake_host::reset();
+    mini_host::reset();
     int host = 0;
     void *ctx = process_smb_init(9, "filetable-size=1024", &host, 77);
-    const fake_host::state &h = fake_host::host();
+    const mini_host::state &h = mini_host::host();
     const Lines calls = {
         "corvane_getter_add SMB_CMD_REQUEST",
         "corvane_getter_add SMB_CMD_RESPONSE",
@@ -143,7 +143,7 @@ TEST(Init, RegistersFieldsThenFlowHooksWithTheNewContext) {
     };
     ASSERT_EQ(h.fields.size(), 6u);
     for (size_t i = 0; i < 6; ++i) {
-        const fake_host::field &f = h.fields[i];
+        const mini_host::field &f = h.fields[i];
         SCOPED_TRACE(f.name);
         EXPECT_EQ(f.host, &host);
         EXPECT_EQ(f.plugin_id, 9u);
@@ -157,7 +157,7 @@ TEST(Init, RegistersFieldsThenFlowHooksWithTheNewContext) {
     ASSERT_EQ(h.hooks.size(), 2u);
     EXPECT_EQ(h.hooks[0].fn, reinterpret_cast<void *>(&process_smb_postprocess));
     EXPECT_EQ(h.hooks[1].fn, reinterpret_cast<void *>(&process_smb_callback));
-    for (const fake_host::hook &hook : h.hooks) {
+    for (const mini_host::hook &hook : h.hooks) {
         EXPECT_EQ(hook.ctx, ctx);
         EXPECT_EQ(hook.plugin_id, 9u);
     }
@@ -165,7 +165,7 @@ TEST(Init, RegistersFieldsThenFlowHooksWithTheNewContext) {
 }
 
 TEST(Init, MakesTheSharedTablesOnlyAndShutdownSaysSo) {
-    fake_host::reset();
+    mini_host::reset();
     int host = 0;
     auto *ctx = static_cast<smb_plugin_ctx *>(
         process_smb_init(1, "treetable-size=3000,datatable-size=1449", &host, 0));

@@ -2,19 +2,19 @@
 // shared tables reached through the same handles, and the three queue hooks.
 #include <gtest/gtest.h>
 
-#include "fake_host.h"
+#include "mini_host.h"
 #include "smb_message_table.h"
 #include "smb_message_table2.h"
 
 namespace {
 
 TEST(Queue, CopiesTheContextAndOwnsItsMessageTables) {
-    fake_host::reset();
+    mini_host::reset();
     int host = 0;
     auto *ctx = static_cast<smb_plugin_ctx *>(process_smb_init(
         5, "port=139,filetable-size=1024,messagetable-size=3000,messagetable2-size=1000", &host,
         0));
-    fake_host::reset();
+    mini_host::reset();
     auto *q1 = static_cast<smb_queue_ctx *>(process_smb_init_queue(5, ctx, 1));
     auto *q2 = static_cast<smb_queue_ctx *>(process_smb_init_queue(5, ctx, 2));
 
@@ -41,12 +41,12 @@ TEST(Queue, CopiesTheContextAndOwnsItsMessageTables) {
         "corvane_hook_queue_filter", "corvane_hook_queue_update", "corvane_hook_queue_release",
         "corvane_hook_queue_filter", "corvane_hook_queue_update", "corvane_hook_queue_release",
     };
-    EXPECT_EQ(fake_host::host().calls, calls);
+    EXPECT_EQ(mini_host::host().calls, calls);
     const std::vector<void *> fns = {reinterpret_cast<void *>(&process_smb_filter),
                                      reinterpret_cast<void *>(&process_smb_update),
                                      reinterpret_cast<void *>(&process_smb_release)};
     for (size_t i = 0; i < 6; ++i) {
-        const fake_host::hook &h = fake_host::host().hooks[i];
+        const mini_host::hook &h = mini_host::host().hooks[i];
         EXPECT_EQ(h.ctx, i < 3 ? q1 : q2);
         EXPECT_EQ(h.plugin_id, 5u);
         EXPECT_EQ(h.fn, fns[i % 3]);
