@@ -9,6 +9,7 @@
 #include <bit>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "crc.h"
 #include "smb2_builder.h"
@@ -143,29 +144,30 @@ class ParserHarness {
     Packet to_server(const Bytes &payload) { return Packet(ends_, Dir::to_server, payload); }
     Packet to_client(const Bytes &payload) { return Packet(ends_, Dir::to_client, payload); }
 
-    int32_t parse(Packet &p, Record &rec) {
-        return smb_parse_packet(&p.pkt(), &rec.rec, &q_, p.payload());
-    }
-    // Frames one message or chain and sends it in the direction its first header names.
-    int32_t send(const Bytes &smb2, Record &rec, uint64_t *hash = nullptr) {
-        const bool response = smb2.size() > 16 && (smb2[16] & kResponse);
-        Packet p = response ? to_client(session(smb2)) : to_server(session(smb2));
-        const int32_t r = parse(p, rec);
-        if (hash) *hash = p.pkt().flow_hash;
+    // Parses one packet. Its record and flow hash stay until the next parse.
+    int32_t parse(Packet &p) {
+        rec_ = std::make_unique<Record>();
+        const int32_t r = smb_parse_packet(&p.pkt(), &rec_->rec, &q_, p.payload());
+        hash_ = p.pkt().flow_hash;
         return r;
     }
-    int32_t send(const Message &m, Record &rec, uint64_t *hash = nullptr) {
-        return send(encode(m), rec, hash);
+    int32_t parse_to_server(const Bytes &payload) {
+        Packet p = to_server(payload);
+        return parse(p);
     }
-    // Parses and forgets the record.
-    int32_t send(const Message &m) {
-        Record rec;
-        return send(m, rec);
+    int32_t parse_to_client(const Bytes &payload) {
+        Packet p = to_client(payload);
+        return parse(p);
     }
+    // Frames one message or chain and sends it in the direction its first header names.
     int32_t send(const Bytes &smb2) {
-        Record rec;
-        return send(smb2, rec);
+        const bool response = smb2.size() > 16 && (smb2[16] & kResponse);
+        Packet p = response ? to_client(session(smb2)) : to_server(session(smb2));
+        return parse(p);
     }
+    int32_t send(const Message &m) { return send(encode(m)); }
+    Record &rec() { return *rec_; }
+    uint64_t hash() const { return hash_; }
 
     // Table views.
     const uint8_t *message_name(uint64_t id, uint8_t *op = nullptr, uint32_t *tree = nullptr,
@@ -200,6 +202,8 @@ class ParserHarness {
   private:
     Endpoints ends_;
     smb_queue_ctx q_{};
+    std::unique_ptr<Record> rec_ = std::make_unique<Record>();
+    uint64_t hash_ = 0;
 };
 
 // Expected hash folds, computed from the bytes that should be folded.
