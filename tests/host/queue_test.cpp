@@ -108,17 +108,6 @@ TEST_F(FakeHostTest, UpdateHookLeavesAFlowWithoutRecordAfterTenPackets) {
     EXPECT_EQ(stats().records_alive, 0);
 }
 
-TEST_F(FakeHostTest, TenPacketsKeepTheUpdateHook) {
-    for (int i = 0; i < 10; ++i)
-        send(i % 2 == 0, kT0 + i, "");
-    send(true, kT0 + 20, "data");
-    EXPECT_EQ(stats().update_removals, 0u);
-    queue->flush();
-    auto flows = export_all();
-    ASSERT_EQ(flows.size(), 1u);
-    EXPECT_EQ(flows[0].fields[kBytes].number(), 4u);
-}
-
 TEST_F(FakeHostTest, FlowsLeftInTheQueueAreFreedWithoutExport) {
     send(true, kT0, "a");
     send(true, kT0 + 1, "b", 50001);
