@@ -29,15 +29,18 @@ class Update : public ::testing::Test {
     smb_queue_ctx queue_{};
 };
 
-TEST_F(Update, FirstRecordMovesIntoTheFlow) {
+TEST_F(Update, FirstRecordMovesIntoTheFlowAndStays) {
     host_flow_record flow = flow_between(50000, 445, 30, 30);
     host_packet pkt = packet(true);
     smb_flow_data *rec = frame_test::smb2_record(0x20ff);
-    owned_slot pkt_slot(rec), flow_slot;
+    owned_slot pkt_slot(rec), flow_slot, empty;
     EXPECT_EQ(update(pkt, flow, pkt_slot, flow_slot), rec);
     EXPECT_EQ(flow_slot.slot, rec);
     EXPECT_EQ(pkt_slot.slot, nullptr);
     EXPECT_EQ(flow.flags, HOST_FLAG_SMB_RECORD);
+    host_packet answer = packet(false);  // a packet without record leaves it
+    EXPECT_EQ(update(answer, flow, empty, flow_slot), rec);
+    EXPECT_EQ(rec->commands[0], 0x20ffu);
     EXPECT_TRUE(mini_host::host().removals.empty());  // a record wins over the packet count
 }
 
@@ -160,15 +163,6 @@ TEST_F(Update, Smb1AnswerSetsTheResponseWordOnlyWhileTheOtherSideIsUncounted) {
         EXPECT_EQ(flow_slot.rec()->commands[0], 0x72u);
         EXPECT_EQ(flow_slot.rec()->commands[1], c.expected);
     }
-}
-
-TEST_F(Update, PacketWithoutRecordLeavesTheFlowRecord) {
-    host_flow_record flow = flow_between(50000, 445, 40, 40);
-    owned_slot flow_slot(frame_test::smb2_record(0x20ff)), pkt_slot;
-    host_packet pkt = packet(false);
-    EXPECT_EQ(update(pkt, flow, pkt_slot, flow_slot), flow_slot.slot);
-    EXPECT_EQ(flow_slot.rec()->commands[0], 0x20ffu);
-    EXPECT_TRUE(mini_host::host().removals.empty());
 }
 
 TEST(Release, CopiesOnlyWhenAskedAndTheSourceHoldsARecord) {

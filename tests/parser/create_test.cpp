@@ -31,43 +31,38 @@ struct CaptureCase {
     size_t keep_from, keep_to;  // kept bytes of the input
 };
 
-TEST(NameCapture, HeadKeepsTheBeginning) {
-    const CaptureCase cases[] = {
-        {1, {}, 0, 1},      {126, {}, 0, 126},  {127, {}, 0, 127},
-        {128, {}, 0, 126},  {130, {}, 0, 126},  {130, 124, 0, 124},  // 63rd unit is high half
-        {130, 122, 0, 126}, {128, 124, 0, 124}, {127, 122, 0, 127},
-    };
+// Each case's input, copied by `copy` over a buffer of 0xcc, keeps bytes [keep_from, keep_to)
+// with zeros behind them.
+void expect_kept(void (*copy)(const uint8_t *, uint16_t, uint8_t *),
+                 std::initializer_list<CaptureCase> cases) {
     for (const auto &c : cases) {
         const Bytes in = name_bytes(c.length, c.surrogate_at);
         Name out;
         out.bytes.fill(0xcc);
-        smb2_copy_name_head(in.data(), uint16_t(in.size()), out.bytes.data());
+        copy(in.data(), uint16_t(in.size()), out.bytes.data());
         EXPECT_EQ(out, slice(in, c.keep_from, c.keep_to)) << c.length;
     }
 }
 
-TEST(NameCapture, TailKeepsTheEnd) {
-    const CaptureCase cases[] = {
-        {1, {}, 0, 1},
-        {126, {}, 0, 126},
-        {127, {}, 0, 127},
-        {128, {}, 2, 128},
-        {130, {}, 4, 130},
-        {200, {}, 74, 200},
-        {200, 72, 76, 200},  // the unit 128 bytes before the
-                             // end is a high half
-        {130, 2, 6, 130},
-        {128, 0, 4, 128},
-        {200, 74, 74, 200},  // pair kept whole
-    };
-    for (const auto &c : cases) {
-        const Bytes in = name_bytes(c.length, c.surrogate_at);
-        Name out;
-        out.bytes.fill(0xcc);
-        smb2_copy_name_tail(in.data(), uint16_t(in.size()), out.bytes.data());
-        EXPECT_EQ(out, slice(in, c.keep_from, c.keep_to)) << c.length;
-    }
+// clang-format off
+TEST(NameCapture, HeadKeepsTheBeginning) {
+    expect_kept(smb2_copy_name_head, {
+        {1, {}, 0, 1},      {126, {}, 0, 126},  {127, {}, 0, 127},
+        {128, {}, 0, 126},  {130, {}, 0, 126},  {130, 124, 0, 124},  // 63rd unit is high half
+        {130, 122, 0, 126}, {128, 124, 0, 124}, {127, 122, 0, 127},
+    });
 }
+
+TEST(NameCapture, TailKeepsTheEnd) {
+    expect_kept(smb2_copy_name_tail, {
+        {1, {}, 0, 1},       {126, {}, 0, 126}, {127, {}, 0, 127}, {128, {}, 2, 128},
+        {130, {}, 4, 130},   {200, {}, 74, 200},
+        {200, 72, 76, 200},  // the unit 128 bytes before the end is a high half
+        {130, 2, 6, 130},    {128, 0, 4, 128},
+        {200, 74, 74, 200},  // pair kept whole
+    });
+}
+// clang-format on
 
 TEST(TreeConnect, PathTravelsFromRequestToTreeTable) {
     ParserHarness h;
@@ -141,19 +136,15 @@ struct FailureCase {
 };
 
 TEST(Create, FailureCodes) {
+    // clang-format off
     const FailureCase cases[] = {
-        {{}, 0, 0xbf},
-        {FILE_SUPERSEDE, 0, 0x80},
-        {FILE_OPEN, 0, 0x81},
-        {FILE_CREATE, 0, 0x82},
-        {FILE_OPEN_IF, 0, 0x84},
-        {FILE_OVERWRITE, 0, 0x83},
-        {FILE_OVERWRITE_IF, 0, 0x85},
-        {FILE_SUPERSEDE, kFileDeleteOnClose, 0xc0},
-        {FILE_OPEN_IF, kFileDeleteOnClose, 0xc4},
+        {{}, 0, 0xbf}, {FILE_SUPERSEDE, 0, 0x80}, {FILE_OPEN, 0, 0x81}, {FILE_CREATE, 0, 0x82},
+        {FILE_OPEN_IF, 0, 0x84}, {FILE_OVERWRITE, 0, 0x83}, {FILE_OVERWRITE_IF, 0, 0x85},
+        {FILE_SUPERSEDE, kFileDeleteOnClose, 0xc0}, {FILE_OPEN_IF, kFileDeleteOnClose, 0xc4},
         {FILE_OVERWRITE, kFileDeleteOnClose, 0xc3},
         {FILE_OVERWRITE_IF, kFileDeleteOnClose | kFileNonDirectory, 0xc5},
     };
+    // clang-format on
     for (const auto &c : cases) {
         ParserHarness h;
         if (c.disposition) {
