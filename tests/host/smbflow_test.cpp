@@ -37,14 +37,6 @@ CommandResult smbflow(std::vector<std::string> args) {
     return run_command(args);
 }
 
-std::vector<std::string> lines(const std::string &text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        out.push_back(line);
-    return out;
-}
-
 // Sessions of several clients, for link-type and queue tests.
 std::vector<Packet> many_sessions(int clients, bool v6 = false) {
     std::vector<SessionSpec> sessions(clients);
@@ -124,7 +116,7 @@ TEST_P(SmbflowLinks, GiveTheSameRecordsAsEthernet) {
         auto actual = smbflow({"--plugin", FAKE_PLUGIN, "-F", "csv", file});
         ASSERT_EQ(actual.status, 0) << actual.err;
         EXPECT_EQ(actual.out, expected.out) << GetParam().name << (v6 ? " v6" : " v4");
-        EXPECT_EQ(lines(actual.out).size(), 4u);
+        EXPECT_EQ(lines_of(actual.out).size(), 4u);
         EXPECT_NE(actual.err.find(summary_line("packets read", std::to_string(packets.size()))),
                   std::string::npos)
             << actual.err;
@@ -187,7 +179,7 @@ TEST_F(Smbflow, MappedFilesGiveWhatLibpcapGives) {
             const auto piped =
                 run_command({"/bin/sh", "-c", SMBFLOW + args + "- < " + tmp.path(file)});
             ASSERT_EQ(mapped.status, 0) << file << mapped.err;
-            EXPECT_GT(lines(mapped.out).size(), 1000u) << file;
+            EXPECT_GT(lines_of(mapped.out).size(), 1000u) << file;
             // A named nanosecond file keeps nine digits; standard input cannot be looked at
             // ahead and keeps six.
             const std::string six =
@@ -208,7 +200,7 @@ TEST_F(Smbflow, FieldsChooseAndOrderTheColumns) {
         auto r = smbflow(
             {"--no-plugin", "-q", "-F", c.format, "--fields", "dst_port,src_addr", kSample});
         ASSERT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(lines(r.out).at(0).substr(0, strlen(c.first_line)), c.first_line) << c.format;
+        EXPECT_EQ(lines_of(r.out).at(0).substr(0, strlen(c.first_line)), c.first_line) << c.format;
     }
 }
 
@@ -263,18 +255,18 @@ TEST_F(Smbflow, TimeoutsFollowCaptureTimestamps) {
     // Which flow ends when and why is the queue's (queue_test.cpp); here the default timeouts
     // (30 s idle, 300 s active) and the options reach it, and a nanosecond capture keeps nine
     // digits (a microsecond one six, as the sample's goldens show).
-    EXPECT_EQ(lines(r.out).size(), 4u) << r.out;
-    EXPECT_EQ(lines(r.out).at(1).substr(0, 31), "2024-03-05T10:00:00.000000000Z,");
+    EXPECT_EQ(lines_of(r.out).size(), 4u) << r.out;
+    EXPECT_EQ(lines_of(r.out).at(1).substr(0, 31), "2024-03-05T10:00:00.000000000Z,");
     auto shorter = smbflow({"--no-plugin", "-q", "-F", "csv", "--inactive-timeout", "5",
                             "--active-timeout", "1000", file});
-    EXPECT_EQ(lines(shorter.out).size(), 1u + 20) << "every packet 10 s or more apart";
+    EXPECT_EQ(lines_of(shorter.out).size(), 1u + 20) << "every packet 10 s or more apart";
 }
 
 TEST_F(Smbflow, FilterAndCountLimitTheInput) {
     auto udp = smbflow({"--no-plugin", "-q", "-F", "csv", "-f", "udp", kSample});
     ASSERT_EQ(udp.status, 0) << udp.err;
-    ASSERT_EQ(lines(udp.out).size(), 2u);
-    EXPECT_NE(lines(udp.out)[1].find(",53001,192.168.56.1,53,17,1,"), std::string::npos);
+    ASSERT_EQ(lines_of(udp.out).size(), 2u);
+    EXPECT_NE(lines_of(udp.out)[1].find(",53001,192.168.56.1,53,17,1,"), std::string::npos);
     auto counted = smbflow({"--no-plugin", "-F", "csv", "-c", "3", kSample});
     EXPECT_NE(counted.err.find(summary_line("packets read", "3")), std::string::npos)
         << counted.err;
@@ -419,7 +411,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, SmbflowErrors, testing::ValuesIn(kErrorCases),
 TEST_F(Smbflow, RecordsBeforeAnUnreadableFileAreStillWritten) {
     auto m = smbflow({"--no-plugin", "-F", "csv", kSample, tmp.path("gone.pcap")});
     EXPECT_EQ(m.status, 1);
-    EXPECT_EQ(lines(m.out).size(), 4u);
+    EXPECT_EQ(lines_of(m.out).size(), 4u);
 }
 
 // smbflow started in the background with these arguments (its standard error discarded).
@@ -496,7 +488,7 @@ TEST_P(SmbflowSignals, EndAReadFromAFifoOrStandardInputCleanly) {
     close(fd);
     ASSERT_TRUE(WIFEXITED(wstatus)) << "signal " << WTERMSIG(wstatus);
     EXPECT_EQ(WEXITSTATUS(wstatus), 0);
-    EXPECT_EQ(lines(read_file(out)).size(), 8u) << "the header and every flow record";
+    EXPECT_EQ(lines_of(read_file(out)).size(), 8u) << "the header and every flow record";
 }
 
 INSTANTIATE_TEST_SUITE_P(IntTermHup, SmbflowSignals,
