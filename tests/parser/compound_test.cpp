@@ -48,7 +48,7 @@ TEST(RelatedChain, RequestChainLinksItsMessagesToTheCreateAndTheResponseSpreadsT
     EXPECT_EQ(h.hash(), fold_tree_file(kSeed, kTree, kFile));  // the first message only
     EXPECT_EQ(h.message2_file(11), kFile);
     EXPECT_EQ(h.message2_file(12), kFile);
-    EXPECT_EQ(h.file(kFile).name, Name::of(kName));
+    EXPECT_EQ(h.file(kFile).name, name_of(kName));
 }
 
 TEST(RelatedChain, DeleteInTheChainMarksTheOperation) {
@@ -106,10 +106,10 @@ TEST(RelatedChain, LaterTreeConnectAndCreateParkTheirCommandBits) {
     EXPECT_EQ(h.rec()->file_id, kFile);
     EXPECT_EQ(h.rec()->commands[0], kCmdLow | bit(NEGOTIATE) | bit(TREE_CONNECT) | bit(CREATE));
     uint32_t pending[2] = {};
-    EXPECT_EQ(Name::of(h.tree_name(kTree, pending)), Name::of(share));  // the first's TreeId
+    EXPECT_EQ(name_of(h.tree_name(kTree, pending)), name_of(share));  // the first's TreeId
     EXPECT_EQ(pending[1], 0x800u);
     const auto f = h.file(kFile);
-    EXPECT_EQ(f.name, Name::of(kName));
+    EXPECT_EQ(f.name, name_of(kName));
     EXPECT_EQ(f.pending[1], 0x2000u);
 }
 
@@ -229,10 +229,10 @@ TEST(UnrelatedChain, LaterTreeConnectAndCreate) {
                    async_response(CREATE, 3, 4, create_response_body(FILE_OPENED, 0, kFile))})),
               0);
     uint32_t pending[2] = {};
-    EXPECT_EQ(Name::of(h.tree_name(kTree, pending)), Name::of(share));
+    EXPECT_EQ(name_of(h.tree_name(kTree, pending)), name_of(share));
     EXPECT_EQ(pending[1], 0x800u);
     const auto f = h.file(kFile);
-    EXPECT_EQ(f.name, Name::of(kName));
+    EXPECT_EQ(f.name, name_of(kName));
     EXPECT_EQ(f.op, 0x41);
     EXPECT_EQ(f.type, 2);
     EXPECT_EQ(f.pending[1], 0x2000u);

@@ -22,7 +22,7 @@ Bytes name_bytes(size_t length, std::optional<size_t> surrogate_at = {}) {
 }
 
 Name slice(const Bytes &b, size_t from, size_t to) {
-    return Name::of(Bytes(b.begin() + from, b.begin() + to));
+    return name_of(Bytes(b.begin() + from, b.begin() + to));
 }
 
 struct CaptureCase {
@@ -38,8 +38,8 @@ void expect_kept(void (*copy)(const uint8_t *, uint16_t, uint8_t *),
     for (const auto &c : cases) {
         const Bytes in = name_bytes(c.length, c.surrogate_at);
         Name out;
-        out.bytes.fill(0xcc);
-        copy(in.data(), uint16_t(in.size()), out.bytes.data());
+        out.fill(0xcc);
+        copy(in.data(), uint16_t(in.size()), out.data());
         EXPECT_EQ(out, slice(in, c.keep_from, c.keep_to)) << c.length;
     }
 }
@@ -71,7 +71,7 @@ TEST(TreeConnect, PathTravelsFromRequestToTreeTable) {
     EXPECT_EQ(h.hash(), kSeed);
     uint8_t op = 0;
     uint32_t tree = 99;
-    EXPECT_EQ(Name::of(h.message_name(2, &op, &tree)), slice(path, 0, 124));
+    EXPECT_EQ(name_of(h.message_name(2, &op, &tree)), slice(path, 0, 124));
     EXPECT_EQ(op, 255);
     EXPECT_EQ(tree, 0u);
     EXPECT_EQ(h.send(response(TREE_CONNECT, 2, kTree, tree_connect_response_body())), 0);
@@ -79,14 +79,14 @@ TEST(TreeConnect, PathTravelsFromRequestToTreeTable) {
     EXPECT_EQ(h.rec()->commands[1], kCmdLow | 0x800);
     EXPECT_EQ(h.hash(), fold_tree(kSeed, kTree));
     uint32_t pending[2] = {1, 1};
-    EXPECT_EQ(Name::of(h.tree_name(kTree, pending)), slice(path, 0, 124));
+    EXPECT_EQ(name_of(h.tree_name(kTree, pending)), slice(path, 0, 124));
     EXPECT_EQ(pending[1], 0u);  // a message of its own parks no masks
 }
 
 TEST(TreeConnect, EmptyPathIsStoredButNeverReachesTheTreeTable) {
     ParserHarness h;
     EXPECT_EQ(h.send(request(TREE_CONNECT, 2, 0, tree_connect_request_body({}))), 2);
-    EXPECT_EQ(Name::of(h.message_name(2)), Name{});
+    EXPECT_EQ(name_of(h.message_name(2)), Name{});
     EXPECT_EQ(h.send(response(TREE_CONNECT, 2, kTree, tree_connect_response_body())), 0);
     EXPECT_EQ(h.tree_name(kTree), nullptr);
     EXPECT_EQ(h.hash(), fold_tree(kSeed, kTree));
@@ -114,7 +114,7 @@ TEST(Create, RequestIsStoredWithItsOperation) {
     EXPECT_EQ(h.rec()->op, 0x43);
     uint8_t op = 0;
     uint32_t tree = 0;
-    EXPECT_EQ(Name::of(h.message_name(10, &op, &tree)), slice(name, 74, 200));
+    EXPECT_EQ(name_of(h.message_name(10, &op, &tree)), slice(name, 74, 200));
     EXPECT_EQ(op, 0x43);
     EXPECT_EQ(tree, kTree);
 }
@@ -161,7 +161,7 @@ TEST(Create, FailureCodes) {
         EXPECT_EQ(h.hash(), fold_message(fold_tree_file(kSeed, kTree, 0), 20));
         if (c.disposition) {
             ASSERT_NE(h.rec()->file_name, nullptr);
-            EXPECT_EQ(Name::of(h.rec()->file_name), Name::of(utf16(std::string_view("a.txt"))));
+            EXPECT_EQ(name_of(h.rec()->file_name), name_of(utf16(std::string_view("a.txt"))));
         } else {
             EXPECT_EQ(h.rec()->file_name, nullptr);
         }
@@ -195,7 +195,7 @@ TEST(Create, SuccessFilesTheNameWithTypeAndOperation) {
         EXPECT_EQ(h.hash(), fold_tree_file(kSeed, kTree, kFile));
         const auto f = h.file(kFile);
         ASSERT_TRUE(f.found);
-        EXPECT_EQ(f.name, Name::of(name));
+        EXPECT_EQ(f.name, name_of(name));
         EXPECT_EQ(f.op, c.op);
         EXPECT_EQ(f.type, c.type);
         EXPECT_EQ(f.name_empty, 0);

@@ -19,6 +19,7 @@
 #include "smb_message_table2.h"
 #include "smb_parser.h"
 #include "smb_tree_table.h"
+#include "support/names.h"
 #include "host_interface.h"
 
 namespace smb2test {
@@ -98,25 +99,8 @@ class Packet {
     host_packet pkt_{};
 };
 
-struct Name {
-    std::array<uint8_t, 128> bytes{};
-    static Name of(const Bytes &b) {
-        Name n;
-        std::memcpy(n.bytes.data(), b.data(), std::min<size_t>(b.size(), 128));
-        return n;
-    }
-    static Name of(const void *p) {
-        Name n;
-        if (p) std::memcpy(n.bytes.data(), p, 128);
-        return n;
-    }
-    bool operator==(const Name &) const = default;
-};
-
-inline void PrintTo(const Name &n, std::ostream *os) {
-    for (uint8_t b : n.bytes)
-        *os << std::hex << int(b) << ' ';
-}
+using testnames::Name;
+using testnames::name_of;
 
 class ParserHarness {
   public:
@@ -192,7 +176,7 @@ class ParserHarness {
         const uint8_t *n = filetable_get_file(q_.filetable, client(), client_port(), file_id,
                                               &v.type, &v.op, v.pending, &v.name_empty);
         v.found = n != nullptr;
-        v.name = Name::of(n);
+        v.name = name_of(n);
         return v;
     }
     int delete_flag(uint64_t file_id, uint8_t selector) {

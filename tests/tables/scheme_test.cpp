@@ -135,7 +135,7 @@ struct MessageTable {
         uint32_t tree = 0xeeee, cmds = 0xeeee;
         uint64_t linked = 0xeeee;
         const uint8_t *p = messagetable_get_name(t, 1, 2, id, &op, &tree, &cmds, &linked);
-        return {p != nullptr, p ? copy_name(p) : Name{}, {op, tree, cmds, linked}};
+        return {p != nullptr, name_of(p), {op, tree, cmds, linked}};
     }
 };
 
@@ -158,7 +158,7 @@ struct FileTable {
         uint32_t masks[2] = {0xeeee, 0xeeee};
         const uint8_t *p = filetable_get_file(t, 1, 2, id, &type, &op, masks, &empty);
         return {p != nullptr,
-                p ? copy_name(p) : Name{},
+                name_of(p),
                 {type, op, empty, masks[0], masks[1], filetable_get_tree_id(t, 1, 2, id),
                  uint64_t(filetable_get_delete_flag(t, 1, 2, id, 0)),
                  uint64_t(filetable_get_delete_flag(t, 1, 2, id, 1))}};
@@ -227,7 +227,7 @@ TEST(InsertRule, AddressAndPortArePartOfTheKey) {
     for (auto [addr, port, name] : {std::tuple{1u, 2, a}, {1u, 3, b}, {9u, 2, c}}) {
         const uint8_t *p = treetable_get_tree(t, addr, uint16_t(port), 5, nullptr);
         ASSERT_NE(p, nullptr);
-        EXPECT_EQ(copy_name(p), name);
+        EXPECT_EQ(name_of(p), name);
     }
     treetable_free(t);
 }
