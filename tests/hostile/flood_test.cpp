@@ -48,19 +48,11 @@ int64_t occupied(const Table *t) {
 // The plug-in with one queue; frames go through the filter hook as a host would hand them.
 class plugin_under_flood {
   public:
-    explicit plugin_under_flood(const char *params) {
-        ctx_ = static_cast<smb_plugin_ctx *>(process_smb_init(1, params, nullptr, 0));
-        q_ = static_cast<smb_queue_ctx *>(process_smb_init_queue(1, ctx_, 0));
-    }
-    ~plugin_under_flood() {
-        process_smb_shutdown_queue(q_);
-        process_smb_shutdown(ctx_);
-        mini_host::reset();
-    }
+    explicit plugin_under_flood(const char *params) : plugin_(params) {}
     synth::frame_sink sink() {
         return [this](std::span<const uint8_t> frame) { packet(frame); };
     }
-    smb_queue_ctx *queue() const { return q_; }
+    smb_queue_ctx *queue() const { return plugin_.queue; }
 
   private:
     void packet(std::span<const uint8_t> frame) {
@@ -73,12 +65,11 @@ class plugin_under_flood {
         pkt.flags = static_cast<uint16_t>(d);
         pkt.dir_counters[d] = {1, frame.size()};
         host_slot slot = nullptr;
-        process_smb_filter(q_, &pkt, nullptr, &slot);
+        process_smb_filter(plugin_.queue, &pkt, nullptr, &slot);
         process_smb_callback(nullptr, &slot);
     }
 
-    smb_plugin_ctx *ctx_;
-    smb_queue_ctx *q_;
+    mini_host::plugin plugin_;
 };
 
 struct flood {

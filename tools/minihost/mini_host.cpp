@@ -37,6 +37,16 @@ bool update_removed(const host_flow_record *flow) {
                        [flow](const removal &r) { return r.flow == flow; });
 }
 
+plugin::plugin(const char *params)
+    : ctx(static_cast<smb_plugin_ctx *>(process_smb_init(1, params, nullptr, 0))),
+      queue(static_cast<smb_queue_ctx *>(process_smb_init_queue(1, ctx, 0))) {}
+
+plugin::~plugin() {
+    process_smb_shutdown_queue(queue);
+    process_smb_shutdown(ctx);
+    reset();
+}
+
 void export_flow(host_flow_record *flow, host_slot *slot) {
     for (const field &f : g_state.fields) {
         (void)f.length(nullptr, flow, slot);

@@ -65,6 +65,17 @@ void reset();
 // Whether corvane_hook_update_remove was called for this flow record since the last reset.
 bool update_removed(const host_flow_record *flow);
 
+// The plug-in with one queue, set up through its own init hooks with the given parameters as
+// a host runs it; shut down, and this host's records cleared, when it goes.
+struct plugin {
+    explicit plugin(const char *params = nullptr);
+    ~plugin();
+    plugin(const plugin &) = delete;
+    plugin &operator=(const plugin &) = delete;
+    smb_plugin_ctx *ctx;
+    smb_queue_ctx *queue;
+};
+
 // Runs every field's callbacks on one flow, as the host does at export.
 void export_flow(host_flow_record *flow, host_slot *slot);
 
