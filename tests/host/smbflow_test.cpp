@@ -123,15 +123,14 @@ TEST_P(SmbflowLinks, GiveTheSameRecordsAsEthernet) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Captures, SmbflowLinks,
-                         testing::Values(LinkCase{"ethernet_vlan", kEthernet, 1, false},
-                                         LinkCase{"ethernet_qinq_pcapng", kEthernet, 2, true},
-                                         LinkCase{"sll", kSll, 0, false},
-                                         LinkCase{"sll2", kSll2, 0, true},
-                                         LinkCase{"raw", kRaw, 0, false},
-                                         LinkCase{"null", kNull, 0, false},
-                                         LinkCase{"loop", kLoop, 0, true}),
-                         [](const auto &info) { return std::string(info.param.name); });
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Captures, SmbflowLinks, testing::Values(
+    LinkCase{"ethernet_vlan", kEthernet, 1, false}, LinkCase{"qinq_pcapng", kEthernet, 2, true},
+    LinkCase{"sll", kSll, 0, false}, LinkCase{"sll2", kSll2, 0, true},
+    LinkCase{"raw", kRaw, 0, false}, LinkCase{"null", kNull, 0, false},
+    LinkCase{"loop", kLoop, 0, true}),
+    [](const auto &info) { return std::string(info.param.name); });
+// clang-format on
 
 // A capture of several mapping windows: the committed captures again and again, each copy
 // 1000 s after the one before. `big_endian` writes it as a big-endian nanosecond pcap file.

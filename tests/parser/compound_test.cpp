@@ -201,14 +201,6 @@ TEST(UnrelatedChain, LaterSetInfoResponseRecordsTheDeleteOutcome) {
     }
 }
 
-TEST(UnrelatedChain, LaterResponsesOfUnknownRequestsReportUnderFileIdZero) {
-    ParserHarness h;
-    ASSERT_EQ(h.send(compound({response(ECHO, 1, 0, response_body(ECHO)),
-                               async_response(CLOSE, 2, 5, response_body(CLOSE))})),
-              0);
-    EXPECT_EQ(h.file(0).pending[1], kCmdLow | bit(CLOSE));
-}
-
 TEST(UnrelatedChain, LaterTreeConnectAndCreate) {
     ParserHarness h;
     const Bytes share = utf16(std::string_view("\\\\srv\\data"));
@@ -281,7 +273,7 @@ TEST(Chains, MalformedNextCommand) {
                 EXPECT_EQ(h.message2_file(1), 0u);
                 EXPECT_EQ(h.message2_file(2), 0xBu);
                 EXPECT_EQ(h.message2_file(3), 0xCu);
-            } else {
+            } else {  // responses to requests never seen report under file id 0
                 EXPECT_EQ(h.file(0).pending[1], kCmdLow | bit(CLOSE));
             }
         }

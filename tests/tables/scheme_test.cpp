@@ -42,16 +42,14 @@ TEST_P(Sizing, NearestPowerOfTwoTieUpAtLeast1024) {
     check(datatable_create(requested), datatable_free);
 }
 
-INSTANTIATE_TEST_SUITE_P(Boundaries, Sizing,
-                         ::testing::Values(SizingCase{0, 1024}, SizingCase{-5, 1024},
-                                           SizingCase{INT32_MIN, 1024}, SizingCase{1, 1024},
-                                           SizingCase{1000, 1024}, SizingCase{1448, 1024},
-                                           SizingCase{1449, 2048}, SizingCase{2896, 2048},
-                                           SizingCase{2897, 4096}, SizingCase{65536, 65536},
-                                           SizingCase{1048576, 1048576},
-                                           SizingCase{1518500249, int64_t{1} << 30},
-                                           SizingCase{1518500250, int64_t{1} << 31},
-                                           SizingCase{INT32_MAX, int64_t{1} << 31}));
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Boundaries, Sizing, ::testing::Values(
+    SizingCase{0, 1024}, SizingCase{-5, 1024}, SizingCase{INT32_MIN, 1024}, SizingCase{1, 1024},
+    SizingCase{1000, 1024}, SizingCase{1448, 1024}, SizingCase{1449, 2048}, SizingCase{2896, 2048},
+    SizingCase{2897, 4096}, SizingCase{65536, 65536}, SizingCase{1048576, 1048576},
+    SizingCase{1518500249, int64_t{1} << 30}, SizingCase{1518500250, int64_t{1} << 31},
+    SizingCase{INT32_MAX, int64_t{1} << 31}));
+// clang-format on
 
 TEST(SizingDeathTest, TwoToThe31SlotsEndTheProcessAsAnAllocationFailure) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
