@@ -32,8 +32,8 @@ int main(int argc, char **argv) {
     const char *params = argc > 3 ? argv[3] : nullptr;
 
     const size_t at_start = heap_in_use();
-    auto *ctx = static_cast<smb_plugin_ctx *>(process_smb_init(1, params, nullptr, 0));
-    auto *q = static_cast<smb_queue_ctx *>(process_smb_init_queue(1, ctx, 0));
+    mini_host::plugin plugin(params);
+    smb_queue_ctx *q = plugin.queue;
     const size_t empty = heap_in_use();
 
     synth::open_files(
@@ -63,7 +63,5 @@ int main(int argc, char **argv) {
            held ? double(full - empty) / double(held) +
                       double(q->filetable->size) * sizeof(void *) / double(held)
                 : 0.0);
-    process_smb_shutdown_queue(q);
-    process_smb_shutdown(ctx);
     return 0;
 }

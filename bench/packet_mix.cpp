@@ -79,6 +79,7 @@ void append(mix &m, const std::vector<packet> &packets, bool (*keep)(const packe
 }  // namespace
 
 std::vector<mix> load_mixes(const std::string &dir) {
+    g_CvLogCtx.level = CVLOG_WARN;  // the plug-in's notices stay out of the figures
     auto read = [&](const char *name) { return read_packets(dir + "/" + name); };
     const auto large_io = read("large_io.pcap");
     const auto compound = read("compound.pcap");
@@ -112,18 +113,6 @@ std::vector<mix> load_mixes(const std::string &dir) {
         for (packet &p : m.packets)
             p.descriptor.data = p.frame.data();
     return mixes;
-}
-
-plugin::plugin(const char *params) {
-    g_CvLogCtx.level = CVLOG_WARN;
-    ctx = process_smb_init(1, params, nullptr, 0);
-    queue = static_cast<smb_queue_ctx *>(process_smb_init_queue(1, ctx, 0));
-}
-
-plugin::~plugin() {
-    process_smb_shutdown_queue(queue);
-    process_smb_shutdown(ctx);
-    mini_host::reset();
 }
 
 void run_filter(smb_queue_ctx *q, const packet &p) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "mini_host.h"
 #include "smb.h"
 
 namespace bench {
@@ -32,15 +33,7 @@ struct mix {
 // Exits with a message when a capture can't be read.
 std::vector<mix> load_mixes(const std::string &capture_dir);
 
-// The plug-in with one queue, set up through its own init hooks with the given parameters.
-struct plugin {
-    explicit plugin(const char *params = nullptr);
-    ~plugin();
-    plugin(const plugin &) = delete;
-    plugin &operator=(const plugin &) = delete;
-    void *ctx;
-    smb_queue_ctx *queue;
-};
+using mini_host::plugin;
 
 // One packet through the filter hook, freeing the record it leaves.
 void run_filter(smb_queue_ctx *q, const packet &p);

@@ -65,25 +65,19 @@ endpoints endpoints_of(uint8_t flags) {
 
 class session {
   public:
-    explicit session(bool all_ports) {
-        std::string params = kSizes;
-        if (all_ports) params += ",port=0";
-        plugin_ = process_smb_init(1, params.c_str(), nullptr, 0);
-        queue_ = static_cast<smb_queue_ctx *>(process_smb_init_queue(1, plugin_, 0));
-    }
+    explicit session(bool all_ports)
+        : plugin_((std::string(kSizes) + (all_ports ? ",port=0" : "")).c_str()),
+          queue_(plugin_.queue) {}
 
     ~session() {
         for (auto &[hash, f] : flows_) {
-            process_smb_postprocess(plugin_, &f.record, &f.slot);
+            process_smb_postprocess(plugin_.ctx, &f.record, &f.slot);
             mini_host::export_flow(&f.record, &f.slot);
             host_slot copy = nullptr;
             process_smb_release(nullptr, nullptr, &f.slot, nullptr, &copy, 1);
             process_smb_callback(nullptr, &copy);
             process_smb_callback(nullptr, &f.slot);
         }
-        process_smb_shutdown_queue(queue_);
-        process_smb_shutdown(plugin_);
-        mini_host::reset();
     }
 
     void segment(uint8_t flags, std::span<const uint8_t> payload) {
@@ -145,7 +139,7 @@ class session {
         return &f;
     }
 
-    void *plugin_;
+    mini_host::plugin plugin_;  // shut down after the flows are exported
     smb_queue_ctx *queue_;
     std::map<uint64_t, flow> flows_;
     std::map<uint8_t, bool> first_direction_;

@@ -19,13 +19,4 @@ TEST(Timer, StartupStampIsSetAtLoadAndStable) {
     EXPECT_EQ(timer_get_startup_time32(), uint32_t(first));
 }
 
-TEST(Timer, ClocksAgreeOnUnits) {
-    uint64_t sec = corvaneexp_timer_get_sec();
-    uint64_t msec = corvaneexp_timer_get_msec();
-    EXPECT_GE(msec / 1000, sec);
-    EXPECT_LE(msec / 1000, sec + 1);
-    uint64_t up1 = corvaneexp_timer_get_uptime(), up2 = corvaneexp_timer_get_uptime();
-    EXPECT_LE(up1, up2);
-}
-
 }  // namespace

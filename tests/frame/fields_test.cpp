@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "fake_host.h"
+#include "mini_host.h"
 #include "frame_util.h"
 #include "smb_fields.h"
 
@@ -16,7 +16,7 @@ using frame_test::owned_slot;
 class Fields : public ::testing::Test {
   protected:
     void SetUp() override {
-        fake_host::reset();
+        mini_host::reset();
         smb_register_fields(nullptr, 3, nullptr);
     }
     const host_flow_record two_way_ = flow_between(50000, 445, 1, 1);
@@ -25,7 +25,7 @@ class Fields : public ::testing::Test {
 // The exported value of a numeric field, or nullopt when nothing is written (the host then
 // exports the default).
 std::optional<uint32_t> number_of(const std::string &name, host_flow_record flow, host_slot *slot) {
-    fake_host::exported e = fake_host::export_field(name, &flow, slot);
+    mini_host::exported e = mini_host::export_field(name, &flow, slot);
     if (!e.valid || e.writes.empty()) return std::nullopt;
     EXPECT_EQ(e.writes.size(), 1u);
     std::vector<uint8_t> bytes = e.writes[0].bytes;
@@ -51,8 +51,8 @@ TEST_P(CommandDirection, ChoosesTheWordByPortsAndDirection) {
     const direction_case &c = GetParam();
     host_flow_record flow = flow_between(c.src_port, c.dst_port, 3, c.packets1, c.dir);
     owned_slot slot(frame_test::smb2_record(0x000020ff, 0x000060ff));
-    EXPECT_EQ(fake_host::export_field("SMB_CMD_REQUEST", &flow, &slot.slot).valid, c.request_valid);
-    EXPECT_EQ(fake_host::export_field("SMB_CMD_RESPONSE", &flow, &slot.slot).valid,
+    EXPECT_EQ(mini_host::export_field("SMB_CMD_REQUEST", &flow, &slot.slot).valid, c.request_valid);
+    EXPECT_EQ(mini_host::export_field("SMB_CMD_RESPONSE", &flow, &slot.slot).valid,
               c.response_valid);
     EXPECT_EQ(number_of("SMB_CMD_REQUEST", flow, &slot.slot), c.request);
     EXPECT_EQ(number_of("SMB_CMD_RESPONSE", flow, &slot.slot), c.response);
@@ -121,10 +121,10 @@ TEST_F(Fields, NamesAreValidForSmb2Only) {
     owned_slot slot(frame_test::smb2_record());
     slot.rec()->file_name = frame_test::name_buffer("a.txt");
     host_flow_record flow = two_way_;
-    EXPECT_FALSE(fake_host::export_field("SMB_TREE", &flow, &slot.slot).valid);
-    EXPECT_TRUE(fake_host::export_field("SMB_FILE_NAME", &flow, &slot.slot).valid);
+    EXPECT_FALSE(mini_host::export_field("SMB_TREE", &flow, &slot.slot).valid);
+    EXPECT_TRUE(mini_host::export_field("SMB_FILE_NAME", &flow, &slot.slot).valid);
     slot.rec()->version = SMB_VERSION_1;
-    EXPECT_FALSE(fake_host::export_field("SMB_FILE_NAME", &flow, &slot.slot).valid);
+    EXPECT_FALSE(mini_host::export_field("SMB_FILE_NAME", &flow, &slot.slot).valid);
 }
 
 }  // namespace

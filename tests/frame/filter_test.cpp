@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "fake_host.h"
+#include "mini_host.h"
 #include "frame_util.h"
 #include "smb2_builder.h"
 #include "smb_data_table.h"
@@ -48,17 +48,6 @@ Bytes no_header() {
 
 class Filter : public ::testing::Test {
   protected:
-    void SetUp() override {
-        fake_host::reset();
-        int host = 0;
-        ctx_ = static_cast<smb_plugin_ctx *>(process_smb_init(1, "filetable-size=1024", &host, 0));
-        q_ = static_cast<smb_queue_ctx *>(process_smb_init_queue(1, ctx_, 0));
-    }
-    void TearDown() override {
-        process_smb_shutdown_queue(q_);
-        process_smb_shutdown(ctx_);
-    }
-
     // A packet with 20 bytes of headers in front of its payload.
     host_packet packet(const Bytes &payload, uint16_t src_port = 50000, uint16_t dst_port = 445,
                        uint8_t protocol = 6) {
@@ -82,8 +71,8 @@ class Filter : public ::testing::Test {
     }
 
     Bytes frame_;
-    smb_plugin_ctx *ctx_ = nullptr;
-    smb_queue_ctx *q_ = nullptr;
+    mini_host::plugin plugin_{"filetable-size=1024"};
+    smb_queue_ctx *q_ = plugin_.queue;
 };
 
 struct filter_case {

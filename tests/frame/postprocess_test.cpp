@@ -233,25 +233,18 @@ TEST_F(Postprocess, RecordsThatNeedNothingTouchNoTable) {
     EXPECT_EQ(process_smb_postprocess(&ctx_, &f, &empty), 0);
 }
 
+// An IPv6 client is keyed by its last 32 bits; a name whose only non-zero byte is its second
+// (U+4E00) is a name.
 TEST_F(Postprocess, Ipv6ClientIsKeyedByItsLastThirtyTwoBits) {
     const uint8_t tail[4] = {0x0a, 0x00, 0x00, 0x01};
     uint32_t addr32;
     memcpy(&addr32, tail, 4);
-    std::vector<uint8_t> name = name_bytes("v6.txt");
+    std::vector<uint8_t> name(SMB_NAME_SIZE, 0);
+    name[1] = 0x4e;
     filetable_insert(ctx_.filetable, name.data(), 0, 2, 1, nullptr, 0, addr32, kClientPort, kFile);
     host_flow_record f = flow(false);
     f.ip_version = 6;
     inet_pton(AF_INET6, "2001:db8:1:2:3:4:a00:1", f.src_addr.v6);
-    owned_slot slot(record(pp_case{}));
-    run(f, slot);
-    EXPECT_EQ(bytes_of(slot.rec()->file_name), name);
-}
-
-TEST_F(Postprocess, NameWithOnlyItsSecondByteSetIsAName) {
-    std::vector<uint8_t> name(SMB_NAME_SIZE, 0);
-    name[1] = 0x4e;  // U+4E00
-    filetable_insert(ctx_.filetable, name.data(), 0, 2, 1, nullptr, 0, kClient, kClientPort, kFile);
-    host_flow_record f = flow(false);
     owned_slot slot(record(pp_case{}));
     run(f, slot);
     EXPECT_EQ(bytes_of(slot.rec()->file_name), name);

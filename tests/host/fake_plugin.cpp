@@ -20,7 +20,7 @@ struct fake_record {
     uint32_t packets;
     uint8_t name[128];  // UTF-16LE
     int has_name;
-    int postprocessed;
+    uint8_t postprocessed;
 };
 
 struct fake_ctx {
@@ -129,40 +129,15 @@ int valid_if_record(void *, host_flow_record *, host_slot *slot) {
 int valid_if_name(void *, host_flow_record *, host_slot *slot) {
     return record_of(slot) && record_of(slot)->has_name;
 }
-int length4(void *, host_flow_record *, host_slot *slot) {
-    return record_of(slot) ? 4 : 0;
-}
-int length128(void *, host_flow_record *, host_slot *slot) {
-    return record_of(slot) ? 128 : 0;
-}
-int length1(void *, host_flow_record *, host_slot *slot) {
-    return record_of(slot) ? 1 : 0;
+template <int size>
+int length(void *, host_flow_record *, host_slot *slot) {
+    return record_of(slot) ? size : 0;
 }
 
-void fill_bytes(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t b) {
-    if (fake_record *r = record_of(slot)) record_universal_get_num(out, &r->bytes, 4, a, b);
-}
-void fill_bytes_txt(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a,
-                    uint32_t b) {
-    if (fake_record *r = record_of(slot)) record_universal_get_txt_num(out, &r->bytes, 4, a, b);
-}
-void fill_name(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t) {
-    if (fake_record *r = record_of(slot)) record_universal_get_array(out, r->name, 128, a, 0);
-}
-void fill_name_txt(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t) {
-    if (fake_record *r = record_of(slot)) record_universal_get_txt_string(out, r->name, 128, a, 0);
-}
-void fill_post(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t) {
-    if (fake_record *r = record_of(slot)) {
-        const uint8_t v = static_cast<uint8_t>(r->postprocessed);
-        record_universal_get_num(out, &v, 1, a, 1);
-    }
-}
-void fill_post_txt(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t b) {
-    if (fake_record *r = record_of(slot)) {
-        const uint8_t v = static_cast<uint8_t>(r->postprocessed);
-        record_universal_get_txt_num(out, &v, 1, a, b);
-    }
+// Hands one member of the record to one of the host's record writers.
+template <auto member, auto writer>
+void fill(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t b) {
+    if (fake_record *r = record_of(slot)) writer(out, &(r->*member), sizeof(r->*member), a, b);
 }
 // Valid whenever there is a record, but writes nothing: the host must export no value.
 void fill_nothing(void *, host_flow_record *, host_slot *, void *, uint32_t, uint32_t) {}
@@ -176,16 +151,20 @@ void *fake_init(uint32_t id, const char *params, void *host, uint32_t) {
     strncpy(g_stats.last_params, params ? params : "(null)", sizeof g_stats.last_params - 1);
     auto *ctx = static_cast<fake_ctx *>(calloc(1, sizeof(fake_ctx)));
     ctx->id = id;
-    void *f = corvane_getter_add(host, id, 0xffffffffu, "FAKE_BYTES", CORVANE_FIELD_NUMBER, 4, 0,
-                                 ctx, valid_if_record, length4, fill_bytes, fill_bytes_txt, 0);
+    constexpr auto kNumber = CORVANE_FIELD_NUMBER;
+    void *f = corvane_getter_add(host, id, ~0u, "FAKE_BYTES", kNumber, 4, 0, ctx, valid_if_record,
+                                 length<4>, fill<&fake_record::bytes, record_universal_get_num>,
+                                 fill<&fake_record::bytes, record_universal_get_txt_num>, 0);
     corvane_getter_set_default(f, &kBytesDefault, 4);
-    corvane_getter_add(host, id, 0xffffffffu, "FAKE_NAME", CORVANE_FIELD_STRING, 128, 0, ctx,
-                       valid_if_name, length128, fill_name, fill_name_txt, 0);
-    f = corvane_getter_add(host, id, 0xffffffffu, "FAKE_SILENT", CORVANE_FIELD_NUMBER, 1, 0, ctx,
-                           valid_if_record, length1, fill_nothing, fill_nothing, 0);
+    corvane_getter_add(host, id, ~0u, "FAKE_NAME", CORVANE_FIELD_STRING, 128, 0, ctx, valid_if_name,
+                       length<128>, fill<&fake_record::name, record_universal_get_array>,
+                       fill<&fake_record::name, record_universal_get_txt_string>, 0);
+    f = corvane_getter_add(host, id, ~0u, "FAKE_SILENT", kNumber, 1, 0, ctx, valid_if_record,
+                           length<1>, fill_nothing, fill_nothing, 0);
     corvane_getter_set_default(f, &kSilentDefault, 1);
-    f = corvane_getter_add(host, id, 0xffffffffu, "FAKE_POST", CORVANE_FIELD_NUMBER, 1, 0, ctx,
-                           valid_if_record, length1, fill_post, fill_post_txt, 0);
+    f = corvane_getter_add(host, id, ~0u, "FAKE_POST", kNumber, 1, 0, ctx, valid_if_record,
+                           length<1>, fill<&fake_record::postprocessed, record_universal_get_num>,
+                           fill<&fake_record::postprocessed, record_universal_get_txt_num>, 0);
     corvane_getter_set_default(f, &kPostDefault, 1);
     corvane_hook_postprocess(ctx, id, fake_postprocess);
     corvane_hook_callback(ctx, id, fake_callback);

@@ -54,6 +54,19 @@ FieldValue text_value(const fbVarfield_t &v) {
     return f;
 }
 
+// The lines of `text`, each with every match of `pattern` replaced.
+std::vector<std::string> edited_lines(const std::string &text, const char *pattern,
+                                      const char *replacement) {
+    std::vector<std::string> lines;
+    const std::regex re(pattern);
+    for (size_t at = 0; at < text.size();) {
+        const size_t nl = text.find('\n', at);
+        lines.push_back(std::regex_replace(text.substr(at, nl - at), re, replacement));
+        at = nl + 1;
+    }
+    return lines;
+}
+
 // Decodes an IPFIX message stream (a file, a TCP connection's bytes, or UDP datagrams one
 // after the other) into the JSON lines that smbflow's JSON writer would write for its records.
 std::vector<std::string> decode(const std::string &stream,
@@ -137,28 +150,13 @@ std::vector<std::string> decode(const std::string &stream,
     fclose(in);
     fbInfoModelFree(model);
 
-    std::vector<std::string> lines;
-    for (size_t at = 0; at < json.size();) {
-        const size_t nl = json.find('\n', at);
-        // An absent name travels as an empty string.
-        lines.push_back(std::regex_replace(json.substr(at, nl - at),
-                                           std::regex(R"re("(smb_tree|smb_file_name)":"")re"),
-                                           "\"$1\":null"));
-        at = nl + 1;
-    }
-    return lines;
+    // An absent name travels as an empty string.
+    return edited_lines(json, R"re("(smb_tree|smb_file_name)":"")re", "\"$1\":null");
 }
 
 // smbflow's JSON lines with times cut to milliseconds.
 std::vector<std::string> json_lines_at_ms(const std::string &json) {
-    std::vector<std::string> lines;
-    const std::regex fraction(R"re((\.\d{3})\d*Z")re");
-    for (size_t at = 0; at < json.size();) {
-        const size_t nl = json.find('\n', at);
-        lines.push_back(std::regex_replace(json.substr(at, nl - at), fraction, "$01000Z\""));
-        at = nl + 1;
-    }
-    return lines;
+    return edited_lines(json, R"re((\.\d{3})\d*Z")re", "$01000Z\"");
 }
 
 int bound_socket(int type, uint16_t &port) {

@@ -1,48 +1,19 @@
 // Writes the small SMB2 sample capture that ships in tests/data and that the README's main job
 // reads: an IPv4 client reading a file and an IPv6 client writing a new one on a file server
-// (port 445), plus a DNS exchange and an ARP frame, on Ethernet. With a session count it
-// writes that many sessions of different clients instead, as load for measurements.
+// (port 445), plus a DNS exchange and an ARP frame, on Ethernet.
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 
-#include "packet_builder.h"
+#include "smb_session.h"
 
 using namespace testnet;
 
-namespace {
-
 const uint64_t t0 = 1709632800ull * 1'000'000'000ull;  // 2024-03-05 10:00:00 UTC
 
-void write_load(const char *path, int sessions) {
-    std::vector<Packet> all;
-    for (int i = 0; i < sessions; ++i) {
-        SessionSpec s;
-        s.client = ipv4(10, static_cast<uint8_t>(20 + i / 60000),
-                        static_cast<uint8_t>(i / 250 % 240), static_cast<uint8_t>(1 + i % 250));
-        s.server = ipv4(10, 0, 0, static_cast<uint8_t>(1 + i % 4));
-        s.client_port = static_cast<uint16_t>(1024 + i % 60000);
-        s.start_ns = t0 + uint64_t(i) * 1'000'000;
-        s.create_new = i % 2;
-        s.file = "load\\file" + std::to_string(i) + ".bin";
-        auto p = smb2_session(s);
-        all.insert(all.end(), p.begin(), p.end());
-    }
-    std::stable_sort(all.begin(), all.end(),
-                     [](const Packet &a, const Packet &b) { return a.ts_ns < b.ts_ns; });
-    write_pcap(path, kEthernet, frames_of(kEthernet, all), false);
-}
-
-}  // namespace
-
 int main(int argc, char **argv) {
-    if (argc != 2 && argc != 3) {
-        fprintf(stderr, "usage: %s OUT.pcap [SESSIONS]\n", argv[0]);
+    if (argc != 2) {
+        fprintf(stderr, "usage: %s OUT.pcap\n", argv[0]);
         return 2;
-    }
-    if (argc == 3) {
-        write_load(argv[1], atoi(argv[2]));
-        return 0;
     }
 
     SessionSpec reader;

@@ -84,63 +84,47 @@ INSTANTIATE_TEST_SUITE_P(
         return n + (std::get<1>(info.param) ? "_v6" : "_v4");
     });
 
-TEST(Decode, NullLinkInBigEndianOrder) {
-    Bytes f = {0, 0, 0, 2};
-    const Bytes ip = tcp_datagram(segment(false));
-    f.insert(f.end(), ip.begin(), ip.end());
-    DecodedPacket d;
-    EXPECT_EQ(decode_frame(corvane_host::kLinkNull, f.data(), f.size(), d), DecodeStatus::Ok);
-    EXPECT_EQ(d.pkt.ip_version, 4);
-}
-
-TEST(Decode, TcpOptionsMovePayload) {
-    TcpSpec s = segment(false);
-    s.tcp_options = {1, 1, 8, 10, 0, 0, 0, 1, 0, 0, 0, 2};  // NOP NOP timestamps
-    const Bytes f = frame(kEthernet, tcp_datagram(s));
-    DecodedPacket d;
-    ASSERT_EQ(decode_frame(1, f.data(), f.size(), d), DecodeStatus::Ok);
-    EXPECT_EQ(d.pkt.payload_offset, 20 + 32);
-    EXPECT_EQ(d.pkt.length - d.pkt.payload_offset, 5);
-}
-
-TEST(Decode, Ipv6ExtensionHeadersAreSkipped) {
-    TcpSpec s = segment(true);
-    s.ipv6_ext = {0, 0, 1, 4, 0, 0, 0, 0};  // hop-by-hop, PadN
-    const Bytes f = frame(kEthernet, tcp_datagram(s));
-    DecodedPacket d;
-    ASSERT_EQ(decode_frame(1, f.data(), f.size(), d), DecodeStatus::Ok);
-    EXPECT_EQ(d.pkt.protocol, 6);
-    EXPECT_EQ(d.pkt.dst_port, 445);
-    EXPECT_EQ(d.pkt.payload_offset, 40 + 8 + 20);
-}
-
-TEST(Decode, Ipv4FragmentsCarryTheFragmentField) {
-    Bytes first = tcp_datagram(segment(false));
+// Frames whose transport header is found elsewhere than right after a plain IP header, or not
+// at all: the payload offset counts from the IP header.
+TEST(Decode, OptionsExtensionHeadersAndFragments) {
+    Bytes null_be = {0, 0, 0, 2};  // BSD loopback written big-endian
+    const Bytes plain = tcp_datagram(segment(false));
+    null_be.insert(null_be.end(), plain.begin(), plain.end());
+    TcpSpec options = segment(false), hop = segment(true), fragment = segment(true);
+    options.tcp_options = {1, 1, 8, 10, 0, 0, 0, 1, 0, 0, 0, 2};  // NOP NOP timestamps
+    hop.ipv6_ext = {0, 0, 1, 4, 0, 0, 0, 0};                      // hop-by-hop, PadN
+    fragment.ipv6_ext = {0, 0, 0, 1, 0, 0, 0, 7};  // turned into a fragment header below
+    Bytes v6_fragment = tcp_datagram(fragment), first = plain, later = plain;
+    v6_fragment[6] = 44;
+    v6_fragment[40] = 6;
     first[6] = 0x20;  // MF, offset 0
-    first[7] = 0x00;
-    Bytes later = tcp_datagram(segment(false));
     later[6] = 0x00;  // offset 100 (in 8-byte units)
     later[7] = 100;
-    DecodedPacket d;
-    ASSERT_EQ(decode_frame(228, first.data(), first.size(), d), DecodeStatus::Ok);
-    EXPECT_EQ(d.pkt.ipv4_aux16, 0x2000);
-    EXPECT_EQ(d.pkt.dst_port, 445);
-    ASSERT_EQ(decode_frame(228, later.data(), later.size(), d), DecodeStatus::Ok);
-    EXPECT_EQ(d.pkt.ipv4_aux16, 100);
-    EXPECT_EQ(d.pkt.dst_port, 0) << "a later fragment has no transport header";
-    EXPECT_EQ(d.pkt.payload_offset, 20);
-}
-
-TEST(Decode, Ipv6FragmentsAreNotTakenForTcp) {
-    TcpSpec s = segment(true);
-    s.ipv6_ext = {0, 0, 0, 1, 0, 0, 0, 7};  // placeholder, turned into a fragment header below
-    Bytes ip = tcp_datagram(s);
-    ip[6] = 44;  // next header: fragment
-    ip[40] = 6;
-    DecodedPacket d;
-    ASSERT_EQ(decode_frame(229, ip.data(), ip.size(), d), DecodeStatus::Ok);
-    EXPECT_EQ(d.pkt.protocol, 44);
-    EXPECT_EQ(d.pkt.dst_port, 0);
+    const struct {
+        const char *what;
+        int dlt;
+        Bytes frame;
+        uint8_t protocol;
+        uint16_t dst_port, payload_offset, ipv4_aux16;
+    } cases[] = {
+        {"null link, big-endian", 0, null_be, 6, 445, 40, 0},
+        {"TCP options", 1, frame(kEthernet, tcp_datagram(options)), 6, 445, 20 + 32, 0},
+        {"IPv6 hop-by-hop", 1, frame(kEthernet, tcp_datagram(hop)), 6, 445, 40 + 8 + 20, 0},
+        {"IPv6 fragment", 229, v6_fragment, 44, 0, 0, 0},
+        {"first IPv4 fragment", 228, first, 6, 445, 40, 0x2000},
+        {"later IPv4 fragment: no transport header", 228, later, 6, 0, 20, 100},
+    };
+    for (const auto &c : cases) {
+        DecodedPacket d;
+        ASSERT_EQ(decode_frame(c.dlt, c.frame.data(), c.frame.size(), d), DecodeStatus::Ok)
+            << c.what;
+        EXPECT_EQ(d.pkt.protocol, c.protocol) << c.what;
+        EXPECT_EQ(d.pkt.dst_port, c.dst_port) << c.what;
+        if (c.payload_offset) {  // 0: not looked at
+            EXPECT_EQ(d.pkt.payload_offset, c.payload_offset) << c.what;
+        }
+        EXPECT_EQ(d.pkt.ipv4_aux16, c.ipv4_aux16) << c.what;
+    }
 }
 
 TEST(Decode, OversizeDatagramIsCapped) {

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "../support/text_files.h"
+
 namespace hosttest {
 
 struct CommandResult {
@@ -14,8 +16,9 @@ struct CommandResult {
 
 CommandResult run_command(const std::vector<std::string> &args);
 
-std::string read_file(const std::string &path);
-void write_file(const std::string &path, const std::string &text);
+using testfiles::lines_of;
+using testfiles::read_file;
+using testfiles::write_file;
 
 // A fresh directory under the build's temporary space, removed by the destructor.
 class TempDir {

@@ -48,19 +48,11 @@ int64_t occupied(const Table *t) {
 // The plug-in with one queue; frames go through the filter hook as a host would hand them.
 class plugin_under_flood {
   public:
-    explicit plugin_under_flood(const char *params) {
-        ctx_ = static_cast<smb_plugin_ctx *>(process_smb_init(1, params, nullptr, 0));
-        q_ = static_cast<smb_queue_ctx *>(process_smb_init_queue(1, ctx_, 0));
-    }
-    ~plugin_under_flood() {
-        process_smb_shutdown_queue(q_);
-        process_smb_shutdown(ctx_);
-        mini_host::reset();
-    }
+    explicit plugin_under_flood(const char *params) : plugin_(params) {}
     synth::frame_sink sink() {
         return [this](std::span<const uint8_t> frame) { packet(frame); };
     }
-    smb_queue_ctx *queue() const { return q_; }
+    smb_queue_ctx *queue() const { return plugin_.queue; }
 
   private:
     void packet(std::span<const uint8_t> frame) {
@@ -73,12 +65,11 @@ class plugin_under_flood {
         pkt.flags = static_cast<uint16_t>(d);
         pkt.dir_counters[d] = {1, frame.size()};
         host_slot slot = nullptr;
-        process_smb_filter(q_, &pkt, nullptr, &slot);
+        process_smb_filter(plugin_.queue, &pkt, nullptr, &slot);
         process_smb_callback(nullptr, &slot);
     }
 
-    smb_plugin_ctx *ctx_;
-    smb_queue_ctx *q_;
+    mini_host::plugin plugin_;
 };
 
 struct flood {
@@ -131,17 +122,9 @@ TEST_P(Flood, TablesStayWithinTheirSizesAndMemoryStaysFlat) {
         << " bytes; " << f.large << " units: " << used[1] << " slots, " << grown[1] << " bytes";
 }
 
-std::pair<int64_t, int64_t> message_table(const smb_queue_ctx *q) {
-    return {occupied(q->messagetable), q->messagetable->size};
-}
-std::pair<int64_t, int64_t> file_table(const smb_queue_ctx *q) {
-    return {occupied(q->filetable), q->filetable->size};
-}
-std::pair<int64_t, int64_t> data_table(const smb_queue_ctx *q) {
-    return {occupied(q->datatable), q->datatable->size};
-}
-std::pair<int64_t, int64_t> tree_table(const smb_queue_ctx *q) {
-    return {occupied(q->treetable), q->treetable->size};
+template <auto table>
+std::pair<int64_t, int64_t> slots_of(const smb_queue_ctx *q) {
+    return {occupied(q->*table), (q->*table)->size};
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -149,18 +132,18 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         flood{"unanswered_creates", nullptr,
               [](const synth::frame_sink &s, uint64_t n) { synth::open_files(s, n, 200, false); },
-              10000, 40000, message_table},
+              10000, 40000, slots_of<&smb_queue_ctx::messagetable>},
         flood{"files_never_closed", "filetable-size=4096",
               [](const synth::frame_sink &s, uint64_t n) { synth::open_files(s, n, 200, true); },
-              12000, 48000, file_table},
+              12000, 48000, slots_of<&smb_queue_ctx::filetable>},
         flood{"half_open_compounds", nullptr,
               [](const synth::frame_sink &s, uint64_t n) { synth::half_open(s, n); }, 3000, 12000,
-              data_table},
+              slots_of<&smb_queue_ctx::datatable>},
         flood{"new_client_every_connection", nullptr,
               [](const synth::frame_sink &s, uint64_t n) {
                   synth::open_files(s, n, static_cast<uint32_t>(n), true);
               },
-              5000, 20000, tree_table}),
+              5000, 20000, slots_of<&smb_queue_ctx::treetable>}),
     [](const testing::TestParamInfo<flood> &info) { return info.param.name; });
 
 }  // namespace

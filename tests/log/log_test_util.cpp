@@ -6,21 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
 namespace logtest {
-
-std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void write_file(const std::string &path, const std::string &text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
 
 bool file_exists(const std::string &path) {
     return access(path.c_str(), F_OK) == 0;
@@ -35,14 +21,6 @@ std::string exe_path() {
 std::string exe_dir() {
     std::string exe = exe_path();
     return exe.substr(0, exe.rfind('/'));
-}
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
 }
 
 SyslogLog &syslog_log() {

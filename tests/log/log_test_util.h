@@ -9,15 +9,16 @@
 #include <vector>
 
 #include "cv_log_internal.h"
+#include "support/text_files.h"
 
 namespace logtest {
 
-std::string read_file(const std::string &path);
-void write_file(const std::string &path, const std::string &text);
+using testfiles::lines_of;
+using testfiles::read_file;
+using testfiles::write_file;
 bool file_exists(const std::string &path);
 std::string exe_path();
 std::string exe_dir();
-std::vector<std::string> lines_of(const std::string &text);
 
 // Captures what is written to file descriptor 2 until text() is called.
 class StderrCapture {

@@ -22,7 +22,7 @@ Bytes name_bytes(size_t length, std::optional<size_t> surrogate_at = {}) {
 }
 
 Name slice(const Bytes &b, size_t from, size_t to) {
-    return Name::of(Bytes(b.begin() + from, b.begin() + to));
+    return name_of(Bytes(b.begin() + from, b.begin() + to));
 }
 
 struct CaptureCase {
@@ -31,79 +31,66 @@ struct CaptureCase {
     size_t keep_from, keep_to;  // kept bytes of the input
 };
 
-TEST(NameCapture, HeadKeepsTheBeginning) {
-    const CaptureCase cases[] = {
-        {1, {}, 0, 1},      {126, {}, 0, 126},  {127, {}, 0, 127},
-        {128, {}, 0, 126},  {130, {}, 0, 126},  {130, 124, 0, 124},  // 63rd unit is high half
-        {130, 122, 0, 126}, {128, 124, 0, 124}, {127, 122, 0, 127},
-    };
+// Each case's input, copied by `copy` over a buffer of 0xcc, keeps bytes [keep_from, keep_to)
+// with zeros behind them.
+void expect_kept(void (*copy)(const uint8_t *, uint16_t, uint8_t *),
+                 std::initializer_list<CaptureCase> cases) {
     for (const auto &c : cases) {
         const Bytes in = name_bytes(c.length, c.surrogate_at);
         Name out;
-        out.bytes.fill(0xcc);
-        smb2_copy_name_head(in.data(), uint16_t(in.size()), out.bytes.data());
+        out.fill(0xcc);
+        copy(in.data(), uint16_t(in.size()), out.data());
         EXPECT_EQ(out, slice(in, c.keep_from, c.keep_to)) << c.length;
     }
 }
 
-TEST(NameCapture, TailKeepsTheEnd) {
-    const CaptureCase cases[] = {
-        {1, {}, 0, 1},
-        {126, {}, 0, 126},
-        {127, {}, 0, 127},
-        {128, {}, 2, 128},
-        {130, {}, 4, 130},
-        {200, {}, 74, 200},
-        {200, 72, 76, 200},  // the unit 128 bytes before the
-                             // end is a high half
-        {130, 2, 6, 130},
-        {128, 0, 4, 128},
-        {200, 74, 74, 200},  // pair kept whole
-    };
-    for (const auto &c : cases) {
-        const Bytes in = name_bytes(c.length, c.surrogate_at);
-        Name out;
-        out.bytes.fill(0xcc);
-        smb2_copy_name_tail(in.data(), uint16_t(in.size()), out.bytes.data());
-        EXPECT_EQ(out, slice(in, c.keep_from, c.keep_to)) << c.length;
-    }
+// clang-format off
+TEST(NameCapture, HeadKeepsTheBeginning) {
+    expect_kept(smb2_copy_name_head, {
+        {1, {}, 0, 1},      {126, {}, 0, 126},  {127, {}, 0, 127},
+        {128, {}, 0, 126},  {130, {}, 0, 126},  {130, 124, 0, 124},  // 63rd unit is high half
+        {130, 122, 0, 126}, {128, 124, 0, 124}, {127, 122, 0, 127},
+    });
 }
+
+TEST(NameCapture, TailKeepsTheEnd) {
+    expect_kept(smb2_copy_name_tail, {
+        {1, {}, 0, 1},       {126, {}, 0, 126}, {127, {}, 0, 127}, {128, {}, 2, 128},
+        {130, {}, 4, 130},   {200, {}, 74, 200},
+        {200, 72, 76, 200},  // the unit 128 bytes before the end is a high half
+        {130, 2, 6, 130},    {128, 0, 4, 128},
+        {200, 74, 74, 200},  // pair kept whole
+    });
+}
+// clang-format on
 
 TEST(TreeConnect, PathTravelsFromRequestToTreeTable) {
     ParserHarness h;
     const Bytes path = name_bytes(130, 124);  // \\server\share... cut before the pair
-    Record req;
-    uint64_t hash = 0;
-    EXPECT_EQ(h.send(request(TREE_CONNECT, 2, 0, tree_connect_request_body(path)), req, &hash), 2);
-    EXPECT_EQ(hash, kSeed);
+    EXPECT_EQ(h.send(request(TREE_CONNECT, 2, 0, tree_connect_request_body(path))), 2);
+    EXPECT_EQ(h.hash(), kSeed);
     uint8_t op = 0;
     uint32_t tree = 99;
-    EXPECT_EQ(Name::of(h.message_name(2, &op, &tree)), slice(path, 0, 124));
+    EXPECT_EQ(name_of(h.message_name(2, &op, &tree)), slice(path, 0, 124));
     EXPECT_EQ(op, 255);
     EXPECT_EQ(tree, 0u);
-
-    Record rsp;
-    EXPECT_EQ(h.send(response(TREE_CONNECT, 2, kTree, tree_connect_response_body()), rsp, &hash),
-              0);
-    EXPECT_EQ(rsp->commands[0], kCmdLow | 0x800);
-    EXPECT_EQ(rsp->commands[1], kCmdLow | 0x800);
-    EXPECT_EQ(hash, fold_tree(kSeed, kTree));
+    EXPECT_EQ(h.send(response(TREE_CONNECT, 2, kTree, tree_connect_response_body())), 0);
+    EXPECT_EQ(h.rec()->commands[0], kCmdLow | 0x800);
+    EXPECT_EQ(h.rec()->commands[1], kCmdLow | 0x800);
+    EXPECT_EQ(h.hash(), fold_tree(kSeed, kTree));
     uint32_t pending[2] = {1, 1};
-    EXPECT_EQ(Name::of(h.tree_name(kTree, pending)), slice(path, 0, 124));
+    EXPECT_EQ(name_of(h.tree_name(kTree, pending)), slice(path, 0, 124));
     EXPECT_EQ(pending[1], 0u);  // a message of its own parks no masks
 }
 
 TEST(TreeConnect, EmptyPathIsStoredButNeverReachesTheTreeTable) {
     ParserHarness h;
     EXPECT_EQ(h.send(request(TREE_CONNECT, 2, 0, tree_connect_request_body({}))), 2);
-    EXPECT_EQ(Name::of(h.message_name(2)), Name{});
-    Record rsp;
-    uint64_t hash = 0;
-    EXPECT_EQ(h.send(response(TREE_CONNECT, 2, kTree, tree_connect_response_body()), rsp, &hash),
-              0);
+    EXPECT_EQ(name_of(h.message_name(2)), Name{});
+    EXPECT_EQ(h.send(response(TREE_CONNECT, 2, kTree, tree_connect_response_body())), 0);
     EXPECT_EQ(h.tree_name(kTree), nullptr);
-    EXPECT_EQ(hash, fold_tree(kSeed, kTree));
-    EXPECT_EQ(rsp->commands[1], kCmdLow | 0x800);
+    EXPECT_EQ(h.hash(), fold_tree(kSeed, kTree));
+    EXPECT_EQ(h.rec()->commands[1], kCmdLow | 0x800);
 }
 
 TEST(TreeConnect, PathMustFitTheBody) {
@@ -121,15 +108,13 @@ TEST(TreeConnect, PathMustFitTheBody) {
 TEST(Create, RequestIsStoredWithItsOperation) {
     ParserHarness h;
     const Bytes name = name_bytes(200);
-    Record rec;
     EXPECT_EQ(h.send(request(CREATE, 10, kTree,
-                             create_request_body(name, FILE_OPEN_IF, kFileDeleteOnClose)),
-                     rec),
+                             create_request_body(name, FILE_OPEN_IF, kFileDeleteOnClose))),
               2);
-    EXPECT_EQ(rec->op, 0x43);
+    EXPECT_EQ(h.rec()->op, 0x43);
     uint8_t op = 0;
     uint32_t tree = 0;
-    EXPECT_EQ(Name::of(h.message_name(10, &op, &tree)), slice(name, 74, 200));
+    EXPECT_EQ(name_of(h.message_name(10, &op, &tree)), slice(name, 74, 200));
     EXPECT_EQ(op, 0x43);
     EXPECT_EQ(tree, kTree);
 }
@@ -137,16 +122,11 @@ TEST(Create, RequestIsStoredWithItsOperation) {
 TEST(Create, RequestTooShortStoresNothing) {
     ParserHarness h;
     Bytes body = create_request_body(name_bytes(10), FILE_OVERWRITE, kFileDeleteOnClose);
-    Record cut;
-    EXPECT_EQ(h.send(request(CREATE, 11, kTree, Bytes(body.begin(), body.end() - 1)), cut), -1);
-    EXPECT_EQ(cut->op, 0x44);  // the fixed part was there
+    EXPECT_EQ(h.send(request(CREATE, 11, kTree, Bytes(body.begin(), body.end() - 1))), -1);
+    EXPECT_EQ(h.rec()->op, 0x44);  // the fixed part was there
     EXPECT_EQ(h.message_name(11), nullptr);
-
-    Record fixed_part_short;
-    EXPECT_EQ(h.send(request(CREATE, 12, kTree, Bytes(body.begin(), body.begin() + 56)),
-                     fixed_part_short),
-              -1);
-    EXPECT_EQ(fixed_part_short->op, 0x3f);
+    EXPECT_EQ(h.send(request(CREATE, 12, kTree, Bytes(body.begin(), body.begin() + 56))), -1);
+    EXPECT_EQ(h.rec()->op, 0x3f);
 }
 
 struct FailureCase {
@@ -156,19 +136,15 @@ struct FailureCase {
 };
 
 TEST(Create, FailureCodes) {
+    // clang-format off
     const FailureCase cases[] = {
-        {{}, 0, 0xbf},
-        {FILE_SUPERSEDE, 0, 0x80},
-        {FILE_OPEN, 0, 0x81},
-        {FILE_CREATE, 0, 0x82},
-        {FILE_OPEN_IF, 0, 0x84},
-        {FILE_OVERWRITE, 0, 0x83},
-        {FILE_OVERWRITE_IF, 0, 0x85},
-        {FILE_SUPERSEDE, kFileDeleteOnClose, 0xc0},
-        {FILE_OPEN_IF, kFileDeleteOnClose, 0xc4},
+        {{}, 0, 0xbf}, {FILE_SUPERSEDE, 0, 0x80}, {FILE_OPEN, 0, 0x81}, {FILE_CREATE, 0, 0x82},
+        {FILE_OPEN_IF, 0, 0x84}, {FILE_OVERWRITE, 0, 0x83}, {FILE_OVERWRITE_IF, 0, 0x85},
+        {FILE_SUPERSEDE, kFileDeleteOnClose, 0xc0}, {FILE_OPEN_IF, kFileDeleteOnClose, 0xc4},
         {FILE_OVERWRITE, kFileDeleteOnClose, 0xc3},
         {FILE_OVERWRITE_IF, kFileDeleteOnClose | kFileNonDirectory, 0xc5},
     };
+    // clang-format on
     for (const auto &c : cases) {
         ParserHarness h;
         if (c.disposition) {
@@ -177,21 +153,17 @@ TEST(Create, FailureCodes) {
                                                          *c.disposition, c.options))),
                       2);
         }
-        Record rec;
-        uint64_t hash = 0;
         EXPECT_EQ(
-            h.send(response(CREATE, 20, kTree, response_body(ECHO), kStatusObjectNameNotFound), rec,
-                   &hash),
-            0);
-        EXPECT_EQ(rec->op, c.op) << std::hex << int(c.op);
-        EXPECT_EQ(rec->commands[1], kCmdLow | 0x2000);
-        EXPECT_EQ(rec->file_id, 0u);
-        EXPECT_EQ(hash, fold_message(fold_tree_file(kSeed, kTree, 0), 20));
+            h.send(response(CREATE, 20, kTree, response_body(ECHO), kStatusObjectNameNotFound)), 0);
+        EXPECT_EQ(h.rec()->op, c.op) << std::hex << int(c.op);
+        EXPECT_EQ(h.rec()->commands[1], kCmdLow | 0x2000);
+        EXPECT_EQ(h.rec()->file_id, 0u);
+        EXPECT_EQ(h.hash(), fold_message(fold_tree_file(kSeed, kTree, 0), 20));
         if (c.disposition) {
-            ASSERT_NE(rec->file_name, nullptr);
-            EXPECT_EQ(Name::of(rec->file_name), Name::of(utf16(std::string_view("a.txt"))));
+            ASSERT_NE(h.rec()->file_name, nullptr);
+            EXPECT_EQ(name_of(h.rec()->file_name), name_of(utf16(std::string_view("a.txt"))));
         } else {
-            EXPECT_EQ(rec->file_name, nullptr);
+            EXPECT_EQ(h.rec()->file_name, nullptr);
         }
     }
 }
@@ -213,20 +185,17 @@ TEST(Create, SuccessFilesTheNameWithTypeAndOperation) {
         ASSERT_EQ(
             h.send(request(CREATE, 30, kTree, create_request_body(name, FILE_OPEN_IF, c.options))),
             2);
-        Record rec;
-        uint64_t hash = 0;
-        ASSERT_EQ(
-            h.send(response(CREATE, 30, kTree, create_response_body(c.action, c.attributes, kFile)),
-                   rec, &hash),
-            0);
-        EXPECT_EQ(rec->op, c.op);
-        EXPECT_EQ(rec->file_type, c.type);
-        EXPECT_EQ(rec->file_id, kFile);
-        EXPECT_EQ(rec->commands[1], kCmdLow | 0x2000);
-        EXPECT_EQ(hash, fold_tree_file(kSeed, kTree, kFile));
+        ASSERT_EQ(h.send(response(CREATE, 30, kTree,
+                                  create_response_body(c.action, c.attributes, kFile))),
+                  0);
+        EXPECT_EQ(h.rec()->op, c.op);
+        EXPECT_EQ(h.rec()->file_type, c.type);
+        EXPECT_EQ(h.rec()->file_id, kFile);
+        EXPECT_EQ(h.rec()->commands[1], kCmdLow | 0x2000);
+        EXPECT_EQ(h.hash(), fold_tree_file(kSeed, kTree, kFile));
         const auto f = h.file(kFile);
         ASSERT_TRUE(f.found);
-        EXPECT_EQ(f.name, Name::of(name));
+        EXPECT_EQ(f.name, name_of(name));
         EXPECT_EQ(f.op, c.op);
         EXPECT_EQ(f.type, c.type);
         EXPECT_EQ(f.name_empty, 0);
@@ -247,14 +216,12 @@ TEST(Create, SuccessWithoutNameMarksTheShareRoot) {
 
 TEST(Create, SuccessForAnUnknownRequestLeavesTheFileTableAlone) {
     ParserHarness h;
-    Record rec;
     ASSERT_EQ(h.send(response(CREATE, 32, kTree,
-                              create_response_body(FILE_CREATED, kAttributeArchive, kFile)),
-                     rec),
+                              create_response_body(FILE_CREATED, kAttributeArchive, kFile))),
               0);
-    EXPECT_EQ(rec->op, 0x02);
-    EXPECT_EQ(rec->file_type, 2);
-    EXPECT_EQ(rec->commands[1], kCmdLow | 0x2000);
+    EXPECT_EQ(h.rec()->op, 0x02);
+    EXPECT_EQ(h.rec()->file_type, 2);
+    EXPECT_EQ(h.rec()->commands[1], kCmdLow | 0x2000);
     EXPECT_FALSE(h.file(kFile).found);
 }
 
@@ -288,11 +255,10 @@ TEST(Create, ShortResponseBodyIsTakenOnlyWithTheOptIn) {
         Bytes body = create_response_body(FILE_OPENED, kAttributeArchive, kFile);
         body.resize(c.body);
         const Message granted = response(CREATE, 40, kTree, body);
-        Record rec;
         switch (c.where) {
             case Where::alone:
                 ASSERT_EQ(h.send(open), 2);
-                EXPECT_EQ(h.send(granted, rec), c.named ? 0 : -1);
+                EXPECT_EQ(h.send(granted), c.named ? 0 : -1);
                 break;
             case Where::first_of_related_chain: {
                 Message read = request(READ, 41, kTree, request_body(READ, ~0ull));
@@ -300,13 +266,13 @@ TEST(Create, ShortResponseBodyIsTakenOnlyWithTheOptIn) {
                 ASSERT_EQ(h.send(compound({open, read})), 2);
                 Message data = response(READ, 41, kTree, read_response_body({1, 2}));
                 data.header.flags |= kRelated;
-                h.send(compound({granted, data}), rec);
+                h.send(compound({granted, data}));
                 EXPECT_EQ(h.message2_file(41) == kFile, c.named);
                 break;
             }
             case Where::later_in_unrelated_chain:
                 ASSERT_EQ(h.send(compound({request(ECHO, 39, 0, request_body(ECHO)), open})), 0);
-                h.send(compound({response(ECHO, 39, 0, response_body(ECHO)), granted}), rec);
+                h.send(compound({response(ECHO, 39, 0, response_body(ECHO)), granted}));
                 break;
         }
         EXPECT_EQ(h.file(kFile).found, c.named);
@@ -334,12 +300,9 @@ TEST(Create, LinkedMessageIdsGetTheNewFileId) {
                   2);
         messagetable_add_command(h.q().messagetable, h.client(), h.client_port(), c.mid, 0x000160ff,
                                  c.linked);
-        Record rec;
         ASSERT_EQ(
-            h.send(response(CREATE, c.mid, kTree, create_response_body(FILE_OPENED, 0, kFile)),
-                   rec),
-            0);
-        EXPECT_EQ(rec->commands[1], kCmdLow | 0x000160ff | 0x2000);
+            h.send(response(CREATE, c.mid, kTree, create_response_body(FILE_OPENED, 0, kFile))), 0);
+        EXPECT_EQ(h.rec()->commands[1], kCmdLow | 0x000160ff | 0x2000);
         for (uint64_t m = c.mid - 2; m != c.mid + 10; ++m) {
             const bool expected =
                 std::find(c.entries.begin(), c.entries.end(), m) != c.entries.end();
@@ -353,25 +316,18 @@ TEST(Create, AsyncResponseTakesTheTreeIdOfItsRequest) {
     ASSERT_EQ(h.send(request(CREATE, 50, kTree,
                              create_request_body(utf16(std::string_view("x")), FILE_CREATE))),
               2);
-    Record rec;
-    uint64_t hash = 0;
-    ASSERT_EQ(h.send(async_response(CREATE, 50, 0x77, create_response_body(FILE_CREATED, 0, kFile)),
-                     rec, &hash),
-              0);
-    EXPECT_EQ(rec->tree_id, kTree);
-    EXPECT_EQ(hash, fold_tree_file(kSeed, kTree, kFile));
+    ASSERT_EQ(
+        h.send(async_response(CREATE, 50, 0x77, create_response_body(FILE_CREATED, 0, kFile))), 0);
+    EXPECT_EQ(h.rec()->tree_id, kTree);
+    EXPECT_EQ(h.hash(), fold_tree_file(kSeed, kTree, kFile));
 
     // A synchronous response keeps its own TreeId; the stored request is found again.
-    Record sync;
-    ASSERT_EQ(h.send(response(CREATE, 50, 8, create_response_body(FILE_CREATED, 0, kFile)), sync),
+    ASSERT_EQ(h.send(response(CREATE, 50, 8, create_response_body(FILE_CREATED, 0, kFile))), 0);
+    EXPECT_EQ(h.rec()->tree_id, 8u);
+    ASSERT_EQ(h.send(async_response(CREATE, 50, 0x77, response_body(ECHO), kStatusAccessDenied)),
               0);
-    EXPECT_EQ(sync->tree_id, 8u);
-    Record failed;
-    ASSERT_EQ(
-        h.send(async_response(CREATE, 50, 0x77, response_body(ECHO), kStatusAccessDenied), failed),
-        0);
-    EXPECT_EQ(failed->tree_id, kTree);
-    EXPECT_EQ(failed->op, 0x82);
+    EXPECT_EQ(h.rec()->tree_id, kTree);
+    EXPECT_EQ(h.rec()->op, 0x82);
 }
 
 }  // namespace

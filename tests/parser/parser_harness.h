@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "crc.h"
 #include "smb2_builder.h"
@@ -16,6 +19,7 @@
 #include "smb_message_table2.h"
 #include "smb_parser.h"
 #include "smb_tree_table.h"
+#include "support/names.h"
 #include "host_interface.h"
 
 namespace smb2test {
@@ -39,23 +43,23 @@ struct Record {
 };
 
 // IPv4 address with the bytes in wire order.
-uint32_t ipv4(uint8_t a, uint8_t b, uint8_t c, uint8_t d);
+constexpr uint32_t ipv4(uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
+    const uint8_t bytes[4] = {a, b, c, d};
+    return std::bit_cast<uint32_t>(bytes);
+}
 
 // The two ends of a TCP connection.
 struct Endpoints {
     uint8_t ip_version = 4;
-    host_addr client{};
-    host_addr server{};
-    uint16_t client_port = 49152;
+    host_addr client{.v4 = ipv4(10, 1, 2, 3)};
+    host_addr server{.v4 = ipv4(10, 9, 9, 9)};
+    uint16_t client_port = 50000;
     uint16_t server_port = 445;
-
-    static Endpoints v4(uint32_t client, uint16_t client_port, uint32_t server,
-                        uint16_t server_port = 445);
-    static Endpoints v6(const uint8_t (&client)[16], uint16_t client_port,
-                        const uint8_t (&server)[16], uint16_t server_port = 445);
 };
 
 enum class Dir { to_server, to_client };
+
+inline constexpr uint64_t kSeed = 0x0123456789abcdefull;  // every packet's flow hash as built
 
 // A captured TCP packet: link, IP and TCP headers as filler, then the payload. The host
 // descriptor points into the packet's own bytes; the direction bit is 0 towards the server.
@@ -63,11 +67,26 @@ class Packet {
   public:
     static constexpr uint16_t kHeadersSize = 54;
 
-    Packet(const Endpoints &ends, Dir dir, const Bytes &payload);
+    // Returned by value only where the copy is elided: the descriptor points into bytes_.
+    Packet(const Endpoints &ends, Dir dir, const Bytes &payload)
+        : bytes_(kHeadersSize + payload.size(), 0) {
+        std::copy(payload.begin(), payload.end(), bytes_.begin() + kHeadersSize);
+        const bool to_server = dir == Dir::to_server;
+        pkt_.data = bytes_.data();
+        pkt_.length = uint16_t(bytes_.size());
+        pkt_.payload_offset = kHeadersSize;
+        pkt_.ip_version = ends.ip_version;
+        pkt_.protocol = 6;
+        pkt_.src_addr = to_server ? ends.client : ends.server;
+        pkt_.dst_addr = to_server ? ends.server : ends.client;
+        pkt_.src_port = to_server ? ends.client_port : ends.server_port;
+        pkt_.dst_port = to_server ? ends.server_port : ends.client_port;
+        pkt_.flags = to_server ? 0 : HOST_FLAG_DIRECTION;
+        pkt_.flow_hash = kSeed;
+        counters() = {1, bytes_.size()};
+    }
     Packet(const Packet &) = delete;
     Packet &operator=(const Packet &) = delete;
-    Packet(Packet &&other) noexcept;
-    Packet &operator=(Packet &&other) noexcept;
 
     host_packet &pkt() { return pkt_; }
     const uint8_t *payload() const { return bytes_.data() + kHeadersSize; }
@@ -80,30 +99,12 @@ class Packet {
     host_packet pkt_{};
 };
 
-struct Name {
-    std::array<uint8_t, 128> bytes{};
-    static Name of(const Bytes &b) {
-        Name n;
-        std::memcpy(n.bytes.data(), b.data(), std::min<size_t>(b.size(), 128));
-        return n;
-    }
-    static Name of(const void *p) {
-        Name n;
-        if (p) std::memcpy(n.bytes.data(), p, 128);
-        return n;
-    }
-    bool operator==(const Name &) const = default;
-};
-
-inline void PrintTo(const Name &n, std::ostream *os) {
-    for (uint8_t b : n.bytes)
-        *os << std::hex << int(b) << ' ';
-}
+using testnames::Name;
+using testnames::name_of;
 
 class ParserHarness {
   public:
-    explicit ParserHarness(uint16_t port = 445)
-        : ends_(Endpoints::v4(ipv4(10, 1, 2, 3), 50000, ipv4(10, 9, 9, 9), 445)) {
+    explicit ParserHarness(uint16_t port = 445) {
         q_.port = port;
         q_.treetable = treetable_create(1024);
         q_.filetable = filetable_create(1024);
@@ -127,29 +128,30 @@ class ParserHarness {
     Packet to_server(const Bytes &payload) { return Packet(ends_, Dir::to_server, payload); }
     Packet to_client(const Bytes &payload) { return Packet(ends_, Dir::to_client, payload); }
 
-    int32_t parse(Packet &p, Record &rec) {
-        return smb_parse_packet(&p.pkt(), &rec.rec, &q_, p.payload());
-    }
-    // Frames one message or chain and sends it in the direction its first header names.
-    int32_t send(const Bytes &smb2, Record &rec, uint64_t *hash = nullptr) {
-        const bool response = smb2.size() > 16 && (smb2[16] & kResponse);
-        Packet p = response ? to_client(session(smb2)) : to_server(session(smb2));
-        const int32_t r = parse(p, rec);
-        if (hash) *hash = p.pkt().flow_hash;
+    // Parses one packet. Its record and flow hash stay until the next parse.
+    int32_t parse(Packet &p) {
+        rec_ = std::make_unique<Record>();
+        const int32_t r = smb_parse_packet(&p.pkt(), &rec_->rec, &q_, p.payload());
+        hash_ = p.pkt().flow_hash;
         return r;
     }
-    int32_t send(const Message &m, Record &rec, uint64_t *hash = nullptr) {
-        return send(encode(m), rec, hash);
+    int32_t parse_to_server(const Bytes &payload) {
+        Packet p = to_server(payload);
+        return parse(p);
     }
-    // Parses and forgets the record.
-    int32_t send(const Message &m) {
-        Record rec;
-        return send(m, rec);
+    int32_t parse_to_client(const Bytes &payload) {
+        Packet p = to_client(payload);
+        return parse(p);
     }
+    // Frames one message or chain and sends it in the direction its first header names.
     int32_t send(const Bytes &smb2) {
-        Record rec;
-        return send(smb2, rec);
+        const bool response = smb2.size() > 16 && (smb2[16] & kResponse);
+        Packet p = response ? to_client(session(smb2)) : to_server(session(smb2));
+        return parse(p);
     }
+    int32_t send(const Message &m) { return send(encode(m)); }
+    Record &rec() { return *rec_; }
+    uint64_t hash() const { return hash_; }
 
     // Table views.
     const uint8_t *message_name(uint64_t id, uint8_t *op = nullptr, uint32_t *tree = nullptr,
@@ -174,7 +176,7 @@ class ParserHarness {
         const uint8_t *n = filetable_get_file(q_.filetable, client(), client_port(), file_id,
                                               &v.type, &v.op, v.pending, &v.name_empty);
         v.found = n != nullptr;
-        v.name = Name::of(n);
+        v.name = name_of(n);
         return v;
     }
     int delete_flag(uint64_t file_id, uint8_t selector) {
@@ -184,6 +186,8 @@ class ParserHarness {
   private:
     Endpoints ends_;
     smb_queue_ctx q_{};
+    std::unique_ptr<Record> rec_ = std::make_unique<Record>();
+    uint64_t hash_ = 0;
 };
 
 // Expected hash folds, computed from the bytes that should be folded.
@@ -204,7 +208,5 @@ inline uint64_t fold_tree_file(uint64_t seed, uint32_t tree, uint64_t file) {
 inline uint64_t fold_message(uint64_t seed, uint64_t id) {
     return fold_le(seed, {{id, 8}});
 }
-
-inline constexpr uint64_t kSeed = 0x0123456789abcdefull;  // the builder's flow hash
 
 }  // namespace smb2test

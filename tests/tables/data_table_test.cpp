@@ -36,6 +36,8 @@ struct Ids {
 // K = (kAddr, kPort, request), R = K as a response, C = a key on K's slot found by search.
 enum class Key { K, R, C };
 enum class Op { insert, save, update, remove };
+using enum Key;
+using enum Op;
 
 struct Step {
     Op op;
@@ -113,56 +115,40 @@ TEST_P(DataTableSequence, LookupsAfterTheSteps) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Steps, DataTableSequence,
-    ::testing::Values(
-        Sequence{"Empty", {}, {{Key::K, {-1}}}},
-        Sequence{"SaveHandsOutTheBufferNotTheIds",
-                 {{Op::save, Key::K, 300, 100, 150}},
-                 {{Key::K, {1, U, U, 300, 100, 1, 150}}, {Key::R, {-1}}}},
-        Sequence{"InsertHandsOutTheIds",
-                 {{Op::insert, Key::R, 7, 9}},
-                 {{Key::R, {0, 7, 9, 0, 0, U, U}}, {Key::K, {-1}}}},
-        Sequence{"InsertOverABufferFreesIt",
-                 {{Op::save, Key::K, 300, 100, 1}, {Op::insert, Key::K, 7, 9}},
-                 {{Key::K, {0, 7, 9, 0, 0, U, U}}}},
-        Sequence{"SaveReplacesTheSameKeysBuffer",
-                 {{Op::save, Key::K, 300, 100, 1},
-                  {Op::update, Key::K, 200, 5},
-                  {Op::save, Key::K, 400, 50, 2}},
-                 {{Key::K, {1, U, U, 400, 50, 1, 2}}}},
-        Sequence{"InsertReplacesTheSameKeysIds",
-                 {{Op::insert, Key::K, 1, 2}, {Op::insert, Key::K, 3, 4}},
-                 {{Key::K, {0, 3, 4, 0, 0, U, U}}}},
-        Sequence{"UpdatesAccumulateSavedLengthIsTheLastGiven",
-                 {{Op::save, Key::K, 1000, 100, 150},
-                  {Op::update, Key::K, 300, 60},
-                  {Op::update, Key::K, 500, 70}},
-                 {{Key::K, {1, U, U, 1000, 500, 3, 280}}}},
-        Sequence{"SegmentBytesWrap",
-                 {{Op::save, Key::K, 1000, 100, 0xfffffff0u}, {Op::update, Key::K, 200, 0x20}},
-                 {{Key::K, {1, U, U, 1000, 200, 2, 0x10}}}},
-        Sequence{"RemovedKeyIsGoneAndUpdatesNothing",
-                 {{Op::save, Key::K, 300, 100, 1},
-                  {Op::insert, Key::R, 5, 6},
-                  {Op::remove, Key::K},
-                  {Op::remove, Key::K},
-                  {Op::update, Key::K, 200, 1}},
-                 {{Key::K, {-1}}, {Key::R, {0, 5, 6, 0, 0, U, U}}}},
-        Sequence{"CollidingSaveReplacesTheOldKey",
-                 {{Op::save, Key::K, 300, 100, 1}, {Op::save, Key::C, 600, 10, 3}},
-                 {{Key::K, {-1}}, {Key::C, {1, U, U, 600, 10, 1, 3}}}},
-        Sequence{"CollidingInsertReplacesABuffer",
-                 {{Op::save, Key::K, 300, 100, 1}, {Op::insert, Key::C, 8, 8}},
-                 {{Key::K, {-1}}, {Key::C, {0, 8, 8, 0, 0, U, U}}}},
-        Sequence{
-            "CollidingUpdateAndRemoveChangeNothing",
-            {{Op::save, Key::K, 300, 100, 1}, {Op::update, Key::C, 200, 9}, {Op::remove, Key::C}},
-            {{Key::K, {1, U, U, 300, 100, 1, 1}}, {Key::C, {-1}}}},
-        Sequence{"SaveLongerThanTotalIsClipped",
-                 {{Op::save, Key::K, 50, 100, 1}},
-                 {{Key::K, {1, U, U, 50, 50, 1, 1}}}}),
-    [](const auto &info) { return std::string(info.param.name); });
+// clang-format off
+const Sequence kSequences[] = {
+    {"Empty", {}, {{K, {-1}}}},
+    {"SaveHandsOutTheBufferNotTheIds", {{save, K, 300, 100, 150}},
+     {{K, {1, U, U, 300, 100, 1, 150}}, {R, {-1}}}},
+    {"InsertHandsOutTheIds", {{insert, R, 7, 9}}, {{R, {0, 7, 9, 0, 0, U, U}}, {K, {-1}}}},
+    {"InsertOverABufferFreesIt", {{save, K, 300, 100, 1}, {insert, K, 7, 9}},
+     {{K, {0, 7, 9, 0, 0, U, U}}}},
+    {"SaveReplacesTheSameKeysBuffer",
+     {{save, K, 300, 100, 1}, {update, K, 200, 5}, {save, K, 400, 50, 2}},
+     {{K, {1, U, U, 400, 50, 1, 2}}}},
+    {"InsertReplacesTheSameKeysIds", {{insert, K, 1, 2}, {insert, K, 3, 4}},
+     {{K, {0, 3, 4, 0, 0, U, U}}}},
+    {"UpdatesAccumulateSavedLengthIsTheLastGiven",
+     {{save, K, 1000, 100, 150}, {update, K, 300, 60}, {update, K, 500, 70}},
+     {{K, {1, U, U, 1000, 500, 3, 280}}}},
+    {"SegmentBytesWrap", {{save, K, 1000, 100, 0xfffffff0u}, {update, K, 200, 0x20}},
+     {{K, {1, U, U, 1000, 200, 2, 0x10}}}},
+    {"RemovedKeyIsGoneAndUpdatesNothing",
+     {{save, K, 300, 100, 1}, {insert, R, 5, 6}, {remove, K}, {remove, K}, {update, K, 200, 1}},
+     {{K, {-1}}, {R, {0, 5, 6, 0, 0, U, U}}}},
+    {"CollidingSaveReplacesTheOldKey", {{save, K, 300, 100, 1}, {save, C, 600, 10, 3}},
+     {{K, {-1}}, {C, {1, U, U, 600, 10, 1, 3}}}},
+    {"CollidingInsertReplacesABuffer", {{save, K, 300, 100, 1}, {insert, C, 8, 8}},
+     {{K, {-1}}, {C, {0, 8, 8, 0, 0, U, U}}}},
+    {"CollidingUpdateAndRemoveChangeNothing",
+     {{save, K, 300, 100, 1}, {update, C, 200, 9}, {remove, C}},
+     {{K, {1, U, U, 300, 100, 1, 1}}, {C, {-1}}}},
+    {"SaveLongerThanTotalIsClipped", {{save, K, 50, 100, 1}}, {{K, {1, U, U, 50, 50, 1, 1}}}},
+};
+// clang-format on
+
+INSTANTIATE_TEST_SUITE_P(Steps, DataTableSequence, ::testing::ValuesIn(kSequences),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 // datatable_continue: segments after a save of `saved` of `total` bytes (byte counter 100),
 // each segment's counter 40.

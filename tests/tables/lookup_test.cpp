@@ -23,7 +23,7 @@ TEST(MessageTable, AddCommandOrsMasksKeepsTheLastLinkedIdAndCreatesNothing) {
     uint64_t linked = 0;
     const uint8_t *name = messagetable_get_name(t, 1, 2, 5, nullptr, nullptr, &cmds, &linked);
     ASSERT_NE(name, nullptr);
-    EXPECT_EQ(copy_name(name), Name{});  // a null name is 128 zero bytes
+    EXPECT_EQ(name_of(name), Name{});  // a null name is 128 zero bytes
     EXPECT_EQ(cmds, 0x21u);
     EXPECT_EQ(linked, 12u);
     EXPECT_EQ(messagetable_get_name(t, 1, 2, 6, nullptr, nullptr, nullptr, nullptr), nullptr);
@@ -40,7 +40,7 @@ TEST(TreeTable, PendingMasksAreHandedOutOnceThePathEveryTime) {
         uint32_t masks[2] = {0xffff, 0xffff};
         const uint8_t *name = treetable_get_tree(t, 1, 2, 3, masks);
         ASSERT_NE(name, nullptr);
-        EXPECT_EQ(copy_name(name), path);
+        EXPECT_EQ(name_of(name), path);
         EXPECT_EQ(masks[0], 0u);
         EXPECT_EQ(masks[1], expected);
     }
@@ -58,7 +58,7 @@ FileView read_file(filetable *t, uint64_t id) {
     FileView v{};
     const uint8_t *p = filetable_get_file(t, 1, 2, id, &v.type, &v.op, v.masks, nullptr);
     v.found = p != nullptr;
-    if (p) v.name = copy_name(p);
+    if (p) v.name = name_of(p);
     return v;
 }
 

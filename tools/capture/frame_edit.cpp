@@ -6,10 +6,6 @@ namespace capture {
 
 namespace {
 
-constexpr size_t kEthernet = 14;
-constexpr size_t kIpv4 = 20;
-constexpr size_t kTcp = 20;
-
 uint32_t sum16(const uint8_t *p, size_t n, uint32_t sum = 0) {
     for (; n > 1; p += 2, n -= 2)
         sum += uint32_t(p[0] << 8 | p[1]);
@@ -26,11 +22,6 @@ uint16_t fold(uint32_t sum) {
 void put16(uint8_t *p, uint16_t v) {
     p[0] = static_cast<uint8_t>(v >> 8);
     p[1] = static_cast<uint8_t>(v);
-}
-
-void put32(uint8_t *p, uint32_t v) {
-    put16(p, static_cast<uint16_t>(v >> 16));
-    put16(p + 2, static_cast<uint16_t>(v));
 }
 
 }  // namespace
@@ -72,35 +63,6 @@ void rewrite_endpoints(std::span<uint8_t> f, const tcp_view &v, const std::array
     put16(f.data() + v.tcp_offset + 2, dst_port);
     tcp_view changed = v;
     fix_checksums(f, changed);
-}
-
-std::vector<uint8_t> ipv4_tcp_frame(const tcp_endpoints &e, uint32_t seq, uint32_t ack,
-                                    uint8_t tcp_flags, std::span<const uint8_t> payload) {
-    std::vector<uint8_t> f(kEthernet + kIpv4 + kTcp + payload.size());
-    const uint8_t macs[12] = {0x02, 0, 0, 0, 0, 1, 0x02, 0, 0, 0, 0, 2};
-    memcpy(f.data(), macs, sizeof macs);
-    put16(&f[12], 0x0800);
-    uint8_t *ip = &f[kEthernet];
-    ip[0] = 0x45;
-    put16(ip + 2, static_cast<uint16_t>(kIpv4 + kTcp + payload.size()));
-    put16(ip + 6, 0x4000);  // don't fragment
-    ip[8] = 64;
-    ip[9] = 6;
-    memcpy(ip + 12, e.src_ip.data(), 4);
-    memcpy(ip + 16, e.dst_ip.data(), 4);
-    uint8_t *tcp = ip + kIpv4;
-    put16(tcp, e.src_port);
-    put16(tcp + 2, e.dst_port);
-    put32(tcp + 4, seq);
-    put32(tcp + 8, ack);
-    tcp[12] = 5 << 4;
-    tcp[13] = tcp_flags;
-    put16(tcp + 14, 0xffff);
-    if (!payload.empty()) memcpy(tcp + kTcp, payload.data(), payload.size());
-    tcp_view v;
-    decode_tcp(f, 1, v);
-    fix_checksums(f, v);
-    return f;
 }
 
 }  // namespace capture

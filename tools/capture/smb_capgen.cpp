@@ -36,35 +36,10 @@ namespace {
 
 constexpr uint16_t kSmbPort = synth::kSmbPort;
 
-class writer {
+// Microsecond pcap of Ethernet frames, as libpcap writes them.
+class writer : public testnet::PcapWriter {
   public:
-    explicit writer(const std::string &path) {
-        dead_ = pcap_open_dead(DLT_EN10MB, 262144);
-        dump_ = pcap_dump_open(dead_, path.c_str());
-        if (!dump_) {
-            fprintf(stderr, "%s: %s\n", path.c_str(), pcap_geterr(dead_));
-            exit(1);
-        }
-    }
-    ~writer() {
-        pcap_dump_close(dump_);
-        pcap_close(dead_);
-    }
-    void write(std::span<const uint8_t> frame, uint64_t ts_ns, uint32_t wire_length = 0) {
-        pcap_pkthdr h{};
-        h.ts.tv_sec = static_cast<time_t>(ts_ns / 1000000000u);
-        h.ts.tv_usec = static_cast<suseconds_t>(ts_ns % 1000000000u / 1000u);
-        h.caplen = static_cast<uint32_t>(frame.size());
-        h.len = wire_length ? wire_length : h.caplen;
-        pcap_dump(reinterpret_cast<u_char *>(dump_), &h, frame.data());
-        ++packets_;
-    }
-    uint64_t packets() const { return packets_; }
-
-  private:
-    pcap_t *dead_;
-    pcap_dumper_t *dump_;
-    uint64_t packets_ = 0;
+    explicit writer(const std::string &path) : PcapWriter(path, testnet::kEthernet, false) {}
 };
 
 // ---- replicate
@@ -181,14 +156,14 @@ int halfopen(const synth_options &o) {
 
 // The tree table's slot of (tree id, client address word, client port): CRC-32C of the key
 // packed without padding, masked to the default 2048 slots.
-uint32_t tree_slot(uint32_t tree_id, const capture::tcp_endpoints &client) {
+uint32_t tree_slot(uint32_t tree_id, const synth::conversation &conn) {
     uint8_t key[10];
     for (int i = 0; i < 4; ++i) {
         key[i] = static_cast<uint8_t>(tree_id >> 8 * i);
-        key[4 + i] = client.src_ip[i];  // the address word keeps the wire's byte order
+        key[4 + i] = conn.client().bytes[i];  // the address word keeps the wire's byte order
     }
-    key[8] = static_cast<uint8_t>(client.src_port);
-    key[9] = static_cast<uint8_t>(client.src_port >> 8);
+    key[8] = static_cast<uint8_t>(conn.client_port());
+    key[9] = static_cast<uint8_t>(conn.client_port() >> 8);
     return corvaneexp_crc32c(key, sizeof key, 0) & 2047u;
 }
 
@@ -200,7 +175,7 @@ int treeslot(const synth_options &o) {
     synth::conversation a(sink, 0), b(sink, 1);
     const uint32_t tree_a = 1;
     uint32_t tree_b = 2;
-    while (tree_slot(tree_b, b.client()) != tree_slot(tree_a, a.client()))
+    while (tree_slot(tree_b, b) != tree_slot(tree_a, a))
         ++tree_b;
     a.handshake();
     b.handshake();
@@ -222,8 +197,7 @@ int treeslot(const synth_options &o) {
                                                   synth::create_response(fid)));
         }
     printf("%llu packets, trees %u and %u share tree-table slot %u\n",
-           static_cast<unsigned long long>(w.packets()), tree_a, tree_b,
-           tree_slot(tree_a, a.client()));
+           static_cast<unsigned long long>(w.packets()), tree_a, tree_b, tree_slot(tree_a, a));
     return 0;
 }
 
@@ -238,7 +212,7 @@ int treeslot(const synth_options &o) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int run(int argc, char **argv) {
     if (argc < 2) usage();
     const std::string mode = argv[1];
     synth_options o;
@@ -273,4 +247,13 @@ int main(int argc, char **argv) {
     if (mode == "halfopen") return halfopen(o);
     if (mode == "treeslot") return treeslot(o);
     usage();
+}
+
+int main(int argc, char **argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {  // an output that cannot be written
+        fprintf(stderr, "smb_capgen: %s\n", e.what());
+        return 1;
+    }
 }

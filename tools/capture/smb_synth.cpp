@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "frame_edit.h"
 #include "smb2_builder.h"
 
 namespace synth {
@@ -47,28 +48,31 @@ std::vector<uint8_t> create_response(uint64_t file_id) {
                                           file_id);
 }
 
-conversation::conversation(frame_sink sink, uint32_t index) : sink_(std::move(sink)) {
-    client_ = {{10, static_cast<uint8_t>(64 + (index >> 16 & 0x3f)),
-                static_cast<uint8_t>(index >> 8), static_cast<uint8_t>(index)},
-               {198, 18, 0, 1},
-               ephemeral_port(index),
-               kSmbPort};
-    server_ = {client_.dst_ip, client_.src_ip, client_.dst_port, client_.src_port};
-}
+conversation::conversation(frame_sink sink, uint32_t index)
+    : sink_(std::move(sink)),
+      client_(testnet::ipv4(10, static_cast<uint8_t>(64 + (index >> 16 & 0x3f)),
+                            static_cast<uint8_t>(index >> 8), static_cast<uint8_t>(index))),
+      client_port_(ephemeral_port(index)),
+      tcp_(client_, client_port_, testnet::ipv4(198, 18, 0, 1), kSmbPort, 0) {}
 
 void conversation::handshake() {
-    send(true, 0x02, {});
-    send(false, 0x12, {});
-    send(true, 0x10, {});
+    tcp_.handshake();
+    flush();
 }
 
 void conversation::send(bool from_client, uint8_t flags, std::span<const uint8_t> payload) {
-    uint32_t &seq = from_client ? client_seq_ : server_seq_;
-    const uint32_t ack = from_client ? server_seq_ : client_seq_;
-    const auto frame =
-        capture::ipv4_tcp_frame(from_client ? client_ : server_, seq, ack, flags, payload);
-    seq += static_cast<uint32_t>(payload.size()) + ((flags & 0x02) ? 1 : 0);
-    sink_(frame);
+    tcp_.send(from_client, flags, payload);
+    flush();
+}
+
+void conversation::flush() {
+    for (const testnet::Packet &p : tcp_.packets()) {
+        testnet::Bytes f = testnet::frame(testnet::kEthernet, p.ip);
+        capture::tcp_view v;
+        if (capture::decode_tcp(f, testnet::kEthernet, v)) capture::fix_checksums(f, v);
+        sink_(f);
+    }
+    tcp_.packets().clear();
 }
 
 void open_files(const frame_sink &sink, uint64_t count, uint32_t connections, bool answered) {
@@ -100,7 +104,7 @@ void open_files(const frame_sink &sink, uint64_t count, uint32_t connections, bo
 void half_open(const frame_sink &sink, uint64_t connections) {
     for (uint64_t c = 0; c < connections; ++c) {
         conversation conn(sink, static_cast<uint32_t>(c));
-        conn.send(true, 0x02, {});
+        conn.send(true, testnet::SYN, {});
         auto first = smb2_message(kCreate, false, 1, 1, create_request("half-open.txt"), 200, 8000);
         first.resize(1000, 0xab);
         conn.data(true, first);

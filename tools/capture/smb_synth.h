@@ -1,6 +1,6 @@
 // Synthetic SMB2 traffic for generated captures and in-process floods: TREE_CONNECT and CREATE
-// messages from the shared builder (smb2_builder.h), and a TCP conversation that wraps them into
-// Ethernet/IPv4 frames with running sequence numbers.
+// messages from the shared builder (smb2_builder.h) on TCP conversations (packet_builder.h)
+// handed out as Ethernet/IPv4 frames with valid checksums.
 #pragma once
 
 #include <stdint.h>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "frame_edit.h"
+#include "packet_builder.h"
 
 namespace synth {
 
@@ -39,14 +39,17 @@ class conversation {
     void handshake();
     void send(bool from_client, uint8_t tcp_flags, std::span<const uint8_t> payload);
     void data(bool from_client, std::span<const uint8_t> payload) {
-        send(from_client, 0x18, payload);
+        send(from_client, testnet::PSH | testnet::ACK, payload);
     }
-    const capture::tcp_endpoints &client() const { return client_; }
+    const testnet::Addr &client() const { return client_; }
+    uint16_t client_port() const { return client_port_; }
 
   private:
+    void flush();  // frames the conversation's new packets for the sink
     frame_sink sink_;
-    capture::tcp_endpoints client_, server_;
-    uint32_t client_seq_ = 1000, server_seq_ = 5000;
+    testnet::Addr client_;
+    uint16_t client_port_;
+    testnet::TcpConversation tcp_;
 };
 
 // Per connection a handshake and a TREE_CONNECT, then `count` CREATEs in all over the

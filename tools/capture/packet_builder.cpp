@@ -1,10 +1,8 @@
 #include "packet_builder.h"
 
-#include "smb2_builder.h"
-
 #include <arpa/inet.h>
 
-#include <cstdio>
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -102,7 +100,7 @@ Bytes tcp_datagram(const TcpSpec &s) {
     l4.push_back(static_cast<uint8_t>((20 + opts.size()) / 4) << 4);
     l4.push_back(s.flags);
     put16(l4, 65535);
-    put16(l4, 0);  // checksum left empty: nothing here checks it
+    put16(l4, 0);  // checksum
     put16(l4, 0);
     l4.insert(l4.end(), opts.begin(), opts.end());
     l4.insert(l4.end(), s.payload.begin(), s.payload.end());
@@ -121,10 +119,15 @@ Bytes udp_datagram(const Addr &src, const Addr &dst, uint16_t sport, uint16_t dp
 }
 
 TcpConversation::TcpConversation(Addr client, uint16_t cport, Addr server, uint16_t sport,
-                                 uint64_t start_ns)
-    : client_(client), server_(server), cport_(cport), sport_(sport), now_(start_ns) {}
+                                 uint64_t start_ns, uint64_t gap_ns)
+    : client_(client),
+      server_(server),
+      cport_(cport),
+      sport_(sport),
+      now_(start_ns),
+      gap_(gap_ns) {}
 
-void TcpConversation::emit(bool from_client, uint8_t flags, const Bytes &payload) {
+void TcpConversation::send(bool from_client, uint8_t flags, std::span<const uint8_t> payload) {
     TcpSpec s;
     s.src = from_client ? client_ : server_;
     s.dst = from_client ? server_ : client_;
@@ -133,30 +136,23 @@ void TcpConversation::emit(bool from_client, uint8_t flags, const Bytes &payload
     s.seq = from_client ? cseq_ : sseq_;
     s.ack = from_client ? sseq_ : cseq_;
     s.flags = flags;
-    s.payload = payload;
+    s.payload.assign(payload.begin(), payload.end());
     uint32_t &seq = from_client ? cseq_ : sseq_;
     seq += static_cast<uint32_t>(payload.size()) + ((flags & (SYN | FIN)) ? 1 : 0);
     packets_.push_back({now_, tcp_datagram(s)});
-    now_ += 250'000;  // 250 us between packets
+    now_ += gap_;
 }
 
 void TcpConversation::handshake() {
-    emit(true, SYN, {});
-    emit(false, SYN | ACK, {});
-    emit(true, ACK, {});
-}
-
-void TcpConversation::client_sends(const Bytes &payload) {
-    emit(true, PSH | ACK, payload);
-}
-void TcpConversation::server_sends(const Bytes &payload) {
-    emit(false, PSH | ACK, payload);
+    send(true, SYN, {});
+    send(false, SYN | ACK, {});
+    send(true, ACK, {});
 }
 
 void TcpConversation::close() {
-    emit(true, FIN | ACK, {});
-    emit(false, FIN | ACK, {});
-    emit(true, ACK, {});
+    send(true, FIN | ACK, {});
+    send(false, FIN | ACK, {});
+    send(true, ACK, {});
 }
 
 Bytes frame(int link, const Bytes &ip, int vlans, size_t trailer) {
@@ -219,20 +215,20 @@ std::vector<FrameRecord> frames_of(int link, const std::vector<Packet> &packets,
 
 namespace {
 
-struct File {
-    explicit File(const std::string &path) : f(fopen(path.c_str(), "wb")) {
-        if (!f) throw std::runtime_error("cannot write " + path);
-    }
-    ~File() { fclose(f); }
-    void put(const Bytes &b) { fwrite(b.data(), 1, b.size(), f); }
-    FILE *f;
-};
+FILE *create(const std::string &path) {
+    FILE *f = fopen(path.c_str(), "wb");
+    if (!f) throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
+    return f;
+}
+
+void put(FILE *f, const Bytes &b) {
+    fwrite(b.data(), 1, b.size(), f);
+}
 
 }  // namespace
 
-void write_pcap(const std::string &path, int link, const std::vector<FrameRecord> &frames,
-                bool nanoseconds) {
-    File file(path);
+PcapWriter::PcapWriter(const std::string &path, int link, bool nanoseconds)
+    : file_(create(path)), nanoseconds_(nanoseconds) {
     Bytes h;
     le32(h, nanoseconds ? 0xa1b23c4d : 0xa1b2c3d4);
     le16(h, 2);
@@ -241,102 +237,54 @@ void write_pcap(const std::string &path, int link, const std::vector<FrameRecord
     le32(h, 0);
     le32(h, 262144);
     le32(h, static_cast<uint32_t>(link));
-    file.put(h);
-    for (const FrameRecord &r : frames) {
-        Bytes rec;
-        le32(rec, static_cast<uint32_t>(r.ts_ns / 1'000'000'000ull));
-        const uint64_t frac = r.ts_ns % 1'000'000'000ull;
-        le32(rec, static_cast<uint32_t>(nanoseconds ? frac : frac / 1000));
-        le32(rec, static_cast<uint32_t>(r.data.size()));
-        le32(rec, r.wire_len ? r.wire_len : static_cast<uint32_t>(r.data.size()));
-        file.put(rec);
-        file.put(r.data);
-    }
+    put(file_, h);
+}
+
+PcapWriter::~PcapWriter() {
+    fclose(file_);
+}
+
+void PcapWriter::write(std::span<const uint8_t> frame, uint64_t ts_ns, uint32_t wire_len) {
+    Bytes rec;
+    le32(rec, static_cast<uint32_t>(ts_ns / 1'000'000'000ull));
+    const uint64_t frac = ts_ns % 1'000'000'000ull;
+    le32(rec, static_cast<uint32_t>(nanoseconds_ ? frac : frac / 1000));
+    le32(rec, static_cast<uint32_t>(frame.size()));
+    le32(rec, wire_len ? wire_len : static_cast<uint32_t>(frame.size()));
+    rec.insert(rec.end(), frame.begin(), frame.end());
+    put(file_, rec);
+    ++packets_;
+}
+
+void write_pcap(const std::string &path, int link, const std::vector<FrameRecord> &frames,
+                bool nanoseconds) {
+    PcapWriter w(path, link, nanoseconds);
+    for (const FrameRecord &r : frames)
+        w.write(r.data, r.ts_ns, r.wire_len);
 }
 
 void write_pcapng(const std::string &path, int link, const std::vector<FrameRecord> &frames) {
-    File file(path);
-    Bytes shb;
-    le32(shb, 0x0a0d0d0a);
-    le32(shb, 28);
-    le32(shb, 0x1a2b3c4d);
-    le16(shb, 1);
-    le16(shb, 0);
-    le32(shb, 0xffffffff);  // section length unknown
-    le32(shb, 0xffffffff);
-    le32(shb, 28);
-    file.put(shb);
-    Bytes idb;
-    le32(idb, 1);
-    le32(idb, 32);
-    le16(idb, static_cast<uint16_t>(link));
-    le16(idb, 0);
-    le32(idb, 262144);
-    le16(idb, 9);  // if_tsresol: 10^-9
-    le16(idb, 1);
-    idb.push_back(9);
-    idb.insert(idb.end(), 3, 0);
-    le32(idb, 0);  // opt_endofopt
-    le32(idb, 32);
-    file.put(idb);
+    FILE *file = create(path);
+    Bytes b;
+    // Section header: byte-order magic, version 1.0, section length unknown.
+    for (uint32_t v : {0x0a0d0d0au, 28u, 0x1a2b3c4du, 1u, 0xffffffffu, 0xffffffffu, 28u})
+        le32(b, v);
+    // Interface description: link type, snap length, if_tsresol 9, end of options.
+    for (uint32_t v : {1u, 32u, static_cast<uint32_t>(link), 262144u, 0x00010009u, 9u, 0u, 32u})
+        le32(b, v);
     for (const FrameRecord &r : frames) {
         const size_t padded = (r.data.size() + 3) & ~size_t{3};
         const uint32_t total = static_cast<uint32_t>(32 + padded);
-        Bytes epb;
-        le32(epb, 6);
-        le32(epb, total);
-        le32(epb, 0);
-        le32(epb, static_cast<uint32_t>(r.ts_ns >> 32));
-        le32(epb, static_cast<uint32_t>(r.ts_ns & 0xffffffff));
-        le32(epb, static_cast<uint32_t>(r.data.size()));
-        le32(epb, r.wire_len ? r.wire_len : static_cast<uint32_t>(r.data.size()));
-        epb.insert(epb.end(), r.data.begin(), r.data.end());
-        epb.insert(epb.end(), padded - r.data.size(), 0);
-        le32(epb, total);
-        file.put(epb);
+        for (uint32_t v : {6u, total, 0u, static_cast<uint32_t>(r.ts_ns >> 32),
+                           static_cast<uint32_t>(r.ts_ns), static_cast<uint32_t>(r.data.size()),
+                           r.wire_len ? r.wire_len : static_cast<uint32_t>(r.data.size())})
+            le32(b, v);
+        b.insert(b.end(), r.data.begin(), r.data.end());
+        b.insert(b.end(), padded - r.data.size(), 0);
+        le32(b, total);
     }
-}
-
-std::vector<Packet> smb2_session(const SessionSpec &s) {
-    namespace b = smb2test;
-    TcpConversation c(s.client, s.client_port, s.server, s.server_port, s.start_ns);
-    const uint64_t session_id = 0x0000400000000011ull;
-    const uint32_t tree = 5;
-    const uint64_t fid = 0x00000000000a0001ull + s.client_port;
-    uint64_t mid = 0;
-    auto exchange = [&](uint16_t cmd, uint32_t request_tree, uint32_t response_tree, uint64_t sid,
-                        Bytes request_body, Bytes response_body) {
-        b::Message q = b::request(cmd, mid, request_tree, std::move(request_body));
-        b::Message r = b::response(cmd, mid, response_tree, std::move(response_body));
-        q.header.session_id = r.header.session_id = sid;
-        c.client_sends(b::session(b::encode(q)));
-        c.server_sends(b::session(b::encode(r)));
-        ++mid;
-    };
-    c.handshake();
-    exchange(b::NEGOTIATE, 0, 0, 0, b::request_body(b::NEGOTIATE), b::response_body(b::NEGOTIATE));
-    exchange(b::SESSION_SETUP, 0, 0, 0, b::request_body(b::SESSION_SETUP),
-             b::response_body(b::SESSION_SETUP));
-    // Session setup gives the session id; the tree id comes with the tree connect response.
-    exchange(b::TREE_CONNECT, 0, tree, session_id,
-             b::tree_connect_request_body(b::utf16(std::string_view(s.share))),
-             b::tree_connect_response_body());
-    exchange(b::CREATE, tree, tree, session_id,
-             b::create_request_body(b::utf16(std::string_view(s.file)),
-                                    s.create_new ? b::FILE_CREATE : b::FILE_OPEN),
-             b::create_response_body(s.create_new ? b::FILE_CREATED : b::FILE_OPENED,
-                                     b::kAttributeArchive, fid));
-    if (s.create_new)
-        exchange(b::WRITE, tree, tree, session_id, b::write_request_body(fid, Bytes(300, 'A')),
-                 b::response_body(b::WRITE));
-    else
-        exchange(b::READ, tree, tree, session_id, b::request_body(b::READ, fid),
-                 b::read_response_body(Bytes(200, 'a')));
-    for (uint16_t cmd : {b::CLOSE, b::TREE_DISCONNECT})
-        exchange(cmd, tree, tree, session_id, b::request_body(cmd, fid), b::response_body(cmd));
-    exchange(b::LOGOFF, 0, 0, session_id, b::request_body(b::LOGOFF), b::response_body(b::LOGOFF));
-    c.close();
-    return c.packets();
+    put(file, b);
+    fclose(file);
 }
 
 }  // namespace testnet

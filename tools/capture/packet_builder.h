@@ -1,10 +1,12 @@
-// Test traffic: IP datagrams with TCP or UDP, TCP conversations with sequence numbers, whole
-// SMB2 sessions (messages from smb2_builder.h), link-layer framing for every link type smbflow
-// reads, and pcap/pcapng files.
+// Synthetic network traffic, shared by the tests and the capture tools: IP datagrams with TCP or
+// UDP, TCP conversations with running sequence numbers, link-layer framing for every link type
+// smbflow reads, and pcap/pcapng files.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <cstdio>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,8 @@ struct TcpSpec {
     Bytes ipv6_ext;     // a hop-by-hop options header put in front of TCP (IPv6 only)
 };
 
+// The TCP checksum is left zero: nothing that reads these checks it (frame_edit.h's
+// fix_checksums fills it in where a capture should be valid throughout).
 Bytes tcp_datagram(const TcpSpec &segment);
 Bytes udp_datagram(const Addr &src, const Addr &dst, uint16_t sport, uint16_t dport,
                    const Bytes &payload);
@@ -42,41 +46,26 @@ struct Packet {
     Bytes ip;
 };
 
-// A TCP connection between a client and a server that keeps sequence numbers.
+// A TCP connection between a client and a server that keeps sequence numbers; its packets are
+// collected in packets(), `gap_ns` apart.
 class TcpConversation {
   public:
-    TcpConversation(Addr client, uint16_t cport, Addr server, uint16_t sport, uint64_t start_ns);
+    TcpConversation(Addr client, uint16_t cport, Addr server, uint16_t sport, uint64_t start_ns,
+                    uint64_t gap_ns = 250'000);
+    void send(bool from_client, uint8_t flags, std::span<const uint8_t> payload);
     void handshake();
-    void client_sends(const Bytes &payload);
-    void server_sends(const Bytes &payload);
+    void client_sends(const Bytes &payload) { send(true, PSH | ACK, payload); }
+    void server_sends(const Bytes &payload) { send(false, PSH | ACK, payload); }
     void close();
-    // Advances the clock between packets.
-    void wait_ns(uint64_t ns) { now_ += ns; }
     std::vector<Packet> &packets() { return packets_; }
 
   private:
-    void emit(bool from_client, uint8_t flags, const Bytes &payload);
     Addr client_, server_;
     uint16_t cport_, sport_;
     uint32_t cseq_ = 1000, sseq_ = 5000;
-    uint64_t now_;
+    uint64_t now_, gap_;
     std::vector<Packet> packets_;
 };
-
-// A whole SMB2 session on one TCP connection: negotiate, session setup, tree connect to `share`,
-// create `file` (open an existing file, or make a new one), read or write, close, tree
-// disconnect, log off, with the handshake and close of the connection around it.
-struct SessionSpec {
-    Addr client, server;
-    uint16_t client_port = 49732;
-    uint16_t server_port = 445;
-    std::string share = "\\\\fileserver\\public";
-    std::string file = "docs\\report.txt";
-    bool create_new = false;  // FILE_CREATE and a WRITE instead of FILE_OPEN and a READ
-    uint64_t start_ns = 0;
-};
-
-std::vector<Packet> smb2_session(const SessionSpec &session);
 
 // Link types by their pcap numbers.
 enum Link : int {
@@ -100,12 +89,29 @@ struct FrameRecord {
     uint32_t wire_len = 0;  // 0: the frame's size
 };
 
-void write_pcap(const std::string &path, int link, const std::vector<FrameRecord> &frames,
-                bool nanoseconds = true);
-void write_pcapng(const std::string &path, int link, const std::vector<FrameRecord> &frames);
-
 // Frames for a list of datagrams.
 std::vector<FrameRecord> frames_of(int link, const std::vector<Packet> &packets, int vlans = 0,
                                    size_t trailer = 0);
+
+// A pcap file written a frame at a time; throws std::runtime_error when it cannot be created.
+class PcapWriter {
+  public:
+    PcapWriter(const std::string &path, int link, bool nanoseconds = true);
+    ~PcapWriter();
+    PcapWriter(const PcapWriter &) = delete;
+    PcapWriter &operator=(const PcapWriter &) = delete;
+    void write(std::span<const uint8_t> frame, uint64_t ts_ns, uint32_t wire_len = 0);
+    uint64_t packets() const { return packets_; }
+
+  private:
+    FILE *file_;
+    bool nanoseconds_;
+    uint64_t packets_ = 0;
+};
+
+void write_pcap(const std::string &path, int link, const std::vector<FrameRecord> &frames,
+                bool nanoseconds = true);
+// One section, one interface with nanosecond stamps (if_tsresol 9).
+void write_pcapng(const std::string &path, int link, const std::vector<FrameRecord> &frames);
 
 }  // namespace testnet
