@@ -26,7 +26,9 @@ elif [ "$status" -ne 0 ]; then
 fi
 cat "$out/MANIFEST.txt"
 status=0
-for params in "" short-create=1; do
+# wire-counts=1: besides the fields, each connection's records must add up to the packets and
+# bytes that tshark counts for it.
+for params in "" short-create=1 wire-counts=1; do
   for queues in 1 4; do
     echo "traffic-check: smbflow with $queues queue(s)${params:+, --params $params}"
     PYTHONDONTWRITEBYTECODE=1 python3 tools/smbdiff/smbdiff.py --smbflow "$smbflow" \

@@ -104,6 +104,9 @@ typedef struct smb_plugin_ctx {
     // Opt-in: a successful CREATE response with an 88-byte body (no create contexts, no
     // buffer byte) is read as if it had the 89 bytes its StructureSize names.
     uint32_t short_create;
+    // Opt-in: a reassembled message leaves its packets' counters as the wire had them, so
+    // that the records of a connection add up to the packets and bytes it carried.
+    uint32_t wire_counts;
 } smb_plugin_ctx;
 
 // A queue's context has exactly the plug-in context's fields.

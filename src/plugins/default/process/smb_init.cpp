@@ -47,17 +47,18 @@ void set_defaults(smb_plugin_ctx *ctx) {
 }
 
 int parse_params(smb_plugin_ctx *ctx, const char *params) {
-    uint32_t port = kUnset, short_create = kUnset;
+    uint32_t port = kUnset, short_create = kUnset, wire_counts = kUnset;
     std::array<uint32_t, kSizeParams.size()> sizes;
     sizes.fill(kUnset);
 
-    // "short-create" comes last, after the six keys of the help text, which it is not part
-    // of: it is an opt-in beyond the documented parameters.
-    std::array<config_value_desc, 3 + kSizeParams.size()> table{};
+    // "short-create" and "wire-counts" come last, after the six keys of the help text, which
+    // they are not part of: they are opt-ins beyond the documented parameters.
+    std::array<config_value_desc, 4 + kSizeParams.size()> table{};
     table[0] = {"port", &port, CV_CONFIG_INT, 0};
     for (size_t i = 0; i < kSizeParams.size(); ++i)
         table[1 + i] = {kSizeParams[i].key, &sizes[i], CV_CONFIG_INT, 0};
     table[1 + kSizeParams.size()] = {"short-create", &short_create, CV_CONFIG_INT, 0};
+    table[2 + kSizeParams.size()] = {"wire-counts", &wire_counts, CV_CONFIG_INT, 0};
     table.back() = {nullptr, nullptr, 0, 0};
 
     if (corvaneexp_config_set_values(params, table.data(), "smb plugin") != 0) {
@@ -75,6 +76,7 @@ int parse_params(smb_plugin_ctx *ctx, const char *params) {
     for (size_t i = 0; i < kSizeParams.size(); ++i)
         if (sizes[i] != kUnset) ctx->*kSizeParams[i].field = sizes[i];
     if (short_create != kUnset) ctx->short_create = short_create != 0;
+    if (wire_counts != kUnset) ctx->wire_counts = wire_counts != 0;
     if (port == 0) CV_LOG(CVLOG_INFO, "SMB plugin: Port filtering disabled.");
     return 0;
 }

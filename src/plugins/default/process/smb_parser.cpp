@@ -140,9 +140,12 @@ int32_t parse_continuation(const Packet &p) {
         case 1:
             return SMB_PARSE_STORED;
         case 2: {
-            // The completing packet carries the earlier segments in its direction's counters.
-            p.counters.packets += c.segments;
-            p.counters.bytes += c.segment_bytes;
+            // The completing packet carries the earlier segments in its direction's counters,
+            // unless the counters are to stay those of the wire (volume accounting).
+            if (!p.q->wire_counts) {
+                p.counters.packets += c.segments;
+                p.counters.bytes += c.segment_bytes;
+            }
             smb_msg_state state{};
             state.total_length = c.total_length;
             if (c.total_length < SMB_SESSION_HEADER_SIZE + SMB2_HEADER_SIZE ||
