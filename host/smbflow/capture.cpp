@@ -3,6 +3,7 @@
 #include <pcap/pcap.h>
 #include <poll.h>
 #include <stdio.h>
+#include <sys/stat.h>
 
 #include <fmt/format.h>
 
@@ -86,9 +87,17 @@ bool Capture::apply_filter() {
 bool Capture::open_file(const std::string &path) {
     close();
     current_ = path;
-    if (MappedCapture::can_read(path)) {
+    // Standard input and FIFOs are read by the same reader as files, forward only, so that
+    // their records are those the same capture gives by path (pcapng files whose interfaces
+    // have different link types included).
+    struct stat st;
+    const bool stream = path == "-" || (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) &&
+                                        !S_ISDIR(st.st_mode));
+    if (stream || MappedCapture::can_read(path)) {
         mapped_ = std::make_unique<MappedCapture>();
-        if (mapped_->open(path, filter_)) return true;
+        if (mapped_->open(path, filter_, stream)) return true;
+        // A signal while a FIFO waits for its writer ends the run, not as a fault.
+        if (interrupted_) return false;
         error_ = mapped_->error();
         filter_error_ = mapped_->filter_error();
         return false;
@@ -161,6 +170,8 @@ ReadStatus Capture::next(Frame &frame) {
         if (interrupted_) return ReadStatus::End;
         if (mapped_) {
             const ReadStatus rs = mapped_->next(frame);
+            // A signal that interrupted a blocking read of a stream ends the run.
+            if (rs == ReadStatus::Error && interrupted_) return ReadStatus::End;
             if (rs == ReadStatus::Error) {
                 error_ = mapped_->error();
                 filter_error_ = mapped_->filter_error();
@@ -168,7 +179,8 @@ ReadStatus Capture::next(Frame &frame) {
             if (rs != ReadStatus::End) return rs;
             close();
             if (next_path_ == paths_.size()) return ReadStatus::End;
-            if (!open_file(paths_[next_path_++])) return ReadStatus::Error;
+            if (!open_file(paths_[next_path_++]))
+                return interrupted_ ? ReadStatus::End : ReadStatus::Error;
             continue;
         }
         if (!pcap_) return ReadStatus::End;
@@ -199,7 +211,8 @@ ReadStatus Capture::next(Frame &frame) {
                 close();
                 return ReadStatus::End;
             }
-            if (!open_file(paths_[next_path_++])) return ReadStatus::Error;
+            if (!open_file(paths_[next_path_++]))
+                return interrupted_ ? ReadStatus::End : ReadStatus::Error;
             continue;
         }
         // A signal that interrupted a blocking read (standard input, a FIFO) ends the run as it

@@ -50,6 +50,8 @@ class Capture {
     void interrupt();
 
     const std::string &error() const { return error_; }
+    // A signal came (interrupt()): the run ends without a fault.
+    bool interrupted() const { return interrupted_ != 0; }
     // The input being read, for messages.
     const std::string &current() const { return current_; }
     // How many files have been opened so far (the current one included).

@@ -15,6 +15,7 @@
 #include "host.h"
 #include "ipfix_export.h"
 #include "options.h"
+#include "param_check.h"
 #include "parse_results.h"
 #include "mapped_capture.h"
 #include "pipeline.h"
@@ -83,6 +84,13 @@ Format default_format(const Options &opts, FILE *out) {
     return isatty(fileno(out)) ? Format::Text : Format::Csv;
 }
 
+// The plug-in's parameters as it declares them in its help text; the SMB plug-in's opt-ins,
+// which its help text (kept as it is) does not list, are added.
+std::string declared_parameter_text(const corvane_plugin_desc *desc) {
+    const std::string help = desc->help ? desc->help : "";
+    return std::string_view(desc->name) == "smb" ? smb_parameter_text(help) : help;
+}
+
 uint64_t wall_clock_ns() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -93,18 +101,22 @@ int run(const Options &opts) {
     Capture capture = opts.interface.empty()
                           ? Capture::files(opts.files, opts.filter)
                           : Capture::live(opts.interface, opts.filter, opts.snaplen);
-    // Handlers first, so that a signal at any point after the input is opened ends the run
-    // cleanly.
+    // Handlers first, so that a signal at any point ends the run cleanly: while the input is
+    // opened (a FIFO waits for its writer) the one thread takes it at once.
     g_capture.store(&capture);
-    termination_signals(SIG_BLOCK);
     struct Forget {
         ~Forget() { g_capture.store(nullptr); }
     } forget_capture_on_return;
     install_signals();
     if (!capture.open()) {
+        if (capture.interrupted()) {
+            if (!opts.quiet) fputs(format_summary(RunSummary{}).c_str(), stderr);
+            return kExitOk;
+        }
         error(capture.error());
         return capture.error_is_filter() ? kExitUsage : kExitInput;
     }
+    termination_signals(SIG_BLOCK);
 
     corvane_host::Host host;
     RunSummary summary;
@@ -113,6 +125,20 @@ int run(const Options &opts) {
         if (auto problem = host.load_library(path)) {
             error(*problem);
             return kExitPlugin;
+        }
+        if (opts.params && host.plugin_count() > 0) {
+            const auto declared = declared_params(declared_parameter_text(host.plugin(0).desc));
+            // A plug-in whose help text declares nothing in the key=<...> notation cannot be
+            // checked: its parameters go to it as they are.
+            if (!declared.empty()) {
+                ParamLimits limits{memory_budget(), opts.queues, {}};
+                if (std::string_view(host.plugin(0).desc->name) == "smb")
+                    limits.per_queue = {"messagetable-size", "messagetable2-size"};
+                if (auto problem = check_params(*opts.params, declared, limits)) {
+                    error(*problem);
+                    return kExitUsage;
+                }
+            }
         }
         for (size_t i = 0; i < host.plugin_count(); ++i) {
             if (void *lib = host.plugin(i).library)
@@ -312,7 +338,7 @@ std::string plugin_help(int argc, char **argv) {
     corvane_host::Host host;
     if (host.load_library(path) || host.plugin_count() == 0 || !host.plugin(0).desc->help)
         return {};
-    std::string text = host.plugin(0).desc->help, out = "  ";
+    std::string text = declared_parameter_text(host.plugin(0).desc), out = "  ";
     // The descriptor separates its entries with runs of blanks or line breaks.
     for (size_t i = 0; i < text.size(); ++i) {
         const bool run = text.compare(i, 3, "   ") == 0;
@@ -324,11 +350,6 @@ std::string plugin_help(int argc, char **argv) {
             out += text[i];
         }
     }
-    // The SMB plug-in's opt-in that its help text (kept as it is) does not list.
-    if (std::string_view(host.plugin(0).desc->name) == "smb")
-        out +=
-            "\n  short-create=<0,1>  opt-in: also name opens answered without create "
-            "contexts (88-byte CREATE responses), default 0";
     return out;
 }
 

@@ -91,6 +91,10 @@ void for_each_interface(const uint8_t *p, size_t size, Each &&each) {
 // The file mapped read-only for `use`, when it is a regular file of at least 12 bytes.
 template <typename Use>
 bool with_mapped_file(const std::string &path, Use &&use) {
+    // Looked at before it is opened: opening a FIFO waits for its writer, and closing it again
+    // would take the writer's data or end it with SIGPIPE.
+    struct stat named;
+    if (stat(path.c_str(), &named) != 0 || !S_ISREG(named.st_mode)) return false;
     const int fd = ::open(path.c_str(), O_RDONLY);
     if (fd < 0) return false;
     struct stat st;
@@ -139,22 +143,28 @@ bool file_has_sub_microsecond_stamps(const std::string &path) {
     });
 }
 
-bool MappedCapture::open(const std::string &path, const std::string &filter) {
+bool MappedCapture::open(const std::string &path, const std::string &filter, bool stream) {
     path_ = path;
     filter_ = filter;
-    fd_ = ::open(path.c_str(), O_RDONLY);
+    stream_ = stream;
+    fd_ = path == "-" && stream ? dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY);
     struct stat st;
     if (fd_ < 0 || fstat(fd_, &st) != 0) {
         error_ = fmt::format("cannot read capture {}: {}", path, strerror(errno));
         return false;
     }
-    size_ = static_cast<size_t>(st.st_size);
+    size_ = stream ? SIZE_MAX : static_cast<size_t>(st.st_size);
     const uint8_t *head = view(0, 4);
     if (!head) {
-        error_ = fmt::format("cannot read capture {}: {}", path, strerror(errno));
+        error_ = fmt::format("cannot read capture {}: {}", path,
+                             stream_error_.empty() && stream ? "no data" : strerror(errno));
         return false;
     }
     const uint32_t magic = load32(head, false);
+    if (!is_capture_magic(magic)) {
+        error_ = fmt::format("cannot read capture {}: neither pcap nor pcapng", path);
+        return false;
+    }
     pcapng_ = magic == kSectionHeader;
     if (pcapng_) return true;  // sections and interfaces are read as they come
     const uint8_t *h = view(0, 24);
@@ -191,6 +201,7 @@ MappedCapture::~MappedCapture() {
 
 const uint8_t *MappedCapture::view(size_t at, size_t len) {
     if (at > size_ || len > size_ - at) return nullptr;
+    if (stream_) return stream_view(at, len);
     if (window_base_ && at >= window_at_ && at + len <= window_at_ + window_len_)
         return window_base_ + (at - window_at_);
     const size_t start = at & ~(page_size() - 1);
@@ -283,14 +294,56 @@ uint64_t to_ns(uint64_t stamp, uint64_t units_per_second) {
 
 }  // namespace
 
+// A stream is read forward only, into buffers that take the place of the file's windows: a
+// new buffer starts at `at` with the bytes of the old one from there on, and the old one lives
+// on in the batches that reference it. A read returns what the writer has given so far, so
+// packets go on as they come.
+const uint8_t *MappedCapture::stream_view(size_t at, size_t len) {
+    const size_t held_end = window_at_ + filled_;
+    if (window_base_ && at >= window_at_ && at + len <= held_end)
+        return window_base_ + (at - window_at_);
+    if (!window_base_ || at < window_at_ || at + len > window_at_ + window_len_) {
+        const size_t capacity = std::max(kWindow, len);
+        std::shared_ptr<uint8_t[]> buffer(new uint8_t[capacity]);
+        const size_t keep = window_base_ && held_end > at ? held_end - at : 0;
+        if (keep) memcpy(buffer.get(), window_base_ + (at - window_at_), keep);
+        window_base_ = buffer.get();
+        window_ = std::move(buffer);
+        window_at_ = at;
+        window_len_ = capacity;
+        filled_ = keep;
+    }
+    while (window_at_ + filled_ < at + len) {
+        const ssize_t n =
+            ::read(fd_, const_cast<uint8_t *>(window_base_) + filled_, window_len_ - filled_);
+        if (n > 0) {
+            filled_ += static_cast<size_t>(n);
+        } else if (n == 0) {
+            size_ = window_at_ + filled_;  // the end: what is held is all there is
+            return nullptr;
+        } else {
+            // A signal (EINTR) ends the read as well; the caller knows whether it was one.
+            stream_error_ = strerror(errno);
+            return nullptr;
+        }
+    }
+    return window_base_ + (at - window_at_);
+}
+
+// Whether there is a byte at `pos_`: for a stream, reads until there is one or the input ends.
+bool MappedCapture::more() {
+    return pos_ < size_ && (!stream_ || view(pos_, 1) != nullptr);
+}
+
 ReadStatus MappedCapture::next(Frame &frame) {
-    const ReadStatus rs = pcapng_ ? next_pcapng(frame) : next_pcap(frame);
+    ReadStatus rs = pcapng_ ? next_pcapng(frame) : next_pcap(frame);
+    if (rs == ReadStatus::End && !stream_error_.empty()) rs = fail("read failed: " + stream_error_);
     if (rs == ReadStatus::Packet) frame.keeper = &window_;
     return rs;
 }
 
 ReadStatus MappedCapture::next_pcap(Frame &frame) {
-    while (pos_ < size_) {
+    while (more()) {
         const uint8_t *h = view(pos_, 16);
         if (!h) return fail("truncated record header");
         const uint32_t secs = u32(h), frac = u32(h + 4), caplen = u32(h + 8), wire = u32(h + 12);
@@ -313,7 +366,7 @@ ReadStatus MappedCapture::next_pcap(Frame &frame) {
 }
 
 ReadStatus MappedCapture::next_pcapng(Frame &frame) {
-    while (pos_ < size_) {
+    while (more()) {
         const uint8_t *head = view(pos_, 12);
         if (!head) return fail("truncated block");
         const uint32_t raw_type = load32(head, false);

@@ -26,14 +26,16 @@ bool file_has_sub_microsecond_stamps(const std::string &path);
 
 class MappedCapture {
   public:
-    // Whether the path is a regular file that starts as a pcap or pcapng file (standard input,
-    // FIFOs and other formats go through libpcap).
+    // Whether the path is a regular file that starts as a pcap or pcapng file (standard input
+    // and FIFOs are read as streams; other formats go through libpcap).
     static bool can_read(const std::string &path);
 
     // Opens the file. False, with error(), when it cannot be read, its only link type is not
     // one smbflow decodes, or the filter does not compile for one of its link types (then
     // filter_error() is set).
-    bool open(const std::string &path, const std::string &filter);
+    // `stream`: the path ("-" for standard input) is read forward as it comes (a FIFO, a pipe),
+    // not mapped.
+    bool open(const std::string &path, const std::string &filter, bool stream = false);
     ~MappedCapture();
 
     // The next packet that passes the filter: Packet, End, or Error for a malformed or cut
@@ -51,6 +53,8 @@ class MappedCapture {
     // A pointer to bytes [at, at + len) of the file, mapping a new window when the current
     // one does not hold them; null past the end of the file.
     const uint8_t *view(size_t at, size_t len);
+    const uint8_t *stream_view(size_t at, size_t len);
+    bool more();
     uint32_t u32(const uint8_t *p) const;
     uint16_t u16(const uint8_t *p) const;
     ReadStatus next_pcap(Frame &frame);
@@ -67,6 +71,9 @@ class MappedCapture {
     std::shared_ptr<const void> window_;  // the current window, shared with frames' batches
     const uint8_t *window_base_ = nullptr;
     size_t window_at_ = 0, window_len_ = 0;
+    bool stream_ = false;
+    size_t filled_ = 0;         // stream: bytes of the window read so far
+    std::string stream_error_;  // stream: why the last read failed
     bool pcapng_ = false, swapped_ = false, filter_error_ = false, seen_interface_ = false;
     Interface pcap_interface_{};         // pcap: the file's one link type and resolution
     std::vector<Interface> interfaces_;  // pcapng: those of the current section

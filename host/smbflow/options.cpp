@@ -7,6 +7,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ipfix_url.h"
+#include "output_guard.h"
+
 namespace smbflow {
 
 namespace {
@@ -64,12 +67,9 @@ CLI::Validator one_of(const std::string &name, const std::map<std::string, Forma
         "", "");
 }
 
-// The same file reached by two names: compared by device and inode.
-bool same_file(const std::string &a, const std::string &b) {
-    struct stat sa, sb;
-    return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
-           sa.st_ino == sb.st_ino;
-}
+// The Private Enterprise Number under which RFC 5103 defines the reverse information elements:
+// SMB elements under it would be read as reverse elements by every collector.
+constexpr uint32_t kReversePen = 29305;
 
 constexpr const char *kDescription =
     "smbflow reads packets from capture files or a live interface, groups them into flow "
@@ -103,8 +103,10 @@ progress line while running when standard error is a terminal.
 Exit status: 0 success; 1 a capture file or interface could not be read (records of the
 packets read before the fault are still written); 2 bad options or filter; 3 the plug-in
 could not be loaded or was built for another API version; 4 the output or an IPFIX
-destination could not be written. The plug-in itself ends the program with status 255 on
-bad --params.)";
+destination could not be written. --params are checked against the parameters the plug-in
+declares in its help text (listed below) before it is loaded for the run: an unknown key, a
+value that is not a whole number or out of the declared range, or table sizes beyond the
+memory the process may use give status 2.)";
 
 }  // namespace
 
@@ -156,7 +158,7 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->check(whole_number("--queues", 1, 64))
         ->capture_default_str();
     auto *params = app.add_option("--params", opts.params,
-                                  "Plug-in parameters, handed to it unchanged, e.g. "
+                                  "Plug-in parameters, checked and handed to it unchanged, e.g. "
                                   "'port=445,filetable-size=65536'")
                        ->type_name("STRING");
     auto *plugin = app.add_option("--plugin", opts.plugin,
@@ -236,12 +238,25 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
                 "Run with --help for more information.\n");
         return kExitUsage;
     }
-    for (const auto &file : opts.files) {
-        if (!opts.output.empty() && file != "-" && same_file(file, opts.output)) {
-            fprintf(stderr, "smbflow: -o %s is one of the inputs; it would be overwritten\n",
-                    opts.output.c_str());
-            return kExitUsage;
-        }
+    if (opts.output == "-") opts.output.clear();  // standard output, as for the inputs
+    if (opts.ipfix_pen == kReversePen) {
+        fprintf(stderr,
+                "smbflow: --ipfix-pen %u is the number of RFC 5103's reverse elements; give "
+                "your own Private Enterprise Number\n",
+                kReversePen);
+        return kExitUsage;
+    }
+    std::vector<NamedPath> outputs;
+    if (!opts.output.empty()) outputs.push_back({"-o " + opts.output, opts.output});
+    for (const auto &text : opts.ipfix) {
+        const auto parsed = parse_ipfix_url(text);
+        if (const auto *url = std::get_if<IpfixUrl>(&parsed))
+            if (url->transport == IpfixUrl::Transport::File && url->path != "-")
+                outputs.push_back({"--ipfix " + text, url->path});
+    }
+    if (auto problem = check_outputs(outputs, opts.files)) {
+        fprintf(stderr, "smbflow: %s\n", problem->c_str());
+        return kExitUsage;
     }
     return std::nullopt;
 }
