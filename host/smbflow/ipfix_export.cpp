@@ -3,7 +3,11 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <pthread.h>
+#include <poll.h>
 #include <sys/socket.h>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstring>
@@ -11,6 +15,7 @@
 #include <fmt/format.h>
 
 #include "ipfix_record.h"
+#include "tcp_connect.h"
 
 namespace smbflow {
 
@@ -102,11 +107,51 @@ void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &forma
     out.op = smb.op ? static_cast<uint8_t>(smb.op->number()) : 0x3f;
 }
 
+// Files and TCP collectors are written through a stream of this program's own, so that every
+// write error is seen with its cause as it happens (a buffered write to a full disk would
+// otherwise fail unseen at close) and the bytes written are counted, to know which records a
+// TCP collector acknowledged.
 struct IpfixDestination::Session {
     fBuf_t *buf = nullptr;  // owns the session and the exporter
     fbSession_t *session = nullptr;
+    FILE *stream = nullptr;
+    int fd = -1;
+    int write_errno = 0;
+    uint64_t written = 0, acked_base = 0;
+    struct Sent {
+        uint64_t end;  // bytes written when the message was done
+        std::vector<IpfixFlow> records;
+    };
+    std::deque<Sent> unacked;  // TCP: messages the collector may not have received
+
+    static ssize_t write_out(void *cookie, const char *data, size_t size) {
+        auto *s = static_cast<Session *>(cookie);
+        size_t done = 0;
+        while (done < size) {
+            const ssize_t n = ::write(s->fd, data + done, size - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) {
+                s->write_errno = n < 0 ? errno : EIO;
+                break;
+            }
+            done += static_cast<size_t>(n);
+        }
+        s->written += done;
+        return done == size ? static_cast<ssize_t>(size) : -1;
+    }
+
+    bool open_stream(int descriptor) {
+        fd = descriptor;
+        stream =
+            fopencookie(this, "w", cookie_io_functions_t{nullptr, write_out, nullptr, nullptr});
+        if (stream) setvbuf(stream, nullptr, _IONBF, 0);
+        return stream != nullptr;
+    }
+
     ~Session() {
         if (buf) fBufFree(buf);
+        if (stream) fclose(stream);
+        if (fd >= 0) ::close(fd);
     }
 };
 
@@ -207,14 +252,33 @@ bool IpfixDestination::connect_session() {
         return false;
     }
     fbExporter_t *exporter = nullptr;
-    if (url_.transport == IpfixUrl::Transport::File) {
-        exporter = fbExporterAllocFile(url_.path.c_str());
-    } else {
+    if (url_.transport == IpfixUrl::Transport::Udp) {
         fbConnSpec_t spec{};
-        spec.transport = url_.transport == IpfixUrl::Transport::Udp ? FB_UDP : FB_TCP;
+        spec.transport = FB_UDP;
         spec.host = const_cast<char *>(url_.host.c_str());
         spec.svc = const_cast<char *>(url_.port.c_str());
         exporter = fbExporterAllocNet(&spec);
+    } else {
+        std::string why;
+        int fd = -1;
+        if (url_.transport == IpfixUrl::Transport::File) {
+            fd = url_.path == "-"
+                     ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
+                     : ::open(url_.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+            if (fd < 0) why = fmt::format("cannot write {}: {}", url_.path, strerror(errno));
+        } else {
+            fd = connect_tcp(url_.host, url_.port, settings_.connect_timeout_s, settings_.abandon,
+                             why);
+            if (fd < 0) why = "cannot connect: " + why;
+        }
+        if (fd < 0 || !s->open_stream(fd)) {
+            if (fd >= 0) ::close(fd);
+            fbSessionFree(s->session);
+            down(why.empty() ? std::string(strerror(errno)) : why);
+            return false;
+        }
+        if (url_.transport == IpfixUrl::Transport::Tcp) s->acked_base = tcp_bytes_acked(fd);
+        exporter = fbExporterAllocFP(s->stream);
     }
     s->buf = fBufAllocForExport(s->session, exporter);
     session_ = std::move(s);
@@ -225,8 +289,11 @@ bool IpfixDestination::connect_session() {
         ++counters_.connections;
         connected_ = true;
     }
-    if (outage_reported_) warn_(fmt::format("ipfix: {}: connected again", url_.text));
+    if (outage_reported_)
+        warn_(fmt::format("ipfix: {}: {}", url_.text,
+                          ever_connected_ ? "connected again" : "connected"));
     outage_reported_ = false;
+    ever_connected_ = true;
     retry_s_ = settings_.first_retry_s;
     return true;
 }
@@ -264,16 +331,81 @@ void IpfixDestination::drop_session() {
 // records go back to the front of the queue.
 bool IpfixDestination::emit() {
     GError *err = nullptr;
-    if (fBufEmit(session_->buf, &err)) {
+    Session &s = *session_;
+    // A collector that closed the connection would take the next message into nowhere.
+    if (url_.transport == IpfixUrl::Transport::Tcp && tcp_peer_gone(s.fd)) {
+        down("the collector closed the connection");
+        return false;
+    }
+    // The stream's error is looked at as well: stdio does not always pass a failed write on.
+    if (fBufEmit(s.buf, &err) && !s.write_errno) {
         std::lock_guard lock(mutex_);
         ++counters_.messages_sent;
         counters_.records_exported += in_message_.size();
+        if (url_.transport == IpfixUrl::Transport::Tcp && !in_message_.empty())
+            s.unacked.push_back({s.written, std::move(in_message_)});
         in_message_.clear();
         records_in_message_ = 0;
+        // Messages the collector has acknowledged need not be kept.
+        const uint64_t acked = s.fd >= 0 ? tcp_bytes_acked(s.fd) - s.acked_base : 0;
+        while (!s.unacked.empty() && s.unacked.front().end <= acked)
+            s.unacked.pop_front();
         return true;
     }
-    down(take_error(err));
+    // The stream's own error says what happened; libfixbuf's text may carry a stale errno.
+    if (s.write_errno) {
+        g_clear_error(&err);
+        down(strerror(s.write_errno));
+    } else {
+        std::string why = take_error(err);
+        // libfixbuf names every socket it cannot connect a TCP socket.
+        if (const size_t at = why.find("connected TCP socket");
+            at != std::string::npos && url_.transport == IpfixUrl::Transport::Udp)
+            why.replace(at, 20, "UDP socket");
+        down(why);
+    }
     return false;
+}
+
+// The records of the messages that a TCP collector has not acknowledged, oldest first: they
+// are no longer counted as sent.
+std::vector<IpfixFlow> IpfixDestination::take_unacknowledged() {
+    std::vector<IpfixFlow> out;
+    if (!session_ || session_->unacked.empty()) return out;
+    Session &s = *session_;
+    const uint64_t acked_raw = tcp_bytes_acked(s.fd);
+    const uint64_t acked = acked_raw == UINT64_MAX ? 0 : acked_raw - s.acked_base;
+    for (auto &sent : s.unacked)
+        if (sent.end > acked)
+            for (auto &r : sent.records)
+                out.push_back(std::move(r));
+    s.unacked.clear();
+    std::lock_guard lock(mutex_);
+    counters_.records_exported -= std::min<uint64_t>(counters_.records_exported, out.size());
+    return out;
+}
+
+// At the end: waits, within the connect timeout, for the collector to acknowledge what was
+// written; what it has not acknowledged by then counts as dropped.
+void IpfixDestination::settle() {
+    if (!session_ || url_.transport != IpfixUrl::Transport::Tcp) return;
+    Session &s = *session_;
+    const auto deadline = clock_() + duration_cast<steady_clock::duration>(
+                                         duration<double>(settings_.connect_timeout_s));
+    while (!s.unacked.empty() && clock_() < deadline &&
+           !(settings_.abandon && settings_.abandon->load())) {
+        const uint64_t acked = tcp_bytes_acked(s.fd);
+        if (acked == UINT64_MAX || acked - s.acked_base >= s.written) {
+            s.unacked.clear();
+            break;
+        }
+        if (tcp_peer_gone(s.fd)) break;
+        pollfd p{s.fd, POLLRDHUP, 0};
+        poll(&p, 1, 20);  // acknowledgements do not wake a poll: look again shortly
+    }
+    const auto lost = take_unacknowledged();
+    std::lock_guard lock(mutex_);
+    counters_.records_dropped += lost.size();
 }
 
 // The file or collector cannot be written: the session goes, the records of the message
@@ -281,9 +413,15 @@ bool IpfixDestination::emit() {
 // not tried again (reopening would truncate it): what comes for it is dropped.
 void IpfixDestination::down(const std::string &why) {
     const bool file = url_.transport == IpfixUrl::Transport::File;
+    // What a TCP collector did not acknowledge goes again, ahead of the message being built.
+    auto resend = take_unacknowledged();
+    for (auto &r : in_message_)
+        resend.push_back(std::move(r));
+    in_message_ = std::move(resend);
     {
         std::lock_guard lock(mutex_);
         ++counters_.send_failures;
+        if (counters_.failure.empty()) counters_.failure = why;
         connected_ = false;
         dead_ = file;
     }
@@ -377,6 +515,7 @@ void IpfixDestination::run() {
             // Connect now at the start, when the retry time has come, or for a last try at
             // the end; between tries wait for the time or the end.
             if (dead_ || (finishing_ && last_try_made)) break;
+            if (finishing_ && settings_.abandon && settings_.abandon->load()) break;
             if (!finishing_ && clock_() < next_retry_) {
                 flush_done_ = flush_ticket;
                 progress_.notify_all();
@@ -425,6 +564,9 @@ void IpfixDestination::run() {
             hold_front(batch);
         lock.lock();
     }
+    lock.unlock();
+    settle();
+    lock.lock();
     // Whatever could not be sent by the end is lost.
     counters_.records_dropped += queue_.size() + in_message_.size();
     queue_.clear();

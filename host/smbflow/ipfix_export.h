@@ -7,6 +7,7 @@
 
 #include <fixbuf/public.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -34,6 +35,11 @@ struct IpfixSettings {
     size_t held_records = 100000;     // waiting for a TCP collector that is away
     double first_retry_s = 0.25;      // reconnect backoff: doubles up to max_retry_s
     double max_retry_s = 30;
+    double connect_timeout_s = 5;  // TCP: longest wait for a connection, and for the
+                                   // collector's acknowledgement of the last records at the end
+    // Set (from a signal handler) when the run must end now: connecting and waiting stop, and
+    // what is not delivered is counted as dropped.
+    const std::atomic<bool> *abandon = nullptr;
 };
 
 struct IpfixCounters {
@@ -42,6 +48,7 @@ struct IpfixCounters {
     uint64_t records_dropped = 0;  // held beyond the bound, or left unsent at the end
     uint64_t connections = 0;      // TCP connections made (1 without outage)
     uint64_t send_failures = 0;    // connects and writes that failed
+    std::string failure;           // the first write error, for the summary
 };
 
 // A flow record's values as IPFIX carries them, taken on the export thread.
@@ -94,6 +101,8 @@ class IpfixDestination {
     bool templates_due() const;
     void hold_front(std::vector<IpfixFlow> &records);
     void down(const std::string &why);
+    void settle();
+    std::vector<IpfixFlow> take_unacknowledged();
 
     IpfixUrl url_;
     IpfixSettings settings_;
@@ -119,6 +128,7 @@ class IpfixDestination {
     std::chrono::steady_clock::time_point next_retry_{}, last_templates_{};
     double retry_s_ = 0;
     bool outage_reported_ = false;
+    bool ever_connected_ = false;
     std::thread thread_;
 };
 

@@ -30,9 +30,12 @@ namespace {
 constexpr const char *kPluginFile = "plugin-process-smb.so";
 
 std::atomic<Capture *> g_capture{nullptr};
+// Set by a signal while the run drains: collectors are no longer waited for.
+std::atomic<bool> g_abandon{false};
 
 void on_signal(int) {
     if (Capture *c = g_capture.load()) c->interrupt();
+    g_abandon.store(true);
 }
 
 void install_signals() {
@@ -151,6 +154,12 @@ int run(const Options &opts) {
     for (const auto &problem : host.problems())
         error("plug-in: " + problem);
 
+    // Every input that can be refused is refused before an output is opened (and truncated).
+    for (size_t i = 1; i < opts.files.size(); ++i)
+        if (auto problem = check_capture_file(opts.files[i], opts.filter)) {
+            error(problem->message);
+            return problem->filter ? kExitUsage : kExitInput;
+        }
     std::vector<std::string> field_names;
     for (size_t at = 0; at < opts.fields.size();) {
         const size_t comma = std::min(opts.fields.find(',', at), opts.fields.size());
@@ -181,6 +190,8 @@ int run(const Options &opts) {
         settings.observation_domain = opts.observation_domain;
         settings.template_refresh_s = opts.template_refresh_s;
         settings.uniflow = opts.ipfix_uniflow;
+        settings.connect_timeout_s = opts.ipfix_connect_timeout_s;
+        settings.abandon = &g_abandon;
         exports.push_back(
             std::make_unique<IpfixDestination>(std::get<IpfixUrl>(url), settings, error));
     }
@@ -284,9 +295,10 @@ int run(const Options &opts) {
             if ((in.frames & 1023) == 0) progress.update(in.frames, pipeline.flows_exported());
             if (opts.count && in.frames >= opts.count) break;
         }
+        // A signal from here on cuts the wait for collectors short; the records written so far
+        // and the summary still come out.
         g_capture.store(nullptr);
-        for (int sig : {SIGINT, SIGTERM, SIGHUP})
-            signal(sig, SIG_DFL);
+        install_signals();
         const auto kernel = capture.kernel_counts();
         in.live = capture.is_live();
         in.received = kernel.received;
@@ -296,13 +308,14 @@ int run(const Options &opts) {
         for (auto &e : exports) {
             e->finish();
             const IpfixCounters c = e->counters();
+            const bool file = e->url().transport == IpfixUrl::Transport::File;
             summary.exports.push_back({e->url().text, c.records_exported, c.messages_sent,
                                        c.records_dropped, c.connections,
-                                       e->url().transport == IpfixUrl::Transport::Tcp});
-            // A file that lost records, or a collector that took none of them, could not be
-            // written; a collector's outage in between shows in the summary's counts.
-            const bool file = e->url().transport == IpfixUrl::Transport::File;
-            if (c.records_dropped > 0 && (file || c.records_exported == 0) && status == kExitOk)
+                                       e->url().transport == IpfixUrl::Transport::Tcp,
+                                       file && c.send_failures ? c.failure : std::string()});
+            // Records that did not reach a file or collector, or a file that could not be
+            // written, fail the run; an outage that the held records outlasted does not.
+            if ((c.records_dropped > 0 || (file && c.send_failures > 0)) && status == kExitOk)
                 status = kExitOutput;
         }
         summary.pipeline = pipeline.stats();

@@ -118,6 +118,47 @@ bool MappedCapture::can_read(const std::string &path) {
         path, [](const uint8_t *p, size_t) { return is_capture_magic(load32(p, false)); });
 }
 
+std::optional<InputProblem> check_capture_file(const std::string &path, const std::string &filter) {
+    struct stat st;
+    if (path == "-" || (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))) return std::nullopt;
+    if (::access(path.c_str(), R_OK) != 0)
+        return InputProblem{fmt::format("cannot read capture {}: {}", path, strerror(errno))};
+    std::vector<int> links;
+    with_mapped_file(path, [&](const uint8_t *p, size_t size) {
+        const uint32_t magic = load32(p, false);
+        if (magic == kSectionHeader) {
+            for_each_interface(p, size, [&](const uint8_t *block, uint32_t, bool swapped) {
+                uint16_t link;
+                memcpy(&link, block + 8, 2);
+                links.push_back(dlt_of(swapped ? __builtin_bswap16(link) : link));
+            });
+        } else if (is_capture_magic(magic) && size >= 24) {
+            const bool swapped = magic != kPcapMicro && magic != kPcapNano;
+            links.push_back(dlt_of(load32(p + 20, swapped) & 0xffff));
+        }
+        return true;
+    });
+    if (!links.empty() && !corvane_host::link_type_supported(links.front())) {
+        MappedCapture c;  // its message, as the run would give it
+        c.open(path, filter);
+        return InputProblem{c.error(), c.filter_error()};
+    }
+    for (int link : links) {
+        if (filter.empty()) break;
+        pcap_t *dead = pcap_open_dead(link, 262144);
+        bpf_program program;
+        const bool ok = pcap_compile(dead, &program, filter.c_str(), 1, PCAP_NETMASK_UNKNOWN) == 0;
+        std::string why = ok ? "" : pcap_geterr(dead);
+        if (ok) pcap_freecode(&program);
+        pcap_close(dead);
+        if (!ok)
+            return InputProblem{fmt::format("bad filter '{}' for the {} interfaces of {}: {}",
+                                            filter, link_name(link), path, why),
+                                true};
+    }
+    return std::nullopt;
+}
+
 bool file_has_sub_microsecond_stamps(const std::string &path) {
     return with_mapped_file(path, [](const uint8_t *p, size_t size) {
         const uint32_t magic = load32(p, false);

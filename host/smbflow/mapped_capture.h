@@ -24,6 +24,16 @@ namespace smbflow {
 // a pcapng file with an interface whose if_tsresol is finer than 10^-6 s.
 bool file_has_sub_microsecond_stamps(const std::string &path);
 
+struct InputProblem {
+    std::string message;
+    bool filter = false;  // the filter does not compile for one of the file's link types
+};
+
+// What can be known of a capture file before the run reads it: that it can be read, that its
+// first link type is one smbflow decodes and that the filter compiles for the link types of its
+// interfaces (those of its first section). Standard input and FIFOs are not looked at.
+std::optional<InputProblem> check_capture_file(const std::string &path, const std::string &filter);
+
 class MappedCapture {
   public:
     // Whether the path is a regular file that starts as a pcap or pcapng file (standard input

@@ -215,6 +215,13 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
                  "Send each direction of a flow as its own record, for collectors without "
                  "RFC 5103 biflow support")
         ->needs(ipfix);
+    app.add_option("--ipfix-connect-timeout", opts.ipfix_connect_timeout_s,
+                   "Longest wait for a TCP collector to accept a connection (and, at the end, to "
+                   "acknowledge the last records); records it cannot take are held and counted")
+        ->type_name("SECONDS")
+        ->check(seconds("--ipfix-connect-timeout"))
+        ->capture_default_str()
+        ->needs(ipfix);
     app.add_flag("--no-progress", opts.no_progress, "No progress line on standard error");
     app.add_flag("-q,--quiet", opts.quiet, "No summary on standard error");
 

@@ -39,6 +39,7 @@ struct Options {
     uint32_t observation_domain = 1;
     double template_refresh_s = 600;
     bool ipfix_uniflow = false;
+    double ipfix_connect_timeout_s = 5;
     bool no_progress = false;
     bool quiet = false;
 };

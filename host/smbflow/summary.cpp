@@ -52,7 +52,9 @@ std::string format_summary(const RunSummary &s) {
         line("IPFIX to", e.url);
         line("  flow records sent", std::to_string(e.records));
         line("  messages sent", std::to_string(e.messages));
-        line("  flow records dropped", std::to_string(e.dropped));
+        line("  flow records dropped",
+             std::to_string(e.dropped) + (e.dropped ? " (not written)" : ""));
+        if (!e.failure.empty()) line("  write error", e.failure);
         if (e.stream) line("  connections", std::to_string(e.connections));
     }
     line("elapsed", fmt::format("{:.3f} s", s.elapsed_s));

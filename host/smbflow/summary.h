@@ -33,6 +33,7 @@ struct RunSummary {
         std::string url;
         uint64_t records = 0, messages = 0, dropped = 0, connections = 0;
         bool stream = false;  // TCP: connections are counted
+        std::string failure;  // a file's write error
     };
     std::vector<Export> exports;
 };
