@@ -148,8 +148,10 @@ bool Capture::open() {
         std::string why = pcap_geterr(pcap_);
         if (rc == PCAP_ERROR_NO_SUCH_DEVICE)
             why = "no such interface";
-        else if (rc == PCAP_ERROR_PERM_DENIED)
-            why = "permission denied (" + why + ")";
+        else if (rc == PCAP_ERROR_PERM_DENIED || why.find("not permitted") != std::string::npos)
+            why = "permission denied (" + why +
+                  "): a live capture needs root or the CAP_NET_RAW capability (and CAP_NET_ADMIN "
+                  "for promiscuous mode), e.g. setcap cap_net_raw,cap_net_admin+ep on smbflow";
         error_ = fmt::format("cannot capture on {}: {}", interface_, why);
         close();
         return false;

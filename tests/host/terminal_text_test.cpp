@@ -25,6 +25,13 @@ TEST(TerminalText, ControlCharactersBecomeVisibleEscapes) {
          "Gr\xc3\xbc\xc3\x9f"
          "e"},                           // U+00FC, U+00DF stay as they are
         {"cut\xe6\x97", "cut\xe6\x97"},  // a truncated sequence is left alone
+        // The four characters \x1b in a name differ from an escaped ESC; path separators stay.
+        {"\\x1b", "\\\\x1b"},
+        {"\\u009b", "\\\\u009b"},
+        {"\\\x1b", "\\\\\\x1b"},
+        {"\\\\", "\\\\\\"},
+        {"dir\\sub\\file.txt", "dir\\sub\\file.txt"},
+        {"share\\xray\\u1", "share\\xray\\u1"},  // no escape could start here
     };
     for (const auto &[in, out] : cases)
         EXPECT_EQ(visible_text(in), out) << in;
