@@ -19,8 +19,8 @@ bool same_file(const std::string &a, const std::string &b) {
     if (ea && eb) return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino && !S_ISCHR(sa.st_mode);
     if (ea != eb) return false;
     std::error_code ca, cb;
-    const auto pa = std::filesystem::weakly_canonical(a, ca);
-    const auto pb = std::filesystem::weakly_canonical(b, cb);
+    const auto pa = std::filesystem::weakly_canonical(std::filesystem::absolute(a), ca);
+    const auto pb = std::filesystem::weakly_canonical(std::filesystem::absolute(b), cb);
     return !ca && !cb && pa == pb;
 }
 

@@ -1,0 +1,194 @@
+// What an operator meets deploying smbflow as a probe: outputs that would destroy inputs or
+// each other, FIFOs and pipes, termination signals in each phase, write errors, collectors that
+// do not answer, and plug-in parameters the plug-in would misread. One table: each case is a
+// shell script run in a fresh directory holding v.pcap (the sample capture) and keep.csv (an
+// earlier output), with smbflow's expected status and the files it must leave untouched, write
+// or never create. Waits are handshakes (a process blocked where the case needs it, seen in
+// /proc); the timeout around each script only guards against a hang.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "run_command.h"
+
+namespace hosttest {
+namespace {
+
+struct OperatorCase {
+    const char *name;
+    const char *script;  // $SF runs smbflow with the SMB plug-in
+    int status;
+    std::vector<std::string> untouched;  // byte for byte as before
+    std::vector<std::string> written;    // exist and are not empty
+    std::vector<std::string> absent;     // never created
+    const char *stderr_has = "";
+};
+
+// Cases give only the fields they need.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
+// Shell helpers for the scripts: `blocked_in PID WCHAN` waits until the process sleeps in that
+// kernel function (no sleep: it looks until it sees it; the case's timeout guards the rest).
+constexpr const char *kPrelude = R"(set -u
+blocked_in() { until grep -qxE "$2" /proc/$1/wchan 2>/dev/null; do :; done; }
+raw_ip_pcap() { printf '\xd4\xc3\xb2\xa1\x02\x00\x04\x00\0\0\0\0\0\0\0\0\xff\xff\0\0\x65\0\0\0'; }
+)";
+
+const std::vector<OperatorCase> &cases() {
+    static const std::vector<OperatorCase> table = {
+        // Outputs that name an input or each other are refused before anything is written.
+        {"IpfixFileIsTheInput",
+         "$SF -q v.pcap --ipfix file:v.pcap",
+         2,
+         {"v.pcap"},
+         {},
+         {},
+         "is one of the inputs"},
+        {"OutputIsASymlinkToTheInput",
+         "ln -s v.pcap l.pcap; $SF -q v.pcap -o l.pcap",
+         2,
+         {"v.pcap"}},
+        {"IpfixFileIsAHardLinkToTheInput",
+         "ln v.pcap h.pcap; $SF -q v.pcap --ipfix file:h.pcap",
+         2,
+         {"v.pcap"}},
+        {"IpfixFileAndOutputAreOneFile",
+         "$SF -q v.pcap --ipfix file:keep.csv -o keep.csv",
+         2,
+         {"keep.csv"},
+         {},
+         {},
+         "name the same file"},
+        {"TwoIpfixFilesAreOneFile",
+         "$SF -q v.pcap --ipfix file:a --ipfix file:./a",
+         2,
+         {},
+         {},
+         {"a"}},
+        {"DashOutputIsStandardOutput", "$SF -q v.pcap -o - > out.csv", 0, {}, {"out.csv"}, {"-"}},
+        // Refused at the start, outputs untouched.
+        {"ReversePen",
+         "$SF -q v.pcap --ipfix file:x.ipfix --ipfix-pen 29305",
+         2,
+         {},
+         {},
+         {"x.ipfix"},
+         "RFC 5103"},
+        {"LaterFileLinkTypeFilterCannotTake",
+         "raw_ip_pcap > raw.pcap; $SF -q v.pcap raw.pcap -f 'ether host 1:2:3:4:5:6' -o keep.csv",
+         2,
+         {"keep.csv"}},
+        {"LaterFileMissing", "$SF -q v.pcap missing.pcap -o keep.csv", 1, {"keep.csv"}},
+        {"UnknownParameter",
+         "$SF -q v.pcap --params short_create=1 -o keep.csv",
+         2,
+         {"keep.csv"},
+         {},
+         {},
+         "'short_create' is not a parameter"},
+        {"NotANumber", "$SF -q v.pcap --params port=abc -o keep.csv", 2, {"keep.csv"}},
+        {"TrailingGarbage", "$SF -q v.pcap --params port=12abc -o keep.csv", 2, {"keep.csv"}},
+        {"OutOfDeclaredRange",
+         "$SF -q v.pcap --params short-create=2 -o keep.csv",
+         2,
+         {"keep.csv"}},
+        {"NegativeSize", "$SF -q v.pcap --params filetable-size=-1 -o keep.csv", 2, {"keep.csv"}},
+        {"SizeBeyond32Bits",
+         "$SF -q v.pcap --params filetable-size=99999999999 -o keep.csv",
+         2,
+         {"keep.csv"}},
+        {"TablesBeyondTheMemoryLimit",
+         "ulimit -v 2000000; $SF -q v.pcap --params filetable-size=1518500249 -o keep.csv",
+         2,
+         {"keep.csv"},
+         {},
+         {},
+         "MiB"},
+        {"MalformedItem", "$SF -q v.pcap --params port -o keep.csv", 2, {"keep.csv"}},
+        {"DeclaredParametersAccepted",
+         "$SF -q v.pcap --params port=0x1bd,wire-counts=1,short-create=1 -o out.csv",
+         0,
+         {},
+         {"out.csv"}},
+        // Write errors fail the run with status 4 and say why.
+        {"IpfixToDevFull",
+         "$SF v.pcap --ipfix file:/dev/full",
+         4,
+         {},
+         {},
+         {},
+         "No space left on device"},
+        {"IpfixToClosedPipe",
+         "$SF -q v.pcap --ipfix file:- | head -c 100 > /dev/null; exit ${PIPESTATUS[0]}",
+         4,
+         {},
+         {},
+         {},
+         "Broken pipe"},
+        // A FIFO is read like standard input: the same records as the file by path.
+        {"FifoGivesTheRecordsOfThePath",
+         "$SF -q v.pcap -o path.csv; mkfifo f; cat v.pcap > f & $SF -q f -o fifo.csv; "
+         "cmp path.csv fifo.csv",
+         0,
+         {},
+         {"fifo.csv"}},
+        {"StandardInputGivesTheRecordsOfThePath",
+         "$SF -q v.pcap -o path.csv; cat v.pcap | $SF -q - -o in.csv; cmp path.csv in.csv",
+         0,
+         {},
+         {"in.csv"}},
+        // Termination signals end the run cleanly, with the summary, in each phase.
+        {"SignalWhileAFifoWaitsForItsWriter",
+         "mkfifo f; $SF f -o out.csv & p=$!; blocked_in $p wait_for_partner; kill -TERM $p; "
+         "wait $p",
+         0,
+         {},
+         {},
+         {},
+         "smbflow summary"},
+        {"SignalWhileReadingAFifo",
+         "mkfifo f; exec 3<>f; cat v.pcap >&3; $SF f -o out.csv & p=$!; blocked_in $p "
+         "'(anon_)?pipe_read'; "
+         "kill -INT $p; wait $p",
+         0,
+         {},
+         {"out.csv"},
+         {},
+         "flow records              7"},
+    };
+    return table;
+}
+
+class Operator : public ::testing::TestWithParam<OperatorCase> {};
+
+TEST_P(Operator, Case) {
+    const OperatorCase &c = GetParam();
+    TempDir dir;
+    write_file(dir.path("v.pcap"), read_file(std::string(TEST_DATA) + "/sample-smb2.pcap"));
+    write_file(dir.path("keep.csv"), "an earlier run's output\n");
+    std::vector<std::string> before;
+    for (const auto &f : c.untouched)
+        before.push_back(read_file(dir.path(f)));
+    const std::string script = std::string(kPrelude) + "cd '" + dir.path("") + "'\nSF='" + SMBFLOW +
+                               " --plugin " + SMB_PLUGIN + "'\n" + c.script + "\n";
+    const auto r = run_command({"/usr/bin/timeout", "60", "/bin/bash", "-c", script});
+    EXPECT_EQ(r.status, c.status) << c.script << "\n" << r.err;
+    EXPECT_NE(r.err.find(c.stderr_has), std::string::npos) << r.err;
+    for (size_t i = 0; i < c.untouched.size(); ++i)
+        EXPECT_EQ(read_file(dir.path(c.untouched[i])), before[i]) << c.untouched[i];
+    struct stat st;
+    for (const auto &f : c.written)
+        EXPECT_TRUE(stat(dir.path(f).c_str(), &st) == 0 && st.st_size > 0) << f;
+    for (const auto &f : c.absent)
+        EXPECT_NE(lstat(dir.path(f).c_str(), &st), 0) << f;
+}
+
+INSTANTIATE_TEST_SUITE_P(Smbflow, Operator, ::testing::ValuesIn(cases()),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace hosttest
