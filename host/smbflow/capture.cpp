@@ -225,6 +225,10 @@ ReadStatus Capture::next(Frame &frame) {
     }
 }
 
+bool Capture::stream_has_sub_microsecond_stamps() {
+    return mapped_ && !MappedCapture::can_read(current_) && mapped_->sub_microsecond_stamps();
+}
+
 void Capture::interrupt() {
     interrupted_ = 1;
     if (pcap_) pcap_breakloop(pcap_);

@@ -59,6 +59,9 @@ class Capture {
     bool is_live() const { return live_; }
     // Live capture: the interface gives nanosecond timestamps.
     bool nanosecond_stamps() const { return nano_; }
+    // The input being read is a stream (standard input, a FIFO) whose first packets carry
+    // timestamps finer than microseconds.
+    bool stream_has_sub_microsecond_stamps();
     // A bad filter is the user's mistake, not the input's.
     bool error_is_filter() const { return filter_error_; }
     // Frames that libpcap's statistics report as received and dropped (live capture).

@@ -222,7 +222,8 @@ int run(const Options &opts) {
     {
         FlowFormatter formatter(host.fields());
         // Nanoseconds when any input has them (so a run's timestamps keep one width).
-        bool nano = capture.is_live() && capture.nanosecond_stamps();
+        bool nano = (capture.is_live() && capture.nanosecond_stamps()) ||
+                    capture.stream_has_sub_microsecond_stamps();
         for (const auto &f : opts.files)
             nano |= f != "-" && file_has_sub_microsecond_stamps(f);
         formatter.set_nanoseconds(nano);

@@ -88,6 +88,25 @@ void for_each_interface(const uint8_t *p, size_t size, Each &&each) {
     }
 }
 
+// Whether an interface description block gives timestamps finer than microseconds. Options
+// follow LinkType, reserved and SnapLen; if_tsresol is option 9.
+bool interface_is_fine(const uint8_t *block, uint32_t len, bool swapped) {
+    bool fine = false;
+    for (uint32_t o = 16; o + 4 <= len - 4;) {
+        uint16_t code, olen;
+        memcpy(&code, block + o, 2);
+        memcpy(&olen, block + o + 2, 2);
+        if (swapped) code = __builtin_bswap16(code), olen = __builtin_bswap16(olen);
+        if (code == kOptionEnd) break;
+        if (code == kOptionTsResol && olen >= 1 && o + 5 <= len) {
+            const uint8_t r = block[o + 4];
+            fine |= (r & 0x80) ? (r & 0x7f) > 19 : r > 6;
+        }
+        o += 4 + ((olen + 3u) & ~3u);
+    }
+    return fine;
+}
+
 // The file mapped read-only for `use`, when it is a regular file of at least 12 bytes.
 template <typename Use>
 bool with_mapped_file(const std::string &path, Use &&use) {
@@ -166,19 +185,7 @@ bool file_has_sub_microsecond_stamps(const std::string &path) {
         if (magic != kSectionHeader) return false;
         bool fine = false;
         for_each_interface(p, size, [&](const uint8_t *block, uint32_t len, bool swapped) {
-            // Options follow LinkType, reserved and SnapLen; if_tsresol is option 9.
-            for (uint32_t o = 16; o + 4 <= len - 4;) {
-                uint16_t code, olen;
-                memcpy(&code, block + o, 2);
-                memcpy(&olen, block + o + 2, 2);
-                if (swapped) code = __builtin_bswap16(code), olen = __builtin_bswap16(olen);
-                if (code == kOptionEnd) break;
-                if (code == kOptionTsResol && olen >= 1) {
-                    const uint8_t r = block[o + 4];
-                    fine |= (r & 0x80) ? (r & 0x7f) > 19 : r > 6;
-                }
-                o += 4 + ((olen + 3u) & ~3u);
-            }
+            fine |= interface_is_fine(block, len, swapped);
         });
         return fine;
     });
@@ -334,6 +341,30 @@ uint64_t to_ns(uint64_t stamp, uint64_t units_per_second) {
 }
 
 }  // namespace
+
+bool MappedCapture::sub_microsecond_stamps() {
+    if (!pcapng_) return pcap_interface_.units_per_second > 1'000'000;
+    // The interfaces ahead of the first packet, looked at without moving on; a stream reads
+    // only as far as they go.
+    bool swapped = swapped_, fine = false;
+    for (size_t at = pos_;;) {
+        const uint8_t *head = view(at, 12);
+        if (!head) break;
+        uint32_t type = load32(head, false);
+        if (type == kSectionHeader) swapped = load32(head + 8, false) != kByteOrderMagic;
+        const uint32_t len = load32(head + 4, swapped);
+        type = load32(head, swapped);
+        if (len < 12 || len % 4 || len > kMaxRecord || type == kEnhancedPacket ||
+            type == kSimplePacket || type == kObsoletePacket)
+            break;
+        const uint8_t *block = view(at, len);
+        if (!block) break;
+        if (type == kInterfaceDescription && len >= 20)
+            fine |= interface_is_fine(block, len, swapped);
+        at += len;
+    }
+    return fine;
+}
 
 // A stream is read forward only, into buffers that take the place of the file's windows: a
 // new buffer starts at `at` with the bytes of the old one from there on, and the old one lives

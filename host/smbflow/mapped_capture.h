@@ -54,6 +54,9 @@ class MappedCapture {
 
     const std::string &error() const { return error_; }
     bool filter_error() const { return filter_error_; }
+    // Whether the timestamps are finer than microseconds: a nanosecond pcap file, or interfaces
+    // of the first section with a finer if_tsresol (as file_has_sub_microsecond_stamps).
+    bool sub_microsecond_stamps();
 
   private:
     struct Interface {

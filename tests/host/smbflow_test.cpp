@@ -226,7 +226,12 @@ TEST_F(Smbflow, FilesAndLinkTypesAreReadAsOneStream) {
             return smbflow(files);
         };
         const std::string want = with({whole}).out;
-        for (const auto &r : {with({a, b}), with({mixed})}) {
+        // Standard input reads the mixed file as its path does.
+        std::string piped = "cat '" + mixed + "' | " + SMBFLOW + " --no-progress";
+        for (const auto &arg : args)
+            piped += " '" + arg + "'";
+        const auto from_stdin = run_command({"/bin/sh", "-c", piped + " -"});
+        for (const auto &r : {with({a, b}), with({mixed}), from_stdin}) {
             ASSERT_EQ(r.status, 0) << r.err;
             EXPECT_EQ(r.out, want) << filter;
         }
