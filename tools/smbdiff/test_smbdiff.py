@@ -11,6 +11,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent))
 
 import model  # noqa: E402
 import smbdiff  # noqa: E402
+import volume  # noqa: E402
 import wire  # noqa: E402
 from wire import (CLOSE, CREATE, NEGOTIATE, READ, SET_INFO, TREE_CONNECT,  # noqa: E402
                   TREE_DISCONNECT, WRITE, Pdu, Segment, Smb2Message)
@@ -396,6 +397,25 @@ class CompareTest(unittest.TestCase):
         self.assertEqual((a.client, a.client_port, a.packets), (CLIENT, CPORT, 5))
         self.assertEqual(a.fields(), (0x20FF, 0x60FF, "\\\\s\\x", "a", 2, 0x41))
         self.assertEqual(b.fields(), (0xFF, 0xFF, None, None, 0xFF, 0x3F))
+
+
+class VolumeTest(unittest.TestCase):
+    """A connection's records add up per connection, whichever end each record starts from."""
+
+    def test_totals_and_differences(self):
+        rec = ('{{"src_addr":"{}","src_port":{},"dst_addr":"{}","dst_port":{},"proto":{},'
+               '"packets":{},"bytes":{},"rev_packets":{},"rev_bytes":{}}}')
+        lines = [rec.format(CLIENT, CPORT, SERVER, 445, 6, 3, 300, 2, 200),
+                 rec.format(SERVER, 445, CLIENT, CPORT, 6, 1, 100, "null", "null"),
+                 rec.format(CLIENT, 53, SERVER, 53, 17, 1, 60, 1, 80)]  # UDP: not counted
+        key = ((SERVER, 445), (CLIENT, CPORT)) if (SERVER, 445) < (CLIENT, CPORT) else \
+            ((CLIENT, CPORT), (SERVER, 445))
+        self.assertEqual(volume.record_totals(lines), {key: (6, 600)})
+        cases = [({key: (6, 600)}, 0), ({key: (5, 600)}, 1), ({key: (6, 601)}, 1), ({}, 1)]
+        for wire_counts, n in cases:
+            with self.subTest(wire=wire_counts):
+                self.assertEqual(len(volume.differences(wire_counts,
+                                                        volume.record_totals(lines))), n)
 
 
 if __name__ == "__main__":
