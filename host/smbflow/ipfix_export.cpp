@@ -357,12 +357,7 @@ bool IpfixDestination::emit() {
         g_clear_error(&err);
         down(strerror(s.write_errno));
     } else {
-        std::string why = take_error(err);
-        // libfixbuf names every socket it cannot connect a TCP socket.
-        if (const size_t at = why.find("connected TCP socket");
-            at != std::string::npos && url_.transport == IpfixUrl::Transport::Udp)
-            why.replace(at, 20, "UDP socket");
-        down(why);
+        down(take_error(err));
     }
     return false;
 }
@@ -386,9 +381,11 @@ std::vector<IpfixFlow> IpfixDestination::take_unacknowledged() {
 }
 
 // At the end: waits, within the connect timeout, for the collector to acknowledge what was
-// written; what it has not acknowledged by then counts as dropped.
-void IpfixDestination::settle() {
-    if (!session_ || url_.transport != IpfixUrl::Transport::Tcp) return;
+// written. A collector that closes the connection first gets the records again on a new one
+// (false: they are back in the queue); what is unacknowledged when the time is up, or the run
+// is abandoned, counts as dropped.
+bool IpfixDestination::settle() {
+    if (!session_ || url_.transport != IpfixUrl::Transport::Tcp) return true;
     Session &s = *session_;
     const auto deadline = clock_() + duration_cast<steady_clock::duration>(
                                          duration<double>(settings_.connect_timeout_s));
@@ -399,19 +396,29 @@ void IpfixDestination::settle() {
             s.unacked.clear();
             break;
         }
-        if (tcp_peer_gone(s.fd)) break;
+        if (tcp_peer_gone(s.fd)) {
+            down("the collector closed the connection before it acknowledged the last records");
+            return false;
+        }
         pollfd p{s.fd, POLLRDHUP, 0};
         poll(&p, 1, 20);  // acknowledgements do not wake a poll: look again shortly
     }
     const auto lost = take_unacknowledged();
     std::lock_guard lock(mutex_);
     counters_.records_dropped += lost.size();
+    return true;
 }
 
 // The file or collector cannot be written: the session goes, the records of the message
 // being built wait in the queue, and a collector is tried again after a backoff. A file is
 // not tried again (reopening would truncate it): what comes for it is dropped.
-void IpfixDestination::down(const std::string &why) {
+void IpfixDestination::down(const std::string &reason) {
+    std::string why = reason;
+    // libfixbuf calls every socket it cannot connect a TCP socket, UDP ones included.
+    constexpr std::string_view kTcpWords = "couldn't create connected TCP socket to";
+    if (const size_t at = why.find(kTcpWords);
+        at != std::string::npos && url_.transport == IpfixUrl::Transport::Udp)
+        why.replace(at, kTcpWords.size(), "cannot send over UDP to");
     const bool file = url_.transport == IpfixUrl::Transport::File;
     // What a TCP collector did not acknowledge goes again, ahead of the message being built.
     auto resend = take_unacknowledged();
@@ -544,7 +551,12 @@ void IpfixDestination::run() {
                 if (!sent) continue;
                 flush_done_ = flush_ticket;
                 progress_.notify_all();
-                if (finishing_ && queue_.empty()) break;
+                if (finishing_ && queue_.empty()) {
+                    lock.unlock();
+                    const bool settled = settle();
+                    lock.lock();
+                    if (settled) break;
+                }
                 continue;
             }
             wake_.wait(lock, [&] {

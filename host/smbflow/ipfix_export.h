@@ -101,7 +101,7 @@ class IpfixDestination {
     bool templates_due() const;
     void hold_front(std::vector<IpfixFlow> &records);
     void down(const std::string &why);
-    void settle();
+    bool settle();
     std::vector<IpfixFlow> take_unacknowledged();
 
     IpfixUrl url_;
