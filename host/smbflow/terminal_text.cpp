@@ -57,8 +57,9 @@ bool in(const Range *first, const Range *last, char32_t cp) {
 std::string visible_text(std::string_view s) {
     std::string out;
     out.reserve(s.size());
-    // Whether the text from `at` on starts what the table reads as an escape: a backslash, an
-    // 'x' or 'u' with the hex digits of one, or a control character (written as \xNN or \uNNNN).
+    // Whether the text from `at` on starts what the table reads as an escape after a
+    // backslash: 'x' and two hex digits, 'u' and four, or a control character (which is
+    // written as \xNN or \uNNNN).
     const auto escape_follows = [&](size_t at) {
         if (at >= s.size()) return false;
         const auto [cp, len] = decode(s, at);
@@ -67,18 +68,24 @@ std::string visible_text(std::string_view s) {
                    std::all_of(s.begin() + at + 1, s.begin() + at + 1 + n,
                                [](char c) { return isxdigit(static_cast<unsigned char>(c)) != 0; });
         };
-        if (cp == '\\') return true;
         if (cp == 'x') return hex_after(2);
         if (cp == 'u') return hex_after(4);
         return ((len == 1 && cp < 0x80) || len == 2) && is_control(cp);
     };
     for (size_t i = 0; i < s.size();) {
+        // A run of backslashes right before an escape, or before what would read as one, is
+        // doubled: an odd run then ends in an escape, an even one in text, so "\x1b" in a name
+        // and an escaped ESC look different. Other backslashes (Windows paths, \\server) stay.
+        if (s[i] == '\\') {
+            size_t end = i;
+            while (end < s.size() && s[end] == '\\')
+                ++end;
+            out.append((end - i) * (escape_follows(end) ? 2 : 1), '\\');
+            i = end;
+            continue;
+        }
         const auto [cp, len] = decode(s, i);
-        // A backslash that would read as the start of an escape is doubled, so that "\x1b" in a
-        // name and an escaped ESC look different; Windows paths keep their single backslashes.
-        if (cp == '\\' && escape_follows(i + 1))
-            out += "\\\\";
-        else if (len == 1 && cp < 0x80 && is_control(cp))
+        if (len == 1 && cp < 0x80 && is_control(cp))
             out += fmt::format("\\x{:02x}", static_cast<unsigned>(cp));
         else if (len == 2 && is_control(cp))
             out += fmt::format("\\u{:04x}", static_cast<unsigned>(cp));

@@ -10,9 +10,10 @@ namespace smbflow {
 
 // The text with every control character (C0, DEL and the C1 range U+0080..U+009F) written as
 // a visible escape: \xNN for the bytes below 0x80, \u0080..\u009F for the C1 code points.
-// A backslash that the reader would take for the start of an escape (one followed by a
-// backslash, 'x' and two hex digits, 'u' and four, or a control character) is doubled, so that
-// every escape reads one way. Other text, invalid UTF-8 included, is copied unchanged.
+// A run of backslashes followed by an escape, or by what would read as one ('x' and two hex
+// digits, 'u' and four), is doubled, so that every escape reads one way: an odd run ends in an
+// escape, an even one in text. Other backslashes (Windows paths) and other text, invalid UTF-8
+// included, are copied unchanged.
 std::string visible_text(std::string_view s);
 
 // Columns the text takes on a terminal: two for East Asian wide and full-width characters and

@@ -160,8 +160,8 @@ std::string repeated_capture(int copies, bool big_endian) {
     return out;
 }
 
-// Files are read in place, a window of the mapping at a time; standard input goes through
-// libpcap. Both give the same records in every file format, with a filter too.
+// Files are read in place, a window of the mapping at a time; standard input is read as a
+// stream into buffers. Both give the same records in every file format, with a filter too.
 TEST_F(Smbflow, MappedFilesGiveWhatLibpcapGives) {
     write_file(tmp.path("le.pcap"), repeated_capture(20, false));
     write_file(tmp.path("be.pcap"), repeated_capture(20, true));
@@ -179,11 +179,8 @@ TEST_F(Smbflow, MappedFilesGiveWhatLibpcapGives) {
                 run_command({"/bin/sh", "-c", SMBFLOW + args + "- < " + tmp.path(file)});
             ASSERT_EQ(mapped.status, 0) << file << mapped.err;
             EXPECT_GT(lines_of(mapped.out).size(), 1000u) << file;
-            // A named nanosecond file keeps nine digits; standard input cannot be looked at
-            // ahead and keeps six.
-            const std::string six =
-                std::regex_replace(mapped.out, std::regex(R"((\.\d{6})000Z)"), "$1Z");
-            EXPECT_TRUE(six == piped.out) << file << " '" << filter << "'";
+            // Standard input gives the records of the path, nanosecond digits included.
+            EXPECT_TRUE(mapped.out == piped.out) << file << " '" << filter << "'";
         }
 }
 
@@ -374,8 +371,8 @@ const ErrorCase kErrorCases[] = {
      "--active-timeout must be a number of seconds above 0"},
     {"timeout not a number", {"--no-plugin", "--inactive-timeout", "nan", kSample}, 2,
      "--inactive-timeout must be a number of seconds above 0"},
-    {"plug-in refuses its parameters", {"--params", "port=99999", kSample}, 255,
-     "Parameter error: port number is not valid"},
+    {"parameters out of the declared range", {"--params", "port=99999", kSample}, 2,
+     "--params port=99999: must be a whole number from 0 to 65535"},
     {"unknown column", {"--no-plugin", "--fields", "src_addr,nope", kSample}, 2,
      "--fields: no column 'nope' (columns: start,end,"},
     {"output onto an input", {"--no-plugin", "-o", "@input.pcap", "@input.pcap"}, 2,
@@ -409,14 +406,6 @@ INSTANTIATE_TEST_SUITE_P(Paths, SmbflowErrors, testing::ValuesIn(kErrorCases),
                                  n.begin(), n.end(), [](char c) { return !isalnum(c); }, '_');
                              return n;
                          });
-
-// A file that cannot be read ends the input: the records of the files before it are written
-// (a file cut short is tests/hostile/capture_input_test.cpp's).
-TEST_F(Smbflow, RecordsBeforeAnUnreadableFileAreStillWritten) {
-    auto m = smbflow({"--no-plugin", "-F", "csv", kSample, tmp.path("gone.pcap")});
-    EXPECT_EQ(m.status, 1);
-    EXPECT_EQ(lines_of(m.out).size(), 4u);
-}
 
 // smbflow started in the background with these arguments (its standard error discarded).
 pid_t spawn_smbflow(std::vector<std::string> args, int stdin_fd = -1) {

@@ -29,7 +29,9 @@ TEST(TerminalText, ControlCharactersBecomeVisibleEscapes) {
         {"\\x1b", "\\\\x1b"},
         {"\\u009b", "\\\\u009b"},
         {"\\\x1b", "\\\\\\x1b"},
-        {"\\\\", "\\\\\\"},
+        {"\\\\x1b", "\\\\\\\\x1b"},  // an even run before an escape-like text
+        {"\\\\", "\\\\"},
+        {"\\\\server\\share", "\\\\server\\share"},
         {"dir\\sub\\file.txt", "dir\\sub\\file.txt"},
         {"share\\xray\\u1", "share\\xray\\u1"},  // no escape could start here
     };
