@@ -166,6 +166,13 @@ unshare -n bash -c '
          {},
          {},
          "no connection within 1 s"},
+        {"LiveCaptureWithoutPrivilege",
+         "privileged; setpriv --reuid=65534 --regid=65534 --clear-groups $SF -q -c 1 -i lo",
+         1,
+         {},
+         {},
+         {},
+         "CAP_NET_RAW"},
         // A FIFO is read like standard input: the same records as the file by path.
         {"FifoGivesTheRecordsOfThePath",
          "$SF -q v.pcap -o path.csv; mkfifo f; cat v.pcap > f & $SF -q f -o fifo.csv; "
