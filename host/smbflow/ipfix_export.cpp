@@ -244,6 +244,7 @@ bool IpfixDestination::export_templates() {
         return false;
     }
     last_templates_ = clock_();
+    data_messages_since_templates_ = 0;
     // libfixbuf takes no data records into a message that carries templates.
     return emit();
 }
@@ -253,6 +254,8 @@ bool IpfixDestination::export_templates() {
 bool IpfixDestination::templates_due() const {
     return url_.transport == IpfixUrl::Transport::Udp &&
            (settings_.template_refresh_s == 0 ||
+            (settings_.template_refresh_messages != 0 &&
+             data_messages_since_templates_ >= settings_.template_refresh_messages) ||
             clock_() - last_templates_ >= duration<double>(settings_.template_refresh_s));
 }
 
@@ -267,6 +270,7 @@ bool IpfixDestination::emit() {
     if (fBufEmit(session_->buf, &err)) {
         std::lock_guard lock(mutex_);
         ++counters_.messages_sent;
+        if (!in_message_.empty()) ++data_messages_since_templates_;
         counters_.records_exported += in_message_.size();
         in_message_.clear();
         records_in_message_ = 0;

@@ -15,6 +15,7 @@
 #include "host.h"
 #include "ipfix_export.h"
 #include "options.h"
+#include "orientation.h"
 #include "parse_results.h"
 #include "mapped_capture.h"
 #include "pipeline.h"
@@ -154,6 +155,7 @@ int run(const Options &opts) {
         settings.pen = opts.ipfix_pen;
         settings.observation_domain = opts.observation_domain;
         settings.template_refresh_s = opts.template_refresh_s;
+        settings.template_refresh_messages = opts.template_refresh_messages;
         settings.uniflow = opts.ipfix_uniflow;
         exports.push_back(
             std::make_unique<IpfixDestination>(std::get<IpfixUrl>(url), settings, error));
@@ -194,9 +196,11 @@ int run(const Options &opts) {
         const PayloadNeed need =
             PayloadNeed::for_run(opts.no_plugin, host.plugin_count(),
                                  host.plugin_count() ? host.plugin(0).desc->name : "", opts.params);
+        ClientFirst client_first(server_port_of(opts.params));
         Pipeline pipeline(
             host, opts.queues, config,
-            [&](const corvane_host::ExportedFlow &flow) {
+            [&](const corvane_host::ExportedFlow &as_cached) {
+                const corvane_host::ExportedFlow &flow = client_first(as_cached);
                 if (writer) {
                     formatter.render(flow, row);
                     writer->write(row);

@@ -209,6 +209,13 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->check(seconds("--template-refresh", true))
         ->capture_default_str()
         ->needs(ipfix);
+    app.add_option("--template-refresh-messages", opts.template_refresh_messages,
+                   "Over UDP, send the templates again after this many data messages as well "
+                   "(0: by time alone)")
+        ->type_name("N")
+        ->check(whole_number("--template-refresh-messages", 0, UINT32_MAX))
+        ->capture_default_str()
+        ->needs(ipfix);
     app.add_flag("--ipfix-uniflow", opts.ipfix_uniflow,
                  "Send each direction of a flow as its own record, for collectors without "
                  "RFC 5103 biflow support")

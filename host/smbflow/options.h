@@ -37,7 +37,8 @@ struct Options {
     std::vector<std::string> ipfix;  // destinations, as URLs
     uint32_t ipfix_pen = 32473;
     uint32_t observation_domain = 1;
-    double template_refresh_s = 600;
+    double template_refresh_s = 30;
+    uint64_t template_refresh_messages = 100;
     bool ipfix_uniflow = false;
     bool no_progress = false;
     bool quiet = false;
