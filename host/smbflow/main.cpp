@@ -19,15 +19,15 @@
 #include "parse_results.h"
 #include "mapped_capture.h"
 #include "pipeline.h"
+#include "plugin_search.h"
 #include "stderr_lines.h"
 #include "summary.h"
+#include "version.h"
 #include "writers.h"
 
 namespace smbflow {
 
 namespace {
-
-constexpr const char *kPluginFile = "plugin-process-smb.so";
 
 std::atomic<Capture *> g_capture{nullptr};
 
@@ -60,17 +60,6 @@ void termination_signals(int how) {
 
 void error(const std::string &message) {
     fprintf(stderr, "smbflow: %s\n", message.c_str());
-}
-
-std::string default_plugin_path() {
-    std::error_code ec;
-    const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (ec) return kPluginFile;
-    const auto dir = exe.parent_path();
-    for (const auto &candidate :
-         {dir / kPluginFile, dir / ".." / kPluginFile, dir / ".." / "lib" / kPluginFile})
-        if (std::filesystem::exists(candidate, ec)) return candidate.string();
-    return (dir / kPluginFile).string();
 }
 
 Format default_format(const Options &opts, FILE *out) {
@@ -302,15 +291,30 @@ int run(const Options &opts) {
 
 // For --help: the help text of the plug-in that a run would load (the default, or --plugin's),
 // one parameter a line. Empty when help is not asked for or the plug-in cannot be loaded.
+bool version_asked(int argc, char **argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::string_view(argv[i]) == "--version") return true;
+    return false;
+}
+
+// The plug-in that --help and --version describe: --plugin's, or the default.
+std::string plugin_for_help(int argc, char **argv) {
+    std::string path = default_plugin_path();
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--plugin" && i + 1 < argc) path = argv[i + 1];
+        if (a.rfind("--plugin=", 0) == 0) path = a.substr(9);
+    }
+    return path;
+}
+
 std::string plugin_help(int argc, char **argv) {
     bool help = false, none = false;
-    std::string path = default_plugin_path();
+    const std::string path = plugin_for_help(argc, argv);
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         help |= a == "-h" || a == "--help";
         none |= a == "--no-plugin";
-        if (a == "--plugin" && i + 1 < argc) path = argv[i + 1];
-        if (a.rfind("--plugin=", 0) == 0) path = a.substr(9);
     }
     if (!help || none) return {};
     corvane_host::Host host;
@@ -341,6 +345,10 @@ std::string plugin_help(int argc, char **argv) {
 int main(int argc, char **argv) {
     smbflow::drop_blank_lines_on_stderr();
     smbflow::Options opts;
+    if (smbflow::version_asked(argc, argv)) {
+        fputs(smbflow::version_text(smbflow::plugin_for_help(argc, argv)).c_str(), stdout);
+        return 0;
+    }
     if (auto status = smbflow::parse_options(argc, argv, opts, smbflow::plugin_help(argc, argv)))
         return *status;
     return smbflow::run(opts);

@@ -222,6 +222,20 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->needs(ipfix);
     app.add_flag("--no-progress", opts.no_progress, "No progress line on standard error");
     app.add_flag("-q,--quiet", opts.quiet, "No summary on standard error");
+    // One long option a line, `name = value`; the command line wins over the file.
+    app.set_config("--config", "",
+                   "Read options from FILE: one long option a line as 'name = value' (a flag "
+                   "alone or 'name = true'); options on the command line win")
+        ->type_name("FILE");
+    // A value is taken whole: CLI11 would otherwise split unquoted values at commas and blanks
+    // (a filter, a column list) into lists.
+    app.get_config_formatter_base()->arrayDelimiter('\x1f');
+    app.allow_config_extras(CLI::config_extras_mode::error);  // a misspelt name is an error
+    // Answered before the other options are looked at (main): listed here for --help.
+    bool version = false;
+    app.add_flag("--version", version,
+                 "Print the version, the plug-in API version and the libraries' versions, and "
+                 "exit");
 
     try {
         app.parse(argc, argv);
