@@ -19,6 +19,8 @@
 #include "parse_results.h"
 #include "mapped_capture.h"
 #include "pipeline.h"
+#include "rotation.h"
+#include "service.h"
 #include "plugin_search.h"
 #include "stderr_lines.h"
 #include "summary.h"
@@ -30,6 +32,11 @@ namespace smbflow {
 namespace {
 
 std::atomic<Capture *> g_capture{nullptr};
+volatile sig_atomic_t g_stats_now = 0;  // SIGUSR1: a statistics line at once
+
+void on_stats_signal(int) {
+    g_stats_now = 1;
+}
 
 void on_signal(int) {
     if (Capture *c = g_capture.load()) c->interrupt();
@@ -44,6 +51,12 @@ void install_signals() {
     // cleanly with its records and summary. A hang-up ends it the same way.
     for (int sig : {SIGINT, SIGTERM, SIGHUP})
         sigaction(sig, &sa, nullptr);
+    // Reads go on after it: SA_RESTART.
+    struct sigaction stats {};
+    stats.sa_handler = on_stats_signal;
+    stats.sa_flags = SA_RESTART;
+    sigemptyset(&stats.sa_mask);
+    sigaction(SIGUSR1, &stats, nullptr);
 }
 
 // The kernel gives a process-directed signal to any thread that does not block it, and only
@@ -53,7 +66,8 @@ void install_signals() {
 void termination_signals(int how) {
     sigset_t set;
     sigemptyset(&set);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+    // SIGUSR1 too: the reading thread writes the statistics line it asks for.
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1})
         sigaddset(&set, sig);
     pthread_sigmask(how, &set, nullptr);
 }
@@ -83,6 +97,11 @@ int run(const Options &opts) {
     Capture capture = opts.interface.empty()
                           ? Capture::files(opts.files, opts.filter)
                           : Capture::live(opts.interface, opts.filter, opts.snaplen);
+    capture.set_buffer_size(static_cast<int>(opts.buffer_size_mb) << 20);
+    if (opts.rotate_s && opts.output.empty()) {
+        error("--rotate needs -o with a file name pattern");
+        return kExitUsage;
+    }
     // Handlers first, so that a signal at any point after the input is opened ends the run
     // cleanly.
     g_capture.store(&capture);
@@ -95,6 +114,18 @@ int run(const Options &opts) {
         error(capture.error());
         return capture.error_is_filter() ? kExitUsage : kExitInput;
     }
+    // Written once the capture is open, so that its presence says the run is under way.
+    PidFile pid_file;
+    if (!opts.pid_file.empty())
+        if (auto problem = pid_file.write(opts.pid_file)) {
+            error(*problem);
+            return kExitOutput;
+        }
+    if (!opts.user.empty())
+        if (auto problem = drop_to_user(opts.user)) {
+            error(*problem);
+            return kExitUsage;
+        }
 
     corvane_host::Host host;
     RunSummary summary;
@@ -157,16 +188,25 @@ int run(const Options &opts) {
             return kExitUsage;
         }
     FILE *out = stdout;
-    if (!opts.output.empty()) {
+    std::unique_ptr<RotatingOutput> rotating;
+    if (opts.rotate_s && text_output) {
+        rotating = std::make_unique<RotatingOutput>(
+            opts.output, opts.rotate_s,
+            [&, format = default_format(opts, stdout)](FILE *f) {
+                return make_writer(format, f, capture.is_live(), std::get<ColumnPick>(pick));
+            },
+            error);
+    } else if (!opts.output.empty()) {
         out = fopen(opts.output.c_str(), "w");
         if (!out) {
             error(fmt::format("cannot write {}: {}", opts.output, strerror(errno)));
             return kExitOutput;
         }
     }
-    auto writer = text_output ? make_writer(default_format(opts, out), out, capture.is_live(),
-                                            std::get<ColumnPick>(pick))
-                              : nullptr;
+    auto writer = text_output && !rotating
+                      ? make_writer(default_format(opts, out), out, capture.is_live(),
+                                    std::get<ColumnPick>(pick))
+                      : nullptr;
     corvane_host::QueueConfig config;
     config.active_timeout_ns = static_cast<uint64_t>(opts.active_timeout_s * 1e9);
     config.inactive_timeout_ns = static_cast<uint64_t>(opts.inactive_timeout_s * 1e9);
@@ -194,6 +234,10 @@ int run(const Options &opts) {
                     formatter.render(flow, row);
                     writer->write(row);
                 }
+                if (rotating) {
+                    formatter.render(flow, row);
+                    rotating->write(row, flow.rec.last_ns);
+                }
                 if (!exports.empty()) {
                     to_ipfix(flow, formatter, ipfix_row);
                     for (auto &e : exports)
@@ -207,6 +251,28 @@ int run(const Options &opts) {
         size_t file = capture.files_opened();
         std::string file_name = capture.current();
         uint64_t last_ts = 0;
+        const auto stats_every = std::chrono::duration<double>(opts.stats_interval_s);
+        auto next_stats = std::chrono::steady_clock::now() + stats_every;
+        auto stats_due = [&] {
+            if (g_stats_now) return true;
+            return opts.stats_interval_s > 0 && std::chrono::steady_clock::now() >= next_stats;
+        };
+        auto write_stats = [&] {
+            g_stats_now = 0;
+            next_stats = std::chrono::steady_clock::now() + stats_every;
+            StatsLine line;
+            line.packets = in.frames;
+            line.live = capture.is_live();
+            const auto k = capture.kernel_counts();
+            line.kernel_received = k.received;
+            line.kernel_dropped = k.dropped;
+            line.records = pipeline.flows_exported();
+            for (const auto &e : exports) {
+                const IpfixCounters c = e->counters();
+                line.destinations.push_back({e->url().text, c.records_exported, c.records_dropped});
+            }
+            fputs(format_stats(line).c_str(), stderr);
+        };
         termination_signals(SIG_UNBLOCK);  // a signal held while starting is taken here
         for (;;) {
             const ReadStatus rs = capture.next(frame);
@@ -217,6 +283,7 @@ int run(const Options &opts) {
                 status = capture.error_is_filter() ? kExitUsage : kExitInput;
                 break;
             }
+            if (stats_due()) write_stats();
             if (rs == ReadStatus::Idle) {
                 pipeline.advance_clock(wall_clock_ns());
                 progress.update(in.frames, pipeline.flows_exported());
@@ -260,6 +327,7 @@ int run(const Options &opts) {
         in.dropped = kernel.dropped;
         pipeline.finish();
         if (writer) writer->finish();
+        if (rotating && !rotating->finish() && status == kExitOk) status = kExitOutput;
         for (auto &e : exports) {
             e->finish();
             const IpfixCounters c = e->counters();

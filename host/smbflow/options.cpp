@@ -183,6 +183,25 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->check(whole_number("--snaplen", 64, 262144))
         ->capture_default_str()
         ->needs(iface);
+    app.add_option("--buffer-size", opts.buffer_size_mb,
+                   "Live capture: the kernel's capture buffer in MiB (default: libpcap's, 2)")
+        ->type_name("MB")
+        ->check(whole_number("--buffer-size", 1, 4096));
+    app.add_option("--pid-file", opts.pid_file, "Write the process id to this file while running")
+        ->type_name("FILE");
+    app.add_option("--user", opts.user,
+                   "Started as root: run as this user once the capture is open")
+        ->type_name("NAME");
+    app.add_option("--stats-interval", opts.stats_interval_s,
+                   "Write a statistics line to standard error every this many seconds (SIGUSR1 "
+                   "writes one at once)")
+        ->type_name("SECONDS")
+        ->check(seconds("--stats-interval"));
+    app.add_option("--rotate", opts.rotate_s,
+                   "With -o naming a strftime pattern: a new file every this many seconds of "
+                   "capture time, named by the start of its interval (UTC)")
+        ->type_name("SECONDS")
+        ->check(whole_number("--rotate", 1, 1000000000));
     auto *ipfix = app.add_option("--ipfix", opts.ipfix,
                                  "Send the flow records over IPFIX to udp://HOST[:PORT], "
                                  "tcp://HOST[:PORT] (port 4739 when left out; IPv6 in brackets) or "
