@@ -6,7 +6,7 @@ packages=(
   cmake ninja-build g++ pkg-config clang libclang-rt-14-dev clang-format
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libpcap-dev libcli11-dev libfmt-dev
-  libfixbuf-dev libfixbuf-tools nfdump softflowd python3-impacket
+  libfixbuf-dev libfixbuf-tools nfdump softflowd python3-impacket pmacct
   tshark tcpdump samba smbclient samba-testsuite iproute2 ethtool python3 valgrind binutils
 )
 missing=()

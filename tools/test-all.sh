@@ -37,6 +37,7 @@ stage "install dependencies" tools/install-deps.sh
 stage "release build" tools/build.sh release
 stage "release tests" run_ctest build
 stage "IPFIX export: ipfixDump, tshark and nfcapd/nfdump" tools/ipfix-check.py build/smbflow
+stage "IPFIX into nfacctd: SMB fields in its print and SQLite plugins" tools/nfacctd-check.py build/smbflow
 stage "asan build" tools/build.sh asan
 stage "asan tests" run_ctest build-asan
 stage "real traffic: fresh Samba captures against tshark" tools/traffic-check.sh build

@@ -34,6 +34,7 @@ Capture::Capture(Capture &&o) noexcept
       interface_(std::move(o.interface_)),
       filter_(std::move(o.filter_)),
       snaplen_(o.snaplen_),
+      buffer_bytes_(o.buffer_bytes_),
       live_(o.live_),
       pcap_(o.pcap_),
       link_type_(o.link_type_),
@@ -142,6 +143,7 @@ bool Capture::open() {
     pcap_set_snaplen(pcap_, snaplen_);
     pcap_set_promisc(pcap_, 1);
     pcap_set_timeout(pcap_, 200);
+    if (buffer_bytes_ > 0) pcap_set_buffer_size(pcap_, buffer_bytes_);
     nano_ = pcap_set_tstamp_precision(pcap_, PCAP_TSTAMP_PRECISION_NANO) == 0;
     const int rc = pcap_activate(pcap_);
     if (rc < 0) {

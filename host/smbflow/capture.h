@@ -46,6 +46,9 @@ class Capture {
     // Opens the first input; false (with error()) if it cannot be opened.
     bool open();
     ReadStatus next(Frame &frame);
+    // Live capture: the kernel's capture buffer in bytes (0: libpcap's default, 2 MiB).
+    // Before open().
+    void set_buffer_size(int bytes) { buffer_bytes_ = bytes; }
     // Stops a read in progress and makes the next read report the end (signal-safe).
     void interrupt();
 
@@ -81,6 +84,7 @@ class Capture {
     std::string interface_;
     std::string filter_;
     int snaplen_ = 262144;
+    int buffer_bytes_ = 0;
     bool live_ = false;
     pcap_t *pcap_ = nullptr;
     int link_type_ = 0;

@@ -311,6 +311,7 @@ bool IpfixDestination::export_templates() {
         return false;
     }
     last_templates_ = clock_();
+    data_messages_since_templates_ = 0;
     // libfixbuf takes no data records into a message that carries templates.
     return emit();
 }
@@ -320,6 +321,8 @@ bool IpfixDestination::export_templates() {
 bool IpfixDestination::templates_due() const {
     return url_.transport == IpfixUrl::Transport::Udp &&
            (settings_.template_refresh_s == 0 ||
+            (settings_.template_refresh_messages != 0 &&
+             data_messages_since_templates_ >= settings_.template_refresh_messages) ||
             clock_() - last_templates_ >= duration<double>(settings_.template_refresh_s));
 }
 
@@ -341,6 +344,7 @@ bool IpfixDestination::emit() {
     if (fBufEmit(s.buf, &err) && !s.write_errno) {
         std::lock_guard lock(mutex_);
         ++counters_.messages_sent;
+        if (!in_message_.empty()) ++data_messages_since_templates_;
         counters_.records_exported += in_message_.size();
         if (url_.transport == IpfixUrl::Transport::Tcp && !in_message_.empty())
             s.unacked.push_back({s.written, std::move(in_message_)});

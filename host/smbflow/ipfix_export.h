@@ -29,11 +29,15 @@ namespace smbflow {
 struct IpfixSettings {
     uint32_t pen = 32473;
     uint32_t observation_domain = 1;
-    double template_refresh_s = 600;  // UDP only; 0 sends templates with every message
-    bool uniflow = false;             // each direction its own record, for collectors without
-                                      // RFC 5103
-    size_t held_records = 100000;     // waiting for a TCP collector that is away
-    double first_retry_s = 0.25;      // reconnect backoff: doubles up to max_retry_s
+    // UDP only: templates go out again after this many seconds (0: with every message) or
+    // after this many data messages (0: by time alone), whichever comes first, so that a
+    // collector started or restarted late decodes records within seconds.
+    double template_refresh_s = 30;
+    uint64_t template_refresh_messages = 100;
+    bool uniflow = false;          // each direction its own record, for collectors without
+                                   // RFC 5103
+    size_t held_records = 100000;  // waiting for a TCP collector that is away
+    double first_retry_s = 0.25;   // reconnect backoff: doubles up to max_retry_s
     double max_retry_s = 30;
     double connect_timeout_s = 5;  // TCP: longest wait for a connection, and for the
                                    // collector's acknowledgement of the last records at the end
@@ -125,6 +129,7 @@ class IpfixDestination {
     std::unique_ptr<Session> session_;
     std::vector<IpfixFlow> in_message_;  // appended since the last message went out
     size_t records_in_message_ = 0;      // data records in it (two a flow with --ipfix-uniflow)
+    uint64_t data_messages_since_templates_ = 0;
     std::chrono::steady_clock::time_point next_retry_{}, last_templates_{};
     double retry_s_ = 0;
     bool outage_reported_ = false;

@@ -15,23 +15,31 @@
 #include "host.h"
 #include "ipfix_export.h"
 #include "options.h"
+#include "orientation.h"
 #include "param_check.h"
 #include "parse_results.h"
 #include "mapped_capture.h"
 #include "pipeline.h"
+#include "rotation.h"
+#include "service.h"
+#include "plugin_search.h"
 #include "stderr_lines.h"
 #include "summary.h"
+#include "version.h"
 #include "writers.h"
 
 namespace smbflow {
 
 namespace {
 
-constexpr const char *kPluginFile = "plugin-process-smb.so";
-
 std::atomic<Capture *> g_capture{nullptr};
 // Set by a signal while the run drains: collectors are no longer waited for.
 std::atomic<bool> g_abandon{false};
+volatile sig_atomic_t g_stats_now = 0;  // SIGUSR1: a statistics line at once
+
+void on_stats_signal(int) {
+    g_stats_now = 1;
+}
 
 void on_signal(int) {
     if (Capture *c = g_capture.load()) c->interrupt();
@@ -47,6 +55,12 @@ void install_signals() {
     // cleanly with its records and summary. A hang-up ends it the same way.
     for (int sig : {SIGINT, SIGTERM, SIGHUP})
         sigaction(sig, &sa, nullptr);
+    // Reads go on after it: SA_RESTART.
+    struct sigaction stats {};
+    stats.sa_handler = on_stats_signal;
+    stats.sa_flags = SA_RESTART;
+    sigemptyset(&stats.sa_mask);
+    sigaction(SIGUSR1, &stats, nullptr);
 }
 
 // The kernel gives a process-directed signal to any thread that does not block it, and only
@@ -56,24 +70,14 @@ void install_signals() {
 void termination_signals(int how) {
     sigset_t set;
     sigemptyset(&set);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+    // SIGUSR1 too: the reading thread writes the statistics line it asks for.
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1})
         sigaddset(&set, sig);
     pthread_sigmask(how, &set, nullptr);
 }
 
 void error(const std::string &message) {
     fprintf(stderr, "smbflow: %s\n", message.c_str());
-}
-
-std::string default_plugin_path() {
-    std::error_code ec;
-    const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    if (ec) return kPluginFile;
-    const auto dir = exe.parent_path();
-    for (const auto &candidate :
-         {dir / kPluginFile, dir / ".." / kPluginFile, dir / ".." / "lib" / kPluginFile})
-        if (std::filesystem::exists(candidate, ec)) return candidate.string();
-    return (dir / kPluginFile).string();
 }
 
 Format default_format(const Options &opts, FILE *out) {
@@ -104,6 +108,11 @@ int run(const Options &opts) {
     Capture capture = opts.interface.empty()
                           ? Capture::files(opts.files, opts.filter)
                           : Capture::live(opts.interface, opts.filter, opts.snaplen);
+    capture.set_buffer_size(static_cast<int>(opts.buffer_size_mb) << 20);
+    if (opts.rotate_s && opts.output.empty()) {
+        error("--rotate needs -o with a file name pattern");
+        return kExitUsage;
+    }
     // Handlers first, so that a signal at any point ends the run cleanly: while the input is
     // opened (a FIFO waits for its writer) the one thread takes it at once.
     g_capture.store(&capture);
@@ -120,6 +129,18 @@ int run(const Options &opts) {
         return capture.error_is_filter() ? kExitUsage : kExitInput;
     }
     termination_signals(SIG_BLOCK);
+    // Written once the capture is open, so that its presence says the run is under way.
+    PidFile pid_file;
+    if (!opts.pid_file.empty())
+        if (auto problem = pid_file.write(opts.pid_file)) {
+            error(*problem);
+            return kExitOutput;
+        }
+    if (!opts.user.empty())
+        if (auto problem = drop_to_user(opts.user)) {
+            error(*problem);
+            return kExitUsage;
+        }
 
     corvane_host::Host host;
     RunSummary summary;
@@ -189,6 +210,7 @@ int run(const Options &opts) {
         settings.pen = opts.ipfix_pen;
         settings.observation_domain = opts.observation_domain;
         settings.template_refresh_s = opts.template_refresh_s;
+        settings.template_refresh_messages = opts.template_refresh_messages;
         settings.uniflow = opts.ipfix_uniflow;
         settings.connect_timeout_s = opts.ipfix_connect_timeout_s;
         settings.abandon = &g_abandon;
@@ -203,16 +225,25 @@ int run(const Options &opts) {
             return kExitUsage;
         }
     FILE *out = stdout;
-    if (!opts.output.empty()) {
+    std::unique_ptr<RotatingOutput> rotating;
+    if (opts.rotate_s && text_output) {
+        rotating = std::make_unique<RotatingOutput>(
+            opts.output, opts.rotate_s,
+            [&, format = default_format(opts, stdout)](FILE *f) {
+                return make_writer(format, f, capture.is_live(), std::get<ColumnPick>(pick));
+            },
+            error);
+    } else if (!opts.output.empty()) {
         out = fopen(opts.output.c_str(), "w");
         if (!out) {
             error(fmt::format("cannot write {}: {}", opts.output, strerror(errno)));
             return kExitOutput;
         }
     }
-    auto writer = text_output ? make_writer(default_format(opts, out), out, capture.is_live(),
-                                            std::get<ColumnPick>(pick))
-                              : nullptr;
+    auto writer = text_output && !rotating
+                      ? make_writer(default_format(opts, out), out, capture.is_live(),
+                                    std::get<ColumnPick>(pick))
+                      : nullptr;
     corvane_host::QueueConfig config;
     config.active_timeout_ns = static_cast<uint64_t>(opts.active_timeout_s * 1e9);
     config.inactive_timeout_ns = static_cast<uint64_t>(opts.inactive_timeout_s * 1e9);
@@ -232,12 +263,18 @@ int run(const Options &opts) {
         const PayloadNeed need =
             PayloadNeed::for_run(opts.no_plugin, host.plugin_count(),
                                  host.plugin_count() ? host.plugin(0).desc->name : "", opts.params);
+        ClientFirst client_first(server_port_of(opts.params));
         Pipeline pipeline(
             host, opts.queues, config,
-            [&](const corvane_host::ExportedFlow &flow) {
+            [&](const corvane_host::ExportedFlow &as_cached) {
+                const corvane_host::ExportedFlow &flow = client_first(as_cached);
                 if (writer) {
                     formatter.render(flow, row);
                     writer->write(row);
+                }
+                if (rotating) {
+                    formatter.render(flow, row);
+                    rotating->write(row, flow.rec.last_ns);
                 }
                 if (!exports.empty()) {
                     to_ipfix(flow, formatter, ipfix_row);
@@ -252,6 +289,28 @@ int run(const Options &opts) {
         size_t file = capture.files_opened();
         std::string file_name = capture.current();
         uint64_t last_ts = 0;
+        const auto stats_every = std::chrono::duration<double>(opts.stats_interval_s);
+        auto next_stats = std::chrono::steady_clock::now() + stats_every;
+        auto stats_due = [&] {
+            if (g_stats_now) return true;
+            return opts.stats_interval_s > 0 && std::chrono::steady_clock::now() >= next_stats;
+        };
+        auto write_stats = [&] {
+            g_stats_now = 0;
+            next_stats = std::chrono::steady_clock::now() + stats_every;
+            StatsLine line;
+            line.packets = in.frames;
+            line.live = capture.is_live();
+            const auto k = capture.kernel_counts();
+            line.kernel_received = k.received;
+            line.kernel_dropped = k.dropped;
+            line.records = pipeline.flows_exported();
+            for (const auto &e : exports) {
+                const IpfixCounters c = e->counters();
+                line.destinations.push_back({e->url().text, c.records_exported, c.records_dropped});
+            }
+            fputs(format_stats(line).c_str(), stderr);
+        };
         termination_signals(SIG_UNBLOCK);  // a signal held while starting is taken here
         for (;;) {
             const ReadStatus rs = capture.next(frame);
@@ -262,6 +321,7 @@ int run(const Options &opts) {
                 status = capture.error_is_filter() ? kExitUsage : kExitInput;
                 break;
             }
+            if (stats_due()) write_stats();
             if (rs == ReadStatus::Idle) {
                 pipeline.advance_clock(wall_clock_ns());
                 progress.update(in.frames, pipeline.flows_exported());
@@ -306,6 +366,7 @@ int run(const Options &opts) {
         in.dropped = kernel.dropped;
         pipeline.finish();
         if (writer) writer->finish();
+        if (rotating && !rotating->finish() && status == kExitOk) status = kExitOutput;
         for (auto &e : exports) {
             e->finish();
             const IpfixCounters c = e->counters();
@@ -338,15 +399,30 @@ int run(const Options &opts) {
 
 // For --help: the help text of the plug-in that a run would load (the default, or --plugin's),
 // one parameter a line. Empty when help is not asked for or the plug-in cannot be loaded.
+bool version_asked(int argc, char **argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::string_view(argv[i]) == "--version") return true;
+    return false;
+}
+
+// The plug-in that --help and --version describe: --plugin's, or the default.
+std::string plugin_for_help(int argc, char **argv) {
+    std::string path = default_plugin_path();
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--plugin" && i + 1 < argc) path = argv[i + 1];
+        if (a.rfind("--plugin=", 0) == 0) path = a.substr(9);
+    }
+    return path;
+}
+
 std::string plugin_help(int argc, char **argv) {
     bool help = false, none = false;
-    std::string path = default_plugin_path();
+    const std::string path = plugin_for_help(argc, argv);
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         help |= a == "-h" || a == "--help";
         none |= a == "--no-plugin";
-        if (a == "--plugin" && i + 1 < argc) path = argv[i + 1];
-        if (a.rfind("--plugin=", 0) == 0) path = a.substr(9);
     }
     if (!help || none) return {};
     corvane_host::Host host;
@@ -372,6 +448,10 @@ std::string plugin_help(int argc, char **argv) {
 int main(int argc, char **argv) {
     smbflow::drop_blank_lines_on_stderr();
     smbflow::Options opts;
+    if (smbflow::version_asked(argc, argv)) {
+        fputs(smbflow::version_text(smbflow::plugin_for_help(argc, argv)).c_str(), stdout);
+        return 0;
+    }
     if (auto status = smbflow::parse_options(argc, argv, opts, smbflow::plugin_help(argc, argv)))
         return *status;
     return smbflow::run(opts);

@@ -185,6 +185,25 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->check(whole_number("--snaplen", 64, 262144))
         ->capture_default_str()
         ->needs(iface);
+    app.add_option("--buffer-size", opts.buffer_size_mb,
+                   "Live capture: the kernel's capture buffer in MiB (default: libpcap's, 2)")
+        ->type_name("MB")
+        ->check(whole_number("--buffer-size", 1, 4096));
+    app.add_option("--pid-file", opts.pid_file, "Write the process id to this file while running")
+        ->type_name("FILE");
+    app.add_option("--user", opts.user,
+                   "Started as root: run as this user once the capture is open")
+        ->type_name("NAME");
+    app.add_option("--stats-interval", opts.stats_interval_s,
+                   "Write a statistics line to standard error every this many seconds (SIGUSR1 "
+                   "writes one at once)")
+        ->type_name("SECONDS")
+        ->check(seconds("--stats-interval"));
+    app.add_option("--rotate", opts.rotate_s,
+                   "With -o naming a strftime pattern: a new file every this many seconds of "
+                   "capture time, named by the start of its interval (UTC)")
+        ->type_name("SECONDS")
+        ->check(whole_number("--rotate", 1, 1000000000));
     auto *ipfix = app.add_option("--ipfix", opts.ipfix,
                                  "Send the flow records over IPFIX to udp://HOST[:PORT], "
                                  "tcp://HOST[:PORT] (port 4739 when left out; IPv6 in brackets) or "
@@ -211,6 +230,13 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->check(seconds("--template-refresh", true))
         ->capture_default_str()
         ->needs(ipfix);
+    app.add_option("--template-refresh-messages", opts.template_refresh_messages,
+                   "Over UDP, send the templates again after this many data messages as well "
+                   "(0: by time alone)")
+        ->type_name("N")
+        ->check(whole_number("--template-refresh-messages", 0, UINT32_MAX))
+        ->capture_default_str()
+        ->needs(ipfix);
     app.add_flag("--ipfix-uniflow", opts.ipfix_uniflow,
                  "Send each direction of a flow as its own record, for collectors without "
                  "RFC 5103 biflow support")
@@ -224,6 +250,20 @@ std::optional<int> parse_options(int argc, char **argv, Options &opts,
         ->needs(ipfix);
     app.add_flag("--no-progress", opts.no_progress, "No progress line on standard error");
     app.add_flag("-q,--quiet", opts.quiet, "No summary on standard error");
+    // One long option a line, `name = value`; the command line wins over the file.
+    app.set_config("--config", "",
+                   "Read options from FILE: one long option a line as 'name = value' (a flag "
+                   "alone or 'name = true'); options on the command line win")
+        ->type_name("FILE");
+    // A value is taken whole: CLI11 would otherwise split unquoted values at commas and blanks
+    // (a filter, a column list) into lists.
+    app.get_config_formatter_base()->arrayDelimiter('\x1f');
+    app.allow_config_extras(CLI::config_extras_mode::error);  // a misspelt name is an error
+    // Answered before the other options are looked at (main): listed here for --help.
+    bool version = false;
+    app.add_flag("--version", version,
+                 "Print the version, the plug-in API version and the libraries' versions, and "
+                 "exit");
 
     try {
         app.parse(argc, argv);

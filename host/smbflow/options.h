@@ -33,11 +33,18 @@ struct Options {
     double active_timeout_s = 300;
     double inactive_timeout_s = 30;
     int snaplen = 262144;
+    // Running as a service.
+    unsigned buffer_size_mb = 0;  // kernel capture buffer; 0: libpcap's default
+    std::string pid_file;
+    std::string user;             // drop to this user once the capture is open
+    double stats_interval_s = 0;  // 0: no periodic statistics
+    uint64_t rotate_s = 0;        // 0: one output file
     // IPFIX export.
     std::vector<std::string> ipfix;  // destinations, as URLs
     uint32_t ipfix_pen = 32473;
     uint32_t observation_domain = 1;
-    double template_refresh_s = 600;
+    double template_refresh_s = 30;
+    uint64_t template_refresh_messages = 100;
     bool ipfix_uniflow = false;
     double ipfix_connect_timeout_s = 5;
     bool no_progress = false;

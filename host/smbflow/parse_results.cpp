@@ -33,7 +33,10 @@ ParseResults &ParseResults::operator+=(const ParseResults &o) {
 const char *ParseResults::code_word(int code) {
     switch (code) {
         case -1:
-            return "malformed";
+            // A CREATE request for the share root (NameLength 0) whose body stops at 56 bytes,
+            // without the one byte of Buffer that MS-SMB2 2.2.13 asks for, ends here too:
+            // smbclient sends one for every `ls`.
+            return "not parsed: malformed, or a share-root CREATE without a name byte";
         case 0:
             return "record";
         case 1:

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <regex>
 #include <thread>
@@ -476,6 +477,61 @@ TEST(Ipfix, UrlsNameTransportHostAndPort) {
     for (const char *bad : {"udp://", "udp://:4739", "tcp://h:0", "tcp://h:", "tcp://[::1",
                             "file:", "http://h", "udp://h:12ab"})
         EXPECT_TRUE(std::holds_alternative<std::string>(parse_ipfix_url(bad))) << bad;
+}
+
+}  // namespace
+
+namespace {
+
+// Over UDP the templates go out again on time and on message count, whichever comes first: a
+// collector that starts late decodes records soon after. Each step writes one flow record
+// (one message) after moving the clock on by its seconds; 'T' is a message of templates,
+// 'D' one of data.
+TEST(Ipfix, UdpTemplatesAreResentOnTimeAndMessageCount) {
+    struct Case {
+        double refresh_s;
+        uint64_t refresh_messages;
+        std::vector<int> step_s;
+        const char *expected;
+    };
+    const Case cases[] = {
+        {30, 0, {0, 10, 10, 10, 10, 10, 10}, "TDDDTDDDTD"},
+        {30, 3, {0, 1, 1, 1, 1, 1, 1, 1}, "TDDDTDDDTDD"},
+        {30, 3, {0, 1, 40, 1}, "TDDTDD"},
+        {600, 0, {0, 100, 100, 100}, "TDDDD"},
+    };
+    for (const Case &c : cases) {
+        uint16_t port = 0;
+        const int udp = bound_socket(SOCK_DGRAM, port);
+        ASSERT_GE(udp, 0);
+        std::atomic<int64_t> now_s{1000};
+        IpfixSettings settings;
+        settings.template_refresh_s = c.refresh_s;
+        settings.template_refresh_messages = c.refresh_messages;
+        IpfixDestination dest(
+            std::get<IpfixUrl>(parse_ipfix_url(fmt::format("udp://127.0.0.1:{}", port))), settings,
+            [](const std::string &) {},
+            [&] { return std::chrono::steady_clock::time_point(std::chrono::seconds(now_s)); });
+        uint16_t p = 1;
+        for (int s : c.step_s) {
+            now_s += s;
+            dest.write(flow_from_port(p++));
+            dest.flush();
+        }
+        dest.finish();
+        std::string seen;
+        unsigned char dgram[65536];
+        for (ssize_t n; (n = recv(udp, dgram, sizeof dgram, MSG_DONTWAIT)) > 0;) {
+            ASSERT_GE(n, 18);
+            // Flow records are in the sets of the biflow templates, 260 to 263; the rest are
+            // templates and the SMB elements' type records.
+            const unsigned set = dgram[16] << 8 | dgram[17];
+            const char kind = set >= 260 && set <= 263 ? 'D' : 'T';
+            if (kind == 'D' || seen.empty() || seen.back() != 'T') seen += kind;
+        }
+        close(udp);
+        EXPECT_EQ(seen, c.expected) << c.refresh_s << " s, " << c.refresh_messages << " messages";
+    }
 }
 
 }  // namespace

@@ -1,0 +1,42 @@
+// Client-first orientation of written flow records. The flow cache keys a connection by the
+// packet that created its record, and a tree or file record of an SMB connection starts with
+// the server's response that first carries the tree or file id, so most such records would
+// name the server as source. RFC 5103 asks a biflow record to name the initiator as source:
+// records are turned around where they are written, with addresses, ports, counters and TCP
+// flags swapped together. The plug-in's fields are left as they are: its request and response
+// words already say which side sent what.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "exporter.h"
+
+namespace smbflow {
+
+// The SMB server port a run's plug-in parameters select: the last `port` item that the plug-in
+// takes (decimal, hex or octal, at most 65535; a negative value counts as not given), else
+// 445. Port 0 (no port filter) gives 445 as well: the records to turn are still those of
+// connections to the usual port.
+uint16_t server_port_of(const std::optional<std::string> &params);
+
+// True when the record names the server (the endpoint on `server_port`) as source and a
+// client port as destination.
+bool server_first(const host_flow_record &rec, uint16_t server_port);
+
+// Swaps the two directions of the record in place.
+void turn_around(host_flow_record &rec);
+
+// Hands each record on client first, copying only the records it turns around.
+class ClientFirst {
+  public:
+    explicit ClientFirst(uint16_t server_port) : port_(server_port) {}
+    const corvane_host::ExportedFlow &operator()(const corvane_host::ExportedFlow &flow);
+
+  private:
+    uint16_t port_;
+    corvane_host::ExportedFlow turned_;  // reused: its field strings keep their buffers
+};
+
+}  // namespace smbflow
