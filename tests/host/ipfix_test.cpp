@@ -440,6 +440,15 @@ TEST(IpfixFaults, UdpToAClosedPortWarnsOnce) {
     EXPECT_NE(r.err.find("IPFIX to                  udp://127.0.0.1:"), std::string::npos);
 }
 
+// flowEndReason carries the values of the IANA registry (RFC 5102 section 5.11.3): idle
+// timeout 1, active timeout 2, forced end 4 for a flow still open when the input ends.
+TEST(Ipfix, FlowEndReasonsAreTheRegisteredValues) {
+    using corvane_host::ExportReason;
+    EXPECT_EQ(ipfix::flow_end_reason(ExportReason::Inactive), 1);
+    EXPECT_EQ(ipfix::flow_end_reason(ExportReason::Active), 2);
+    EXPECT_EQ(ipfix::flow_end_reason(ExportReason::End), 4);
+}
+
 // The element file that the repository ships defines the elements that smbflow sends.
 TEST(Ipfix, ElementFileMatchesTheExportedElements) {
     GError *err = nullptr;
