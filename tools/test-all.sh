@@ -43,7 +43,9 @@ stage() {
     failed+=("[$key] $name (skipped: ${why:-no reason given})")
   elif [ "$status" -ne 0 ]; then
     echo "=== $name: FAILED (status $status, $took)"
-    failed+=("[$key] $name")
+    local skips
+    skips=$(grep '^SKIPPED ' "$log" | tr '\n' ';')
+    failed+=("[$key] $name${skips:+ (skips: $skips)}")
   else
     echo "=== $name: passed ($took)"
     # A ctest stage passes with skips that were asked for; they are listed all the same.
