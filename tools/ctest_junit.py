@@ -28,7 +28,8 @@ class Outcome:
 def read(path: str) -> list[Outcome]:
     out = []
     for case in ET.parse(path).getroot().iter("testcase"):
-        name = case.get("name", "")
+        # Parameterised GoogleTest cases carry "  # GetParam() = ..." after the name.
+        name = case.get("name", "").split("  # ", 1)[0]
         seconds = float(case.get("time") or 0)
         status = case.get("status", "run")
         skipped = case.find("skipped")
