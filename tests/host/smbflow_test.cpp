@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -414,13 +413,17 @@ TEST_F(Smbflow, RecordsBeforeAnUnreadableFileAreStillWritten) {
 }
 
 // smbflow started in the background with these arguments (its standard error discarded),
-// standard input and output from the given descriptors.
-pid_t spawn_smbflow(std::vector<std::string> args, int stdin_fd = -1, int stdout_fd = -1) {
+// standard input and output from the given descriptors, and these variables added to its
+// environment.
+pid_t spawn_smbflow(std::vector<std::string> args, int stdin_fd = -1, int stdout_fd = -1,
+                    const std::vector<std::string> &env = {}) {
     args.insert(args.begin(), {SMBFLOW, "--no-progress", "-q"});
     const pid_t child = fork();
     if (child == 0) {
         if (stdin_fd >= 0) dup2(stdin_fd, STDIN_FILENO);
         if (stdout_fd >= 0) dup2(stdout_fd, STDOUT_FILENO);
+        for (const std::string &e : env)
+            putenv(strdup(e.c_str()));
         std::vector<char *> argv;
         for (auto &a : args)
             argv.push_back(a.data());
@@ -458,46 +461,47 @@ std::string read_line(int fd) {
     return line;
 }
 
-int unread_bytes(int fd) {
-    int n = 0;
-    return ioctl(fd, FIONREAD, &n) == 0 ? n : -1;
-}
-
-// Whether the process's main thread is in the read system call (number 0 on x86-64).
-bool waits_in_read(pid_t pid) {
-    return read_file("/proc/" + std::to_string(pid) + "/syscall").rfind("0 ", 0) == 0;
-}
-
 // Interrupting a read from a FIFO (or standard input) ends the run as for a file: every
-// record written, the summary, status 0.
+// record written, the summary, status 0. The signal goes once smbflow has taken every byte and
+// its reading thread waits for more: the preloaded seam (read_wait_seam.cpp) says so through a
+// pipe.
 class SmbflowSignals : public Smbflow, public testing::WithParamInterface<std::tuple<bool, int>> {};
 
 TEST_P(SmbflowSignals, EndAReadFromAFifoOrStandardInputCleanly) {
     const auto [from_stdin, sig] = GetParam();
     const std::string fifo = tmp.path("in.fifo"), out = tmp.path("out.csv");
+    int waits[2];
+    ASSERT_EQ(pipe(waits), 0);
+    const char *asan = getenv("ASAN_OPTIONS");
+    // The sanitizer runtime need not come first when the seam is preloaded before it.
+    const std::vector<std::string> env = {
+        "LD_PRELOAD=" READ_WAIT_SEAM, "SMBFLOW_TEST_WAIT_FD=" + std::to_string(waits[1]),
+        std::string("ASAN_OPTIONS=") + (asan ? asan : "") + ":verify_asan_link_order=0"};
     int fd = -1;
     pid_t child;
     if (from_stdin) {
         int p[2];
         ASSERT_EQ(pipe(p), 0);
-        child = spawn_smbflow({"-F", "csv", "-o", out, "-"}, p[0]);
+        child = spawn_smbflow({"-F", "csv", "-o", out, "-"}, p[0], -1, env);
         close(p[0]);
         fd = p[1];
     } else {
         ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-        child = spawn_smbflow({"-F", "csv", "-o", out, fifo});
+        child = spawn_smbflow({"-F", "csv", "-o", out, fifo}, -1, -1, env);
         fd = open(fifo.c_str(), O_WRONLY);  // returns once smbflow has opened it
     }
+    close(waits[1]);
     ASSERT_GE(fd, 0);
     const std::string capture = read_file(kSample);
     ASSERT_EQ(write(fd, capture.data(), capture.size()), ssize_t(capture.size()));
-    // Signal once every byte is read and smbflow's reading thread waits in read(2) for more.
-    for (int i = 0; i < 1000 && !(unread_bytes(fd) == 0 && waits_in_read(child)); ++i)
-        usleep(10'000);
+    for (uint64_t taken = 0; taken != capture.size();)
+        ASSERT_EQ(read(waits[0], &taken, sizeof taken), ssize_t(sizeof taken))
+            << "smbflow ended before it took the whole capture";
     kill(child, sig);
     int wstatus = 0;
     waitpid(child, &wstatus, 0);
     close(fd);
+    close(waits[0]);
     ASSERT_TRUE(WIFEXITED(wstatus)) << "signal " << WTERMSIG(wstatus);
     EXPECT_EQ(WEXITSTATUS(wstatus), 0);
     EXPECT_EQ(lines_of(read_file(out)).size(), 8u) << "the header and every flow record";
