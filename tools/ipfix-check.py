@@ -2,13 +2,17 @@
 """Checks smbflow's IPFIX export with decoders that share no code with it: libfixbuf's
 ipfixDump (the SMB elements by name, from the RFC 5610 records smbflow sends), tshark's IPFIX
 dissector, and nfdump's collector nfcapd, biflow and --ipfix-uniflow. Each must show the flows
-of smbflow's CSV output for every committed capture.
+of smbflow's CSV output for every committed capture; and the values of all six SMB elements
+that ipfixDump decodes must be the records that the differential check's model
+(tools/smbdiff) expects from tshark's dissection of the capture, not only what smbflow's own
+writers say.
 
     tools/ipfix-check.py [path/to/smbflow]
 """
 import collections
 import csv
 import glob
+import ipaddress
 import os
 import re
 import signal
@@ -21,6 +25,9 @@ import time
 import xml.etree.ElementTree as ET
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(ROOT, "tools", "smbdiff"))
+import smbdiff  # noqa: E402
+import wire  # noqa: E402
 SMBFLOW = sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "smbflow")
 CAPTURES = [os.path.join(ROOT, "tests/data/sample-smb2.pcap")] + sorted(
     glob.glob(os.path.join(ROOT, "tests/data/captures/*.pcap")))
@@ -80,6 +87,58 @@ def ipfixdump_names(capture, rows, work):
           names == [r["smb_file_name"] for r in smb_rows],
           f"ipfixDump --rfc5610 names the SMB elements: {os.path.basename(capture)} "
           f"({len(trees)} records)")
+
+
+# ipfixDump's element names, as the JSON keys that smbdiff reads records by.
+DUMP_KEYS = {"sourceIPv4Address": "src_addr", "sourceIPv6Address": "src_addr",
+             "destinationIPv4Address": "dst_addr", "destinationIPv6Address": "dst_addr",
+             "sourceTransportPort": "src_port", "destinationTransportPort": "dst_port",
+             "packetDeltaCount": "packets", "reversePacketDeltaCount": "rev_packets",
+             "smbCommandRequest": "smb_cmd_request", "smbCommandResponse": "smb_cmd_response",
+             "smbTree": "smb_tree", "smbFileName": "smb_file_name",
+             "smbFileType": "smb_file_type_code", "smbOperation": "smb_op_code"}
+DUMP_FIELD = re.compile(r"^\t\([0-9/]+\)\s+(\w+) : (?:\(len: (\d+)\) ?)?(.*)$")
+
+
+def dump_records(dump):
+    """The data records of an `ipfixDump --rfc5610` listing, by smbdiff's JSON keys."""
+    records = []
+    for line in dump.splitlines():
+        if line.startswith("--- data record"):
+            records.append({})
+            continue
+        m = DUMP_FIELD.match(line)
+        if records and m and m.group(1) in DUMP_KEYS:
+            length, value = m.group(2), m.group(3)
+            # An empty string element is a field without value.
+            key = DUMP_KEYS[m.group(1)]
+            if key.endswith("_addr"):
+                value = ipaddress.ip_address(value).compressed  # ipfixDump keeps zeros
+            records[-1][key] = None if length == "0" else value
+    # The RFC 5610 element type records are data records too: flows have ports.
+    return [r for r in records if "src_port" in r]
+
+
+def ipfixdump_smb_values(capture, work):
+    """ipfixDump's values of the six SMB elements against the model's expected records."""
+    cap = wire.read_capture(capture)
+    timeouts = smbdiff.covering_timeouts(cap)
+    settings = {"timeouts": timeouts} if timeouts else {}
+    expected = smbdiff.model.Model(**settings).run(cap)
+    out = os.path.join(work, "values.ipfix")
+    args = ["--inactive-timeout", str(timeouts[0]), "--active-timeout", str(timeouts[1])] \
+        if timeouts else []
+    smbflow(capture, *args, "--ipfix", "file:" + out)
+    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "-i", out], check=True,
+                          capture_output=True, text=True).stdout
+    written = smbdiff.read_records(
+        [smbdiff.json.dumps(r) for r in dump_records(dump)], smbdiff.model.Model().port)
+    diffs = smbdiff.compare(expected, written)
+    with_fields = sum(1 for w in written if w.fields() != smbdiff.DEFAULTS)
+    check(not diffs and with_fields > 0,
+          f"ipfixDump's SMB element values are the records expected from tshark: "
+          f"{os.path.basename(capture)} ({len(written)} records, {with_fields} with SMB fields)"
+          + "".join(f"\n        {d.connection} {d.label}: {d.text}" for d in diffs[:10]))
 
 
 def udp_datagrams(run):
@@ -165,6 +224,9 @@ def main():
         rows = {c: csv_rows(c, work) for c in CAPTURES}
         for c in CAPTURES:
             ipfixdump_names(c, rows[c], work)
+        # The real captures, whose records the differential check's model follows.
+        for c in CAPTURES[1:]:
+            ipfixdump_smb_values(c, work)
 
         grams = []
         for c in CAPTURES:

@@ -1,16 +1,23 @@
 #!/usr/bin/env python3
 """Mutation pass: measures what the release test suite catches.
 
-Each fault is one small textual edit (file, exact original text, replacement). The script applies
-one fault, rebuilds incrementally, runs the release suite and records the tests that fail, then
-puts the file back byte for byte before the next one. A fault whose original text is not found
-exactly once stops the run before anything is changed, so that a refactoring of the code cannot
-silently turn a fault into a no-op.
+Each fault is one small textual edit (file, exact original text, replacement). The script first
+builds and runs the suite unmutated (the baseline: every test must pass and none be skipped
+unless SMB_ALLOW_SKIP names it as for tools/test-all.sh, else the pass stops, since a test that
+fails anyway would be credited with every fault). Then it
+applies one fault at a time, rebuilds incrementally, runs the suite and records what the tests
+did, and puts the file back byte for byte before the next one. A fault whose original text is
+not found exactly once stops the run before anything is changed, so that a refactoring of the
+code cannot silently turn a fault into a no-op.
 
-    tools/mutation.py [-b BUILD] [-o REPORT] [-k ID,...] [--list]
+    tools/mutation.py [-b BUILD] [-o REPORT] [-k ID,...] [--timeout S] [--list] [--all]
 
-The report (default BUILD/mutation-report.txt) holds one row per fault: its id, where, what, and
-"caught by N: test names" or "ESCAPED". Exit status 1 when a fault escapes.
+Each fault ends in one of: caught (tests failed), ESCAPED (every test passed), BUILD FAILED
+(the mutated code did not compile: not a catch), TIMEOUT (only tests killed after --timeout
+seconds failed: a slow test is not a catch) or SKIPS ONLY (no test failed, but tests that ran in
+the baseline were skipped). The report (default BUILD/mutation-report.txt) holds one row per
+fault with the test names, and a first line with the counts. Exit status 1 when a fault was
+not caught, 2 when the baseline fails.
 """
 import argparse
 import os
@@ -18,7 +25,11 @@ import re
 import signal
 import subprocess
 import sys
+import threading
 import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import ctest_junit  # noqa: E402
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 P = "src/plugins/default/process/"
@@ -169,6 +180,29 @@ MUTATIONS = [
      "for (const FieldValue *v : {smb.tree, smb.file_name}) {",
      "for (const FieldValue *v : {smb.file_name, smb.tree}) {",
      "share and file name columns swapped"),
+    # smbflow: the export split (post-processing on the queue's thread, fields on the export
+    # thread), payload trimming, the mapped capture reader, IPFIX records, the flat flow table.
+    ("pipeline-no-postprocess", "smbflow/pipeline", "host/smbflow/pipeline.cpp",
+     "            raw->exporter.postprocess(f);\n", "",
+     "flows handed out during the run exported without post-processing"),
+    ("export-reason", "host/exporter", "host/exporter.cpp",
+     "    out.reason = flow.reason;\n", "",
+     "exported flow keeps the previous flow's end reason"),
+    ("payload-server-side", "smbflow/payload", "host/smbflow/payload_need.h",
+     "(port_ == 0 || pkt.src_port == port_ || pkt.dst_port == port_)",
+     "(port_ == 0 || pkt.dst_port == port_)",
+     "payload of server-to-client packets trimmed on copy"),
+    ("mapped-micro-stamps", "smbflow/mapped capture", "host/smbflow/mapped_capture.cpp",
+     "(pcap_interface_.units_per_second == 1'000'000 ? uint64_t(frac) * 1000 : frac);",
+     "uint64_t(frac);",
+     "microsecond pcap time stamps read as nanoseconds"),
+    ("ipfix-idle-reason", "smbflow/ipfix", "host/smbflow/ipfix_record.cpp",
+     "            return 1;  // idle timeout", "            return 2;  // idle timeout",
+     "IPFIX flowEndReason of an idle timeout sent as active timeout"),
+    ("flat-erase-shift", "host/flat table", "host/flat_table.h",
+     "if (((next - home) & mask()) >= ((next - s) & mask())) {",
+     "if (((next - home) & mask()) > ((next - s) & mask())) {",
+     "erase leaves entries that the hole cuts off from their home slot"),
 ]
 
 # Left out of the default pass to keep it within about half an hour on two cores (--all runs
@@ -177,9 +211,8 @@ EXTRA = {"transform-sig", "reasm-counters", "chain-unrelated-cmd", "tree-path-bo
          "create-delete-on-close", "table-size-tie", "table-min-bits", "update-give-up",
          "post-mask-swap", "queue-active-timeout", "text-del"}
 
-# What the release suite needs; the benchmarks and fuzzers are not rebuilt.
-TARGETS = ["libs/zlog/all", "libs/CvLog/all", "lib/all", "src/plugins/default/process/all",
-           "host/all", "tools/all", "tests/all"]
+# Directories whose targets the release suite does not need: the benchmarks and fuzzers.
+NOT_NEEDED = ("bench", "fuzz")
 
 _saved = {}
 
@@ -207,6 +240,19 @@ def check(mutations):
         sys.exit("mutation.py: " + "\n  ".join(["faults do not apply:"] + bad))
 
 
+def build_targets(build):
+    """The build's per-directory targets, as this build directory has them (which libraries are
+    built depends on what the configuration found), less those the suite does not need."""
+    out = subprocess.run(["ninja", "-C", build, "-t", "targets", "all"], check=True,
+                         capture_output=True, text=True).stdout
+    dirs = [line.split(":", 1)[0] for line in out.splitlines()
+            if re.match(r"^[^: ]+/all: phony$", line)]
+    top = [d for d in dirs if d.split("/")[0] not in NOT_NEEDED]
+    if not top:
+        sys.exit(f"mutation.py: no directory targets in {build}: configure it first")
+    return top
+
+
 def descendants(pid):
     children = {}
     for entry in os.listdir("/proc"):
@@ -226,16 +272,27 @@ def descendants(pid):
     return out
 
 
+class Outcome:
+    def __init__(self, failed, timed_out, skipped, note=""):
+        self.failed, self.timed_out, self.skipped, self.note = failed, timed_out, skipped, note
+
+
 def run_suite(build, timeout):
+    """Runs ctest; the tests that failed, those killed for taking too long, and those skipped,
+    read from its JUnit report."""
     # The tests carry TIMEOUT properties of several minutes, which ctest's --timeout does not
     # shorten; a fault that makes a test wait forever would hold the pass for that long. A test
-    # process (a child of ctest) older than `timeout` is killed with its own children, and
-    # ctest reports it as failed.
-    proc = subprocess.Popen(["ctest", "--test-dir", build, "-j2"], stdout=subprocess.PIPE,
+    # process (a child of ctest) older than `timeout` is killed with its own children; it then
+    # counts as timed out, not as failed.
+    junit = os.path.join(os.path.abspath(build), "mutation-junit.xml")
+    if os.path.exists(junit):
+        os.remove(junit)
+    proc = subprocess.Popen(["ctest", "--test-dir", build, "-j2", "--no-tests=error",
+                             "--output-junit", junit], stdout=subprocess.PIPE,
                             stderr=subprocess.STDOUT, text=True)
     tick = os.sysconf("SC_CLK_TCK")
     chunks = []
-    import threading
+    killed = 0
     reader = threading.Thread(target=lambda: chunks.append(proc.stdout.read()))
     reader.start()
     while reader.is_alive():
@@ -244,54 +301,90 @@ def run_suite(build, timeout):
             now = float(f.read().split()[0])
         for child, start in descendants(proc.pid):
             if now - start / tick > timeout:
+                killed += 1
                 for pid, _ in descendants(child) + [(child, 0)]:
                     try:
                         os.kill(pid, signal.SIGKILL)
                     except OSError:
                         pass
     proc.wait()
-    r = subprocess.CompletedProcess(proc.args, proc.returncode, "".join(chunks))
-    failed = []
-    in_list = False
-    for line in r.stdout.splitlines():
-        if line.startswith("The following tests FAILED:"):
-            in_list = True
-            continue
-        if in_list:
-            m = re.match(r"\s+\d+ - (.*?) \(([^)]*)\)$", line)
-            if m:
-                failed.append(m.group(1).split("  #")[0].strip())
-            elif line.strip() and not line.startswith("\t"):
-                in_list = False
-    if r.returncode != 0 and not failed:
-        failed.append("(ctest failed: " + r.stdout.strip().splitlines()[-1] + ")")
-    return failed
+    if not os.path.exists(junit):
+        tail = "".join(chunks).strip().splitlines()[-1:] or ["no output"]
+        return Outcome(["(ctest failed: " + tail[0] + ")"], [], [])
+    failed, timed_out, skipped = [], [], []
+    for o in ctest_junit.read(junit):
+        if o.status == "failed":
+            (timed_out if killed and o.seconds >= timeout - 1 else failed).append(o.name)
+        elif o.status == "skipped":
+            skipped.append(o.name)
+    if proc.returncode != 0 and not failed and not timed_out:
+        failed.append(f"(ctest status {proc.returncode})")
+    return Outcome(failed, timed_out, skipped)
+
+
+def verdict(o, baseline_skips):
+    new_skips = sorted(set(o.skipped) - baseline_skips)
+    if o.note:
+        return "BUILD FAILED", o.note
+    if o.failed:
+        return "caught", f"caught by {len(o.failed)}: " + ", ".join(o.failed)
+    if o.timed_out:
+        return "TIMEOUT", "only tests killed after the time limit: " + ", ".join(o.timed_out)
+    if new_skips:
+        return "SKIPS ONLY", "no test failed; skipped: " + ", ".join(new_skips)
+    return "ESCAPED", "ESCAPED"
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    ap = argparse.ArgumentParser(description=__doc__.splitlines()[1])
     ap.add_argument("-b", "--build", default=os.path.join(ROOT, "build"))
     ap.add_argument("-o", "--report")
     ap.add_argument("-k", "--only", help="comma-separated fault ids")
-    ap.add_argument("--timeout", type=int, default=60, help="per test process, seconds")
+    ap.add_argument("--timeout", type=int, default=120, help="per test process, seconds")
     ap.add_argument("--all", action="store_true", help="also the faults left out by default")
     ap.add_argument("--list", action="store_true")
     args = ap.parse_args()
     mutations = [m for m in MUTATIONS if args.all or m[0] not in EXTRA]
     if args.only:
         keep = set(args.only.split(","))
+        unknown = keep - {m[0] for m in MUTATIONS}
+        if unknown:
+            sys.exit("mutation.py: no such fault: " + ", ".join(sorted(unknown)))
         mutations = [m for m in MUTATIONS if m[0] in keep]
     if args.list:
         for m in mutations:
             print(f"{m[0]:24} {m[1]:20} {m[2]}: {m[5]}")
         return 0
     check(mutations)
+    targets = build_targets(args.build)
     report = args.report or os.path.join(args.build, "mutation-report.txt")
     for s in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(s, on_signal)
 
-    rows = []
+    def build():
+        return subprocess.run(["ninja", "-C", args.build] + targets, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True)
+
     started = time.time()
+    b = build()
+    if b.returncode != 0:
+        print(b.stdout[-3000:])
+        print("mutation.py: the unmutated tree does not build; no pass")
+        return 2
+    base = run_suite(args.build, args.timeout)
+    print(f"baseline: {len(base.failed)} failed, {len(base.timed_out)} timed out, "
+          f"{len(base.skipped)} skipped ({time.time() - started:.0f} s)", flush=True)
+    allow = {a.strip() for a in os.environ.get("SMB_ALLOW_SKIP", "").split(",") if a.strip()}
+    refused = [n for n in base.skipped if not ctest_junit.allowed(n, allow)]
+    if base.failed or base.timed_out or refused:
+        for name in base.failed + base.timed_out + refused:
+            print(f"  {name}")
+        print("mutation.py: the suite must pass unmutated, with nothing skipped that "
+              "SMB_ALLOW_SKIP does not name; no pass")
+        return 2
+    baseline_skips = set(base.skipped)
+
+    rows = []
     try:
         for mid, area, rel, orig, new, what in mutations:
             path = os.path.join(ROOT, rel)
@@ -300,30 +393,34 @@ def main():
             _saved[path] = data
             with open(path, "wb") as f:
                 f.write(data.replace(orig.encode(), new.encode(), 1))
-            b = subprocess.run(["ninja", "-C", args.build] + TARGETS, stdout=subprocess.PIPE,
-                               stderr=subprocess.STDOUT, text=True)
+            t0 = time.time()
+            b = build()
             if b.returncode != 0:
-                failed = ["(build failed)"]
+                errors = [line for line in b.stdout.splitlines() if "error" in line]
+                o = Outcome([], [], [], (errors or ["build failed"])[0].strip())
             else:
-                failed = run_suite(args.build, args.timeout)
+                o = run_suite(args.build, args.timeout)
             restore_all()
-            verdict = f"caught by {len(failed)}: " + ", ".join(failed) if failed else "ESCAPED"
-            rows.append((mid, area, rel, what, verdict))
-            print(f"{mid:24} {'caught' if failed else 'ESCAPED':8} ({len(failed)} tests)",
-                  flush=True)
+            kind, detail = verdict(o, baseline_skips)
+            rows.append((mid, area, rel, what, kind, detail))
+            print(f"{mid:24} {kind:12} ({len(o.failed)} failed, {len(o.timed_out)} timed out, "
+                  f"{len(o.skipped)} skipped, {time.time() - t0:.0f} s)", flush=True)
     finally:
         restore_all()
-        subprocess.run(["ninja", "-C", args.build] + TARGETS, stdout=subprocess.DEVNULL)
+        build()
 
-    escaped = [r for r in rows if r[4] == "ESCAPED"]
+    counts = {k: sum(1 for r in rows if r[4] == k)
+              for k in ("caught", "ESCAPED", "BUILD FAILED", "TIMEOUT", "SKIPS ONLY")}
+    line = (f"{len(rows)} faults: {counts['caught']} caught, {counts['ESCAPED']} escaped, "
+            f"{counts['BUILD FAILED']} build failures, {counts['TIMEOUT']} timeouts, "
+            f"{counts['SKIPS ONLY']} with skips only")
     with open(report, "w", encoding="utf-8") as f:
-        f.write(f"# mutation pass: {len(rows)} faults, {len(rows) - len(escaped)} caught, "
-                f"{len(escaped)} escaped, {time.time() - started:.0f} s\n")
-        for mid, area, rel, what, verdict in rows:
-            f.write(f"{mid}\t{area}\t{rel}\t{what}\t{verdict}\n")
-    print(f"{len(rows)} faults: {len(rows) - len(escaped)} caught, {len(escaped)} escaped"
-          f" ({', '.join(r[0] for r in escaped) or 'none'}); report in {report}")
-    return 1 if escaped else 0
+        f.write(f"# mutation pass: {line}; {time.time() - started:.0f} s\n")
+        for mid, area, rel, what, kind, detail in rows:
+            f.write(f"{mid}\t{area}\t{rel}\t{what}\t{kind}\t{detail}\n")
+    missed = [r[0] for r in rows if r[4] != "caught"]
+    print(f"{line} (not caught: {', '.join(missed) or 'none'}); report in {report}")
+    return 1 if missed else 0
 
 
 if __name__ == "__main__":

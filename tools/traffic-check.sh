@@ -2,8 +2,9 @@
 # Real traffic, fresh: makes new captures with Samba (tools/smbgen) and runs the differential
 # check (tools/smbdiff) on them with the smbflow and plug-in of a build directory.
 #   tools/traffic-check.sh [BUILD_DIR]   (default build)
-# Skips, with a note and status 0, where the captures cannot be made (no root, no Samba) or
-# smbflow is not built.
+# Exits 77 (skipped, which tools/test-all.sh fails unless SMB_ALLOW_SKIP=traffic) where the
+# captures cannot be made (no root, no Samba, no tshark), where smbflow is not built, or where
+# the generator left scenarios out (then after checking the captures it did make).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build}
@@ -11,7 +12,7 @@ smbflow=$build/smbflow
 plugin=$build/plugin-process-smb.so
 if [ ! -x "$smbflow" ] || [ ! -f "$plugin" ]; then
   echo "traffic-check: SKIP: $smbflow or $plugin is not built"
-  exit 0
+  exit 77
 fi
 out=$build/fresh-captures
 rm -rf "$out"
@@ -19,7 +20,7 @@ status=0
 timeout 600 python3 tools/smbgen/smbgen.py --out "$out" || status=$?
 if [ "$status" -eq 77 ]; then
   echo "traffic-check: SKIP: fresh captures cannot be made here (see the note above)"
-  exit 0
+  exit 77
 elif [ "$status" -ne 0 ]; then
   echo "traffic-check: the traffic generator failed ($status)" >&2
   exit "$status"
@@ -35,4 +36,9 @@ for params in "" short-create=1 wire-counts=1; do
       --queues "$queues" --plugin "$plugin" ${params:+--params "$params"} "$out"/*.pcap || status=1
   done
 done
+if [ "$status" -eq 0 ] && grep -q '^# skipped' "$out/MANIFEST.txt"; then
+  echo "traffic-check: SKIP: the generator left scenarios out:"
+  grep '^# skipped' "$out/MANIFEST.txt"
+  exit 77
+fi
 exit "$status"

@@ -51,7 +51,7 @@ class DataTable : public ::testing::Test {
     void SetUp() override {
         t = datatable_create(1024);
         collider_addr = uint32_t(colliding_id(t, kAddr, [](uint64_t a) {
-            return data_key{uint32_t(a), kPort, 0};
+            return le({{a, 4}, {kPort, 2}, {0, 1}});
         }));
     }
     void TearDown() override { datatable_free(t); }

@@ -114,7 +114,9 @@ TEST(FileTable, UpdatesNeverDisplaceAnotherKeyInsertDoes) {
     filetable *t = filetable_create(1024);
     const Name n = utf16_name("owner.txt");
     filetable_insert(t, n.data(), 0, 2, 1, nullptr, 4, 1, 2, 9);
-    const uint64_t other = colliding_id(t, 9, [](uint64_t id) { return file_key{1, 2, id}; });
+    const uint64_t other = colliding_id(t, 9, [](uint64_t id) {
+        return le({{id, 8}, {1, 4}, {2, 2}});
+    });
     const uint32_t masks[2] = {0x100, 0x100};
     filetable_add_command(t, 1, 2, other, masks);
     filetable_set_delete_flag(t, 1, 2, other, 1);

@@ -51,19 +51,18 @@ INSTANTIATE_TEST_SUITE_P(Boundaries, Sizing, ::testing::Values(
     SizingCase{INT32_MAX, int64_t{1} << 31}));
 // clang-format on
 
+// Not in the sanitizer builds: their allocators report the impossible request themselves.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST(SizingDeathTest, TwoToThe31SlotsEndTheProcessAsAnAllocationFailure) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "sanitizer allocators report the impossible request themselves";
-#else
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(messagetable_create(1518500250), ::testing::ExitedWithCode(-666 & 0xff), "");
-#endif
 }
+#endif
 
 // The record of a key sits in the slot of the CRC-32C (seed 0) of these hand-packed bytes.
 template <typename Table>
 bool occupied(const Table *t, std::vector<uint8_t> bytes) {
-    return t->slots[corvaneexp_crc32c(bytes.data(), bytes.size(), 0) & uint32_t(t->mask)];
+    return t->slots[slot_of(t, bytes)];
 }
 
 TEST(KeyPacking, IdentifierThenAddressThenPortLittleEndian) {
@@ -122,7 +121,7 @@ struct MessageTable {
     using Table = messagetable;
     static Table *create() { return messagetable_create(1024); }
     static void destroy(Table *t) { messagetable_free(t); }
-    static auto key(uint64_t id) { return message_key{1, 2, id}; }
+    static auto key_bytes(uint64_t id) { return le({{id, 8}, {1, 4}, {2, 2}}); }
     static void full(Table *t, uint64_t id, uint8_t v) {
         messagetable_insert(t, utf16_name(v == 1 ? "a" : "b").data(), v, 100 + v, 1, 2, id);
     }
@@ -141,7 +140,7 @@ struct FileTable {
     using Table = filetable;
     static Table *create() { return filetable_create(1024); }
     static void destroy(Table *t) { filetable_free(t); }
-    static auto key(uint64_t id) { return file_key{1, 2, id}; }
+    static auto key_bytes(uint64_t id) { return le({{id, 8}, {1, 4}, {2, 2}}); }
     static void full(Table *t, uint64_t id, uint8_t v) {
         const uint32_t masks[2] = {v, 0x2000u * v};
         filetable_insert(t, utf16_name(v == 1 ? "a" : "b").data(), v, v, v, masks, 100 + v, 1, 2,
@@ -202,7 +201,7 @@ TYPED_TEST(InsertRule, FirstInsertForAKeyWins) {
 }
 
 TYPED_TEST(InsertRule, CollidingKeyTakesTheSlotWithEveryFieldReset) {
-    const uint64_t a = 7, b = colliding_id(this->t, a, TypeParam::key);
+    const uint64_t a = 7, b = colliding_id(this->t, a, TypeParam::key_bytes);
     const Snapshot fresh = this->alone(b, [&](auto *t) { TypeParam::bare(t, b); });
     TypeParam::full(this->t, a, 1);
     TypeParam::mark(this->t, a);

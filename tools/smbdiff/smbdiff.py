@@ -10,8 +10,9 @@ and these are compared, record by record, with what smbflow wrote for the same c
 
 Prints, per capture and in total, the trees, files, operations and commands compared, the
 records expected and written, the reporting rules that applied, and every difference. Exit
-status: 0 when no difference is left unexplained, 1 when there are differences, 2 on bad usage
-or a tool that fails, 77 when tshark or smbflow is missing.
+status: 0 when no difference is left unexplained, 1 when there are differences (smbflow writing
+no SMB field at all where tshark sees SMB commands is one, and so is a run that compared no
+command), 2 on bad usage or a tool that fails, 77 when tshark or smbflow is missing.
 """
 
 from __future__ import annotations
@@ -387,11 +388,17 @@ def main(argv=None) -> int:
         except (RuntimeError, OSError, subprocess.TimeoutExpired, ValueError) as err:
             print(f"smbdiff: {err}", file=sys.stderr)
             return 2
-    if all(r.counts["records with SMB fields"] == 0 for _, r in results) and \
-            any(r.counts["commands"] for _, r in results):
-        print("smbdiff: SKIP: smbflow wrote no SMB fields at all: the plug-in's queue hooks are "
-              "not in this build yet", file=sys.stderr)
-        return SKIP
+    # A check that compared nothing has not passed: either tshark found no SMB on the port, or
+    # the plug-in saw none of what tshark did (another port, hooks not called).
+    commands = sum(r.counts["commands"] for _, r in results)
+    if not commands:
+        print(f"smbdiff: DIFFERENCE: tshark saw no SMB command on port {args.port} in these "
+              f"captures: nothing was compared", file=sys.stderr)
+        return 1
+    if all(r.counts["records with SMB fields"] == 0 for _, r in results):
+        print(f"smbdiff: DIFFERENCE: smbflow wrote no SMB field at all while tshark saw {commands} "
+              f"SMB commands: the plug-in saw none of the traffic", file=sys.stderr)
+        return 1
     for path, res in results:
         total.update(res.counts)
         rules.update(res.rules)

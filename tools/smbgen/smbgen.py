@@ -586,11 +586,14 @@ def main() -> int:
         log(f"network: {net.note}; SMB1 {'allowed' if samba.smb1 else 'refused by the server'}")
         os.chdir(work)
         for sc in chosen:
+            skip = None
             if sc.needs_smb1 and not samba.smb1:
-                log(f"{sc.name}: skipped, the server does not accept SMB1")
-                continue
-            if sc.needs_impacket and not have_impacket():
-                log(f"{sc.name}: skipped, python3-impacket is not installed")
+                skip = "the server does not accept SMB1"
+            elif sc.needs_impacket and not have_impacket():
+                skip = "python3-impacket is not installed"
+            if skip:
+                log(f"{sc.name}: skipped, {skip}")
+                lines.append(f"# skipped {sc.name}: {skip}")
                 continue
             lines.append(run_scenario(sc, samba, net, procs, out, work))
         (out / "MANIFEST.txt").write_text(f"# network: {net.note}\n" + "\n".join(lines) + "\n")
