@@ -47,6 +47,7 @@ bool parse_on_stack(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload, 
     } else {
         free(local.file_name);
         free(local.tree_name);
+        free(local.activity);
     }
     return keep;
 }
