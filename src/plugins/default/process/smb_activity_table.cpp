@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include "smb_activity.h"
+
 activitytable *activitytable_create(int32_t size) {
     return smb::create_table<activitytable>(size);
 }
@@ -50,18 +52,30 @@ void conntable_free(conntable *t) {
     smb::free_table(t);
 }
 
+namespace {
+
+conn_record &record_for(conntable *t, const conn_key &key) {
+    if (conn_record *r = t->find(key)) return *r;
+    if (t->slot(key)) ++t->dropped;
+    return t->replace(key);
+}
+
+}  // namespace
+
+void conntable_park(conntable *t, uint32_t client_addr32, uint16_t client_port,
+                    const smb_activity &counters) {
+    conn_record &r = record_for(t, {client_addr32, client_port});
+    if (!r.parked) r.parked = static_cast<smb_activity *>(corvaneexp_malloc(sizeof counters, 0));
+    smb_activity_merge(r.parked, &counters);
+}
+
 void conntable_note(conntable *t, uint32_t client_addr32, uint16_t client_port, uint16_t dialect,
                     uint8_t security) {
-    const conn_key key{client_addr32, client_port};
-    conn_record *r = t->find(key);
-    if (!r) {
-        if (t->slot(key)) ++t->dropped;
-        r = &t->replace(key);
-    }
+    conn_record *r = &record_for(t, {client_addr32, client_port});
     if (dialect) r->dialect = dialect;
     r->security |= security;
 }
 
-const conn_record *conntable_find(conntable *t, uint32_t client_addr32, uint16_t client_port) {
+conn_record *conntable_find(conntable *t, uint32_t client_addr32, uint16_t client_port) {
     return t->find({client_addr32, client_port});
 }

@@ -82,12 +82,20 @@ struct conn_record {
     conn_key key;
     uint16_t dialect;  // 0 while not known
     uint8_t security;  // SMB_SEC_SIGNING_REQUIRED and SMB_SEC_SMB1
+    // Counters of messages whose packet left no record (a response that the parser refuses
+    // after counting it), owned, or null: handed to the next record of the connection.
+    smb_activity *parked;
+
+    void release() {
+        free(parked);
+        parked = nullptr;
+    }
 };
 
 // Shared by all queues: hold `lock` (smb::SpinGuard) around every call.
 struct conntable : smb::HashTable<conn_record> {
     pthread_spinlock_t lock;
-    uint64_t dropped;  // connections pushed out by another one
+    uint64_t dropped;  // connections pushed out by another one (with their parked counters)
 };
 
 conntable *conntable_create(int32_t size);
@@ -97,5 +105,9 @@ void conntable_free(conntable *t);
 void conntable_note(conntable *t, uint32_t client_addr32, uint16_t client_port, uint16_t dialect,
                     uint8_t security);
 
+// Adds `counters` to the connection's parked counters (making its record when needed).
+void conntable_park(conntable *t, uint32_t client_addr32, uint16_t client_port,
+                    const smb_activity &counters);
+
 // The connection's record, or null.
-const conn_record *conntable_find(conntable *t, uint32_t client_addr32, uint16_t client_port);
+conn_record *conntable_find(conntable *t, uint32_t client_addr32, uint16_t client_port);

@@ -187,3 +187,10 @@ void count_transform(smb_flow_data *rec, smb_queue_ctx *q) {
 }
 
 }  // namespace smb::parser
+
+void smb_park_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q) {
+    if (!rec->activity || !q->conntable || rec->is_response > 1) return;
+    const smb::parser::ConnKey key = smb::parser::connection_key(pkt, rec->is_response);
+    smb::parser::locked(
+        q->conntable, [&](conntable *t) { conntable_park(t, key.addr, key.port, *rec->activity); });
+}

@@ -112,15 +112,22 @@ void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_d
     }
     uint16_t dialect = 0;
     uint8_t security = 0;
+    smb_activity *parked = nullptr;
     {
         smb::SpinGuard guard(ctx->conntable->lock);
-        const conn_record *conn = conntable_find(ctx->conntable, client.addr32, client.port);
+        conn_record *conn = conntable_find(ctx->conntable, client.addr32, client.port);
         if (!conn) return;
         dialect = conn->dialect;
         security = conn->security;
+        parked = conn->parked;
+        conn->parked = nullptr;
     }
-    if (dialect == 0 && security == 0) return;
+    if (dialect == 0 && security == 0 && !parked) return;
     smb_activity *a = smb_activity_of(rec);
+    if (parked) {
+        smb_activity_merge(a, parked);
+        free(parked);
+    }
     if (dialect) a->dialect = dialect;
     a->security |= security;
 }
