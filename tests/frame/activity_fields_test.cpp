@@ -72,7 +72,7 @@ smb_flow_data *record_with_activity(uint8_t version) {
     a->has_rename = 1;
     a->rename_to[0] = 'x';
     a->latency_max_us = 70000;
-    a->security = 0x13;
+    rec->security = 0x13;
     return rec;
 }
 
@@ -169,7 +169,7 @@ TEST(ActivityMerge, SumsCountersKeepsTheMaximumOrsFlagsAndTakesTheLastOfTheRest)
     p->last_error = 0xC0000034;
     p->latency_max_us = 10;
     p->latency_count = 1;
-    p->security = 0x04;
+    pkt_slot.rec()->security = 0x04;
     host_packet pkt{};
     pkt.dst_port = 445;
     flow.dst_port = 445;
@@ -181,7 +181,7 @@ TEST(ActivityMerge, SumsCountersKeepsTheMaximumOrsFlagsAndTakesTheLastOfTheRest)
     EXPECT_EQ(a.last_error, 0xC0000034u);
     EXPECT_EQ(a.latency_max_us, 70000u);
     EXPECT_EQ(a.latency_count, 1u);
-    EXPECT_EQ(a.security, 0x17);
+    EXPECT_EQ(flow_slot.rec()->security, 0x17);
     EXPECT_EQ(a.dialect, 0x0302);  // the packet saw none
     EXPECT_EQ(a.has_rename, 1);
     EXPECT_EQ(pkt_slot.rec()->activity, nullptr);

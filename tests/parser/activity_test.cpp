@@ -261,15 +261,15 @@ INSTANTIATE_TEST_SUITE_P(Activity, Negotiations,
 TEST(Activity, SecurityFlagsOfSignedEncryptedGuestAndSmb1Messages) {
     ActivityHarness h;
     h.send_at(0, request(ECHO, 3, 0, request_body(ECHO), 0x8));
-    EXPECT_EQ(h.counters().security, SMB_SEC_SIGNED);
+    EXPECT_EQ(h.rec()->security, SMB_SEC_SIGNED);
     Bytes setup = response_body(SESSION_SETUP);
     setup[2] = 0x1;  // SMB2_SESSION_FLAG_IS_GUEST
     h.send_at(0, response(SESSION_SETUP, 1, 0, setup));
-    EXPECT_EQ(h.counters().security, SMB_SEC_GUEST_OR_NULL);
+    EXPECT_EQ(h.rec()->security, SMB_SEC_GUEST_OR_NULL);
     h.parse_to_client(transform_message(100));
-    EXPECT_EQ(h.counters().security, SMB_SEC_ENCRYPTED);
+    EXPECT_EQ(h.rec()->security, SMB_SEC_ENCRYPTED);
     h.parse_to_server(smb1_message(0x72));
-    EXPECT_EQ(h.counters().security, SMB_SEC_SMB1);
+    EXPECT_EQ(h.rec()->security, SMB_SEC_SMB1);
     ASSERT_NE(h.connection(), nullptr);
     EXPECT_EQ(h.connection()->security, SMB_SEC_SMB1);
 }

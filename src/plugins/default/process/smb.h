@@ -81,6 +81,7 @@ enum smb_version {
 typedef struct smb_flow_data {
     uint8_t version;
     uint8_t is_response;
+    uint8_t security;  // SMB_SECURITY flags of the activity fields (activity=1 only)
     uint32_t commands[2];
     uint64_t message_id;
     uint8_t op;

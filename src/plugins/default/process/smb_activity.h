@@ -26,7 +26,7 @@ struct smb_activity {
     uint32_t latency_count;
     uint32_t latency_max_us;
     uint16_t dialect;
-    uint8_t security;
+    uint8_t security;  // only in counters parked with a connection: the record keeps its own
     uint8_t has_rename;
     uint8_t rename_to[SMB_NAME_SIZE];  // UTF-16LE, zero-filled
 };

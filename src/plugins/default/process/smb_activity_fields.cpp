@@ -68,8 +68,11 @@ const smb_flow_data *smb2_record(host_slot *slot) {
     return rec && rec->version == SMB_VERSION_2 ? rec : nullptr;
 }
 
-const smb_activity &activity_of(const smb_flow_data *rec) {
-    return rec->activity ? *rec->activity : kNothing;
+// The record's counters with its security flags, which the record keeps itself.
+smb_activity activity_of(const smb_flow_data *rec) {
+    smb_activity a = rec->activity ? *rec->activity : kNothing;
+    a.security = rec->security;
+    return a;
 }
 
 // A number as `size` bytes in host order.
@@ -143,7 +146,7 @@ void fill(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a,
     const smb_flow_data *rec = smb2_record(slot);
     if (!rec) return;
     const activity_field &f = kFields[I];
-    const smb_activity &act = activity_of(rec);
+    const smb_activity act = activity_of(rec);
     if (f.text == Text::name) {
         record_universal_get_array(output, act.rename_to, SMB_NAME_SIZE, a, 0);
         return;
@@ -157,7 +160,7 @@ void fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_
     const smb_flow_data *rec = smb2_record(slot);
     if (!rec) return;
     const activity_field &f = kFields[I];
-    const smb_activity &act = activity_of(rec);
+    const smb_activity act = activity_of(rec);
     if (f.text == Text::name) {
         record_universal_get_txt_string(output, act.rename_to, SMB_NAME_SIZE, a, 0);
         return;

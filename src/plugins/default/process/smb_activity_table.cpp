@@ -15,16 +15,22 @@ void activitytable_free(activitytable *t) {
 void activitytable_put(activitytable *t, uint32_t client_addr32, uint16_t client_port,
                        uint64_t message_id, uint64_t request_ns, const PendingSetInfo &set_info) {
     const activity_key key{client_addr32, client_port, message_id};
-    const activity_record *old = t->slot(key);
-    if (old && old->pending && !(old->key == key)) ++t->dropped;
-    // A request id is used once per connection: a repeat replaces the old entry.
-    activity_record &r = t->replace(key);
-    r.request_ns = request_ns;
-    r.pending = 1;
-    r.kind = set_info.kind;
+    // One hash per request: the slot's record is reused in place (a request id is used once
+    // per connection, so a repeat replaces the old entry).
+    activity_record *&r = t->slot(key);
+    if (!r) {
+        r = static_cast<activity_record *>(corvaneexp_malloc(sizeof(activity_record), 0));
+    } else {
+        if (r->pending && !(r->key == key)) ++t->dropped;
+        r->release();
+    }
+    r->key = key;
+    r->request_ns = request_ns;
+    r->pending = 1;
+    r->kind = set_info.kind;
     if (set_info.kind == SetInfoKind::rename && set_info.rename_to) {
-        r.rename_to = static_cast<uint8_t *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
-        memcpy(r.rename_to, set_info.rename_to, SMB_NAME_SIZE);
+        r->rename_to = static_cast<uint8_t *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
+        memcpy(r->rename_to, set_info.rename_to, SMB_NAME_SIZE);
     }
 }
 
@@ -36,11 +42,7 @@ bool activitytable_take(activitytable *t, uint32_t client_addr32, uint16_t clien
     out.found = true;
     out.request_ns = r->request_ns;
     out.kind = r->kind;
-    if (r->rename_to)
-        memcpy(out.rename_to, r->rename_to, SMB_NAME_SIZE);
-    else
-        memset(out.rename_to, 0, SMB_NAME_SIZE);
-    r->release();
+    out.rename_to = r->rename_to;
     return true;
 }
 

@@ -63,7 +63,7 @@ struct TakenRequest {
     bool found = false;
     uint64_t request_ns = 0;
     SetInfoKind kind = SetInfoKind::none;
-    uint8_t rename_to[SMB_NAME_SIZE];
+    const uint8_t *rename_to = nullptr;  // 128 bytes or null; valid until the next put
 };
 // Takes the pending request of `message_id` (found is false when there is none); the record
 // stays in its slot but is no longer pending.

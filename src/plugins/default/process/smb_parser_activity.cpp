@@ -98,8 +98,8 @@ void count_latency(smb_activity *a, uint64_t request_ns, uint64_t response_ns) {
     if (clamped > a->latency_max_us) a->latency_max_us = clamped;
 }
 
-void count_success(smb_queue_ctx *q, smb_activity *a, const Smb2Message &msg, ConnKey key,
-                   const TakenRequest &request) {
+void count_success(smb_queue_ctx *q, smb_flow_data *rec, smb_activity *a, const Smb2Message &msg,
+                   ConnKey key, const TakenRequest &request) {
     const ByteReader body = msg.body();
     switch (msg.command()) {
         case SMB2_NEGOTIATE: {
@@ -109,7 +109,7 @@ void count_success(smb_queue_ctx *q, smb_activity *a, const Smb2Message &msg, Co
             const uint8_t security =
                 body.le16(kSecurityModeOffset) & kSigningRequired ? SMB_SEC_SIGNING_REQUIRED : 0;
             if (dialect) a->dialect = dialect;
-            a->security |= security;
+            rec->security |= security;
             locked(q->conntable,
                    [&](conntable *t) { conntable_note(t, key.addr, key.port, dialect, security); });
             return;
@@ -117,7 +117,7 @@ void count_success(smb_queue_ctx *q, smb_activity *a, const Smb2Message &msg, Co
         case SMB2_SESSION_SETUP:
             if (msg.body_length() >= kSessionFlagsOffset + 2 &&
                 (body.le16(kSessionFlagsOffset) & kSessionGuestOrNull))
-                a->security |= SMB_SEC_GUEST_OR_NULL;
+                rec->security |= SMB_SEC_GUEST_OR_NULL;
             return;
         case SMB2_READ:
             if (msg.body_length() < kReadWriteMinBody) return;
@@ -135,7 +135,10 @@ void count_success(smb_queue_ctx *q, smb_activity *a, const Smb2Message &msg, Co
             } else if (request.kind == SetInfoKind::rename) {
                 ++a->renames;
                 a->has_rename = 1;
-                memcpy(a->rename_to, request.rename_to, sizeof a->rename_to);
+                if (request.rename_to)
+                    memcpy(a->rename_to, request.rename_to, sizeof a->rename_to);
+                else
+                    memset(a->rename_to, 0, sizeof a->rename_to);
             }
             return;
         default:
@@ -149,7 +152,7 @@ void count_response(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q
     // An interim response only says that the final one will follow.
     if (msg.is_async() && status == kStatusPending) return;
     smb_activity *a = smb_activity_of(rec);
-    if (msg.flags() & kSmb2FlagsSigned) a->security |= SMB_SEC_SIGNED;
+    if (msg.flags() & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
     TakenRequest request;
     activitytable_take(q->activitytable, key.addr, key.port, msg.message_id(), request);
     if (request.found) count_latency(a, request.request_ns, pkt->timestamp_ns);
@@ -157,40 +160,37 @@ void count_response(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q
         ++a->errors;
         a->last_error = status;
     }
-    if (status == 0) count_success(q, a, msg, key, request);
+    if (status == 0) count_success(q, rec, a, msg, key, request);
 }
 
 }  // namespace
 
-void count_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
-                    const Smb2Message &msg) {
-    if (!q->activity) return;
+void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                       const Smb2Message &msg) {
     const ConnKey key = connection_key(pkt, msg.is_response());
     if (msg.is_response()) {
         count_response(pkt, rec, q, msg, key);
         return;
     }
-    if (msg.flags() & kSmb2FlagsSigned) smb_activity_of(rec)->security |= SMB_SEC_SIGNED;
+    if (msg.flags() & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
     count_request(pkt, q, msg, key);
 }
 
-void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply) {
-    if (!q->activity) return;
+void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply) {
     const ConnKey key = connection_key(pkt, reply);
-    smb_activity_of(rec)->security |= SMB_SEC_SMB1;
+    rec->security |= SMB_SEC_SMB1;
     locked(q->conntable,
            [&](conntable *t) { conntable_note(t, key.addr, key.port, 0, SMB_SEC_SMB1); });
-}
-
-void count_transform(smb_flow_data *rec, smb_queue_ctx *q) {
-    if (q->activity) smb_activity_of(rec)->security |= SMB_SEC_ENCRYPTED;
 }
 
 }  // namespace smb::parser
 
 void smb_park_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q) {
-    if (!rec->activity || !q->conntable || rec->is_response > 1) return;
+    if ((!rec->activity && !rec->security) || !q->conntable || rec->is_response > 1) return;
     const smb::parser::ConnKey key = smb::parser::connection_key(pkt, rec->is_response);
-    smb::parser::locked(
-        q->conntable, [&](conntable *t) { conntable_park(t, key.addr, key.port, *rec->activity); });
+    smb_activity counters{};
+    if (rec->activity) counters = *rec->activity;
+    counters.security = rec->security;
+    smb::parser::locked(q->conntable,
+                        [&](conntable *t) { conntable_park(t, key.addr, key.port, counters); });
 }

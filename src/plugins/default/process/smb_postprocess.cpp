@@ -122,14 +122,15 @@ void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_d
         parked = conn->parked;
         conn->parked = nullptr;
     }
-    if (dialect == 0 && security == 0 && !parked) return;
+    rec->security |= security;
+    if (dialect == 0 && !parked) return;
     smb_activity *a = smb_activity_of(rec);
     if (parked) {
         smb_activity_merge(a, parked);
+        rec->security |= parked->security;
         free(parked);
     }
     if (dialect) a->dialect = dialect;
-    a->security |= security;
 }
 
 }  // namespace

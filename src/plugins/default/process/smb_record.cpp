@@ -36,7 +36,7 @@ smb_flow_data *smb_record_copy(const smb_flow_data *src) {
     *rec = *src;
     rec->file_name = copy_name(src->file_name);
     rec->tree_name = copy_name(src->tree_name);
-    rec->activity = smb_activity_copy(src->activity);
+    if (src->activity) rec->activity = smb_activity_copy(src->activity);
     return rec;
 }
 
@@ -45,7 +45,7 @@ void smb_record_free(host_slot *slot) {
     if (!rec) return;
     free(rec->file_name);
     free(rec->tree_name);
-    free(rec->activity);
+    if (rec->activity) free(rec->activity);
     free(rec);
     *slot = nullptr;
 }
