@@ -186,7 +186,9 @@ void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
 }  // namespace smb::parser
 
 void smb_park_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q) {
-    if ((!rec->activity && !rec->security) || !q->conntable || rec->is_response > 1) return;
+    // Flags alone are not parked: a request kept for its response (whose record is dropped)
+    // is signed or not as its response is.
+    if (!rec->activity || !q->conntable || rec->is_response > 1) return;
     const smb::parser::ConnKey key = smb::parser::connection_key(pkt, rec->is_response);
     smb_activity counters{};
     if (rec->activity) counters = *rec->activity;
