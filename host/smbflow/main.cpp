@@ -157,7 +157,8 @@ int run(const Options &opts) {
             if (!declared.empty()) {
                 ParamLimits limits{memory_budget(), opts.queues, {}};
                 if (std::string_view(host.plugin(0).desc->name) == "smb")
-                    limits.per_queue = {"messagetable-size", "messagetable2-size"};
+                    limits.per_queue = {"messagetable-size", "messagetable2-size",
+                                        "activitytable-size"};
                 if (auto problem = check_params(*opts.params, declared, limits)) {
                     error(*problem);
                     return kExitUsage;

@@ -100,7 +100,10 @@ std::string smb_parameter_text(std::string_view help) {
            "(88-byte CREATE responses), default 0"
            "\nwire-counts=<0,1>  opt-in: packets and bytes of each record are those of its own "
            "packets, so that a connection's records add up to the wire (volume accounting), "
-           "default 0";
+           "default 0"
+           "\nactivity=<0,1>  opt-in: bytes, operations, errors, latency, dialect and security "
+           "fields, default 0"
+           "\nactivitytable-size=<unsigned int>   conntable-size=<unsigned int>";
 }
 
 uint64_t memory_budget() {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 
+#include "smb_activity.h"
 #include "smb_data_table.h"
 #include "smb_file_table.h"
 #include "smb_message_table.h"
@@ -137,5 +138,23 @@ struct CommandContext {
 };
 int32_t parse_tree_connect(const CommandContext &ctx);
 int32_t parse_create(const CommandContext &ctx);
+
+// Activity counting (nothing with activity=0): one SMB2 message into `rec`, an SMB1 message
+// (`reply` from its Flags), a transform header.
+// The checks are inline so that activity=0 costs no call.
+void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                       const Smb2Message &msg);
+void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply);
+inline void count_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                           const Smb2Message &msg) {
+    if (q->activity) count_activity_on(pkt, rec, q, msg);
+}
+inline void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                       uint8_t reply) {
+    if (q->activity) count_smb1_on(pkt, rec, q, reply);
+}
+inline void count_transform(smb_flow_data *rec, smb_queue_ctx *q) {
+    if (q->activity) rec->security |= SMB_SEC_ENCRYPTED;
+}
 
 }  // namespace smb::parser
