@@ -131,10 +131,12 @@ int run(const Options &opts) {
         field_names.push_back(opts.fields.substr(at, comma - at));
         at = comma + 1;
     }
-    auto pick = pick_columns(field_names);
+    // The plug-in's fields beyond those smbflow presents itself follow as columns of their own.
+    const std::vector<Column> cols = output_columns(host.fields());
+    auto pick = pick_columns(field_names, cols);
     if (auto *unknown = std::get_if<std::string>(&pick)) {
         std::string names;
-        for (const Column &c : columns())
+        for (const Column &c : cols)
             names += (names.empty() ? "" : ",") + std::string(c.name);
         error(fmt::format("--fields: no column '{}' (columns: {})", *unknown, names));
         return kExitUsage;
@@ -174,7 +176,7 @@ int run(const Options &opts) {
         }
     }
     auto writer = text_output ? make_writer(default_format(opts, out), out, capture.is_live(),
-                                            std::get<ColumnPick>(pick))
+                                            std::get<ColumnPick>(pick), cols)
                               : nullptr;
     corvane_host::QueueConfig config;
     config.active_timeout_ns = static_cast<uint64_t>(opts.active_timeout_s * 1e9);
