@@ -157,6 +157,7 @@ int run(const Options &opts) {
         settings.observation_domain = opts.observation_domain;
         settings.template_refresh_s = opts.template_refresh_s;
         settings.uniflow = opts.ipfix_uniflow;
+        settings.extras = ipfix::extra_layout(FlowFormatter(host.fields()).extras());
         exports.push_back(
             std::make_unique<IpfixDestination>(std::get<IpfixUrl>(url), settings, error));
     }
@@ -193,6 +194,7 @@ int run(const Options &opts) {
         formatter.set_nanoseconds(nano);
         Row row;              // reused by the export thread
         IpfixFlow ipfix_row;  // likewise
+        const ipfix::ExtraLayout extras = ipfix::extra_layout(formatter.extras());
         const PayloadNeed need =
             PayloadNeed::for_run(opts.no_plugin, host.plugin_count(),
                                  host.plugin_count() ? host.plugin(0).desc->name : "", opts.params);
@@ -204,7 +206,7 @@ int run(const Options &opts) {
                     writer->write(row);
                 }
                 if (!exports.empty()) {
-                    to_ipfix(flow, formatter, ipfix_row);
+                    to_ipfix(flow, formatter, ipfix_row, extras);
                     for (auto &e : exports)
                         e->write(IpfixFlow(ipfix_row));
                 }
