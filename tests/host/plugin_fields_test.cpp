@@ -15,6 +15,7 @@
 #include "ipfix_extra.h"
 #include "ipfix_record.h"
 #include "run_command.h"
+#include "writers.h"
 #include "smb_session.h"
 
 namespace {
@@ -132,6 +133,51 @@ TEST(PluginFields, IpfixElementsTypedBySizeAndKind) {
     }
     // The UDP flow has no record of the plug-in: a template without enterprise elements.
     EXPECT_NE(dump.out.find("count: 14      tid:   260"), std::string::npos);
+}
+
+// Decimal texts are JSON numbers; anything else a number field's text may be is a string.
+TEST(PluginFields, OnlyDecimalTextsAreJsonNumbers) {
+    const std::pair<const char *, bool> cases[] = {
+        {"0", true},   {"17", true},     {"18446744073709551615", true},
+        {"", false},   {"007", false},   {"0x1f", false},
+        {"-1", false}, {"3.1.1", false}, {"1e3", false},
+    };
+    for (const auto &[text, number] : cases)
+        EXPECT_EQ(smbflow::is_json_integer(text), number) << text;
+}
+
+// Whatever the order of registration, every value sits at an offset of its own alignment
+// (libfixbuf reads fbVarfield_t pointers and numbers there) and none overlap.
+TEST(PluginFields, LayoutAlignsEveryValue) {
+    const std::pair<uint32_t, uint32_t> kinds[] = {
+        {CORVANE_FIELD_NUMBER, 1},   {CORVANE_FIELD_OCTETS, 16}, {CORVANE_FIELD_NUMBER, 2},
+        {CORVANE_FIELD_STRING, 128}, {CORVANE_FIELD_NUMBER, 8},  {CORVANE_FIELD_NUMBER, 4},
+        {CORVANE_FIELD_OCTETS, 3},   {CORVANE_FIELD_NUMBER, 1},  {CORVANE_FIELD_STRING, 128},
+    };
+    std::vector<corvane_host::FieldDef> defs(std::size(kinds));
+    std::vector<smbflow::FlowFormatter::Extra> extras;
+    for (size_t i = 0; i < defs.size(); ++i) {
+        defs[i].name = "F_" + std::to_string(i);
+        defs[i].type = kinds[i].first;
+        defs[i].size = kinds[i].second;
+        extras.push_back({static_cast<uint32_t>(i), &defs[i]});
+    }
+    const auto layout = smbflow::ipfix::extra_layout(extras);
+    ASSERT_EQ(layout.elements.size(), defs.size());
+    std::vector<bool> used(layout.size, false);
+    for (const auto &e : layout.elements) {
+        const size_t align = e.type == FB_STRING        ? alignof(fbVarfield_t)
+                             : e.type == FB_OCTET_ARRAY ? 1
+                                                        : e.memory_size;
+        EXPECT_EQ((sizeof(smbflow::ipfix::FlowRecord) + e.offset) % align, 0u) << e.name;
+        ASSERT_LE(e.offset + e.memory_size, layout.size) << e.name;
+        for (size_t b = e.offset; b < e.offset + e.memory_size; ++b) {
+            EXPECT_FALSE(used[b]) << e.name << " overlaps at " << b;
+            used[b] = true;
+        }
+    }
+    EXPECT_EQ(layout.elements[2].name, "f2");
+    EXPECT_EQ(layout.elements[2].id, 9);
 }
 
 struct Registered {
