@@ -92,8 +92,12 @@ void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &forma
     out.reason = flow.reason;
     SmbValues smb;
     out.smb = formatter.smb_values(flow, smb);
+    out.extras.reset();
     if (!extras.empty()) {
-        pack_extras(flow, extras, out.extras, out.extras_text);
+        // A new one each record: the destinations may still hold the last one.
+        auto values = std::make_shared<ExtraValues>();
+        pack_extras(flow, extras, values->bytes, values->text);
+        out.extras = std::move(values);
         for (const auto &e : extras.elements)
             out.smb = out.smb || FlowFormatter::extra_value(flow, e.field);
     }
@@ -337,9 +341,14 @@ bool IpfixDestination::send_batch(std::vector<IpfixFlow> &batch) {
             if (!settings_.uniflow) flags |= kReverse;
             FlowRecord r;
             fill(r, f, side == 1);
-            size_t size = 0;
-            const uint8_t *record = record_with_extras(&r, sizeof r, settings_.extras, f.extras,
-                                                       f.extras_text, record_buf_, size);
+            size_t size = sizeof r;
+            const uint8_t *record = reinterpret_cast<const uint8_t *>(&r);
+            if (!settings_.extras.empty()) {
+                static const ExtraValues kNone;
+                const ExtraValues &values = f.extras ? *f.extras : kNone;
+                record = record_with_extras(&r, sizeof r, settings_.extras, values.bytes,
+                                            values.text, record_buf_, size);
+            }
             GError *err = nullptr;
             // A full message ends in FB_ERROR_EOM: it goes out and the record starts the next
             // one. libfixbuf also answers the first record after templates so, once.

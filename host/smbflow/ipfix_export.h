@@ -54,8 +54,9 @@ struct IpfixFlow {
     uint32_t cmd_request = 0, cmd_response = 0;
     uint8_t file_type = 0, op = 0;
     std::string tree, file_name;
-    std::vector<uint8_t> extras;  // ipfix::pack_extras; empty without extra elements
-    std::string extras_text;
+    // The extra elements' values (ipfix::pack_extras), shared by the copies for each
+    // destination; null without extra elements, so that records without them move as before.
+    std::shared_ptr<const ipfix::ExtraValues> extras;
 };
 
 // The IPFIX form of an exported flow record (the SMB values as the text writers show them,

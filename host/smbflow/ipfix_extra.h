@@ -46,6 +46,11 @@ void element_type(const corvane_host::FieldDef &field, fbInfoElementDataType_t &
 
 ExtraLayout extra_layout(const std::vector<FlowFormatter::Extra> &extras);
 
+struct ExtraValues {
+    std::vector<uint8_t> bytes;
+    std::string text;
+};
+
 // The values of a flow's extra fields in the layout's form: numbers in host order, octets as
 // they are, strings as their UTF-8 text in `text` with the length and the offset into `text`
 // where the fbVarfield_t goes (the pointer is set when the record is sent). Absent values are
