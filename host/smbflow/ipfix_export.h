@@ -22,6 +22,7 @@
 
 #include "exporter.h"
 #include "flow_format.h"
+#include "ipfix_extra.h"
 #include "ipfix_url.h"
 
 namespace smbflow {
@@ -44,6 +45,7 @@ struct IpfixSettings {
     // Set (from a signal handler) when the run must end now: connecting and waiting stop, and
     // what is not delivered is counted as dropped.
     const std::atomic<bool> *abandon = nullptr;
+    ipfix::ExtraLayout extras;  // the plug-in's fields beyond the six, if it registered any
 };
 
 struct IpfixCounters {
@@ -63,11 +65,16 @@ struct IpfixFlow {
     uint32_t cmd_request = 0, cmd_response = 0;
     uint8_t file_type = 0, op = 0;
     std::string tree, file_name;
+    // The extra elements' values (ipfix::pack_extras), shared by the copies for each
+    // destination; null without extra elements, so that records without them move as before.
+    std::shared_ptr<const ipfix::ExtraValues> extras;
 };
 
-// The IPFIX form of an exported flow record (the SMB values as the text writers show them).
+// The IPFIX form of an exported flow record (the SMB values as the text writers show them,
+// the extra elements of `extras`). A flow with a value of an extra element goes with the SMB
+// template even without SMB values.
 void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &formatter,
-              IpfixFlow &out);
+              IpfixFlow &out, const ipfix::ExtraLayout &extras = {});
 
 // Checks what can be checked before a run: the file can be created, the host name resolves.
 // A message when it cannot.
@@ -128,6 +135,7 @@ class IpfixDestination {
     // The sender thread's own.
     std::unique_ptr<Session> session_;
     std::vector<IpfixFlow> in_message_;  // appended since the last message went out
+    std::vector<uint8_t> record_buf_;    // a record with extra elements, as appended
     size_t records_in_message_ = 0;      // data records in it (two a flow with --ipfix-uniflow)
     uint64_t data_messages_since_templates_ = 0;
     std::chrono::steady_clock::time_point next_retry_{}, last_templates_{};

@@ -188,10 +188,12 @@ int run(const Options &opts) {
         field_names.push_back(opts.fields.substr(at, comma - at));
         at = comma + 1;
     }
-    auto pick = pick_columns(field_names);
+    // The plug-in's fields beyond those smbflow presents itself follow as columns of their own.
+    const std::vector<Column> cols = output_columns(host.fields());
+    auto pick = pick_columns(field_names, cols);
     if (auto *unknown = std::get_if<std::string>(&pick)) {
         std::string names;
-        for (const Column &c : columns())
+        for (const Column &c : cols)
             names += (names.empty() ? "" : ",") + std::string(c.name);
         error(fmt::format("--fields: no column '{}' (columns: {})", *unknown, names));
         return kExitUsage;
@@ -215,6 +217,7 @@ int run(const Options &opts) {
         settings.uniflow = opts.ipfix_uniflow;
         settings.connect_timeout_s = opts.ipfix_connect_timeout_s;
         settings.abandon = &g_abandon;
+        settings.extras = ipfix::extra_layout(FlowFormatter(host.fields()).extras());
         exports.push_back(
             std::make_unique<IpfixDestination>(std::get<IpfixUrl>(url), settings, error));
     }
@@ -231,7 +234,7 @@ int run(const Options &opts) {
         rotating = std::make_unique<RotatingOutput>(
             opts.output, opts.rotate_s,
             [&, format = default_format(opts, stdout)](FILE *f) {
-                return make_writer(format, f, capture.is_live(), std::get<ColumnPick>(pick));
+                return make_writer(format, f, capture.is_live(), std::get<ColumnPick>(pick), cols);
             },
             error);
     } else if (!opts.output.empty()) {
@@ -243,7 +246,7 @@ int run(const Options &opts) {
     }
     auto writer = text_output && !rotating
                       ? make_writer(default_format(opts, out), out, capture.is_live(),
-                                    std::get<ColumnPick>(pick))
+                                    std::get<ColumnPick>(pick), cols)
                       : nullptr;
     corvane_host::QueueConfig config;
     config.active_timeout_ns = static_cast<uint64_t>(opts.active_timeout_s * 1e9);
@@ -261,6 +264,7 @@ int run(const Options &opts) {
         formatter.set_nanoseconds(nano);
         Row row;              // reused by the export thread
         IpfixFlow ipfix_row;  // likewise
+        const ipfix::ExtraLayout extras = ipfix::extra_layout(formatter.extras());
         const PayloadNeed need =
             PayloadNeed::for_run(opts.no_plugin, host.plugin_count(),
                                  host.plugin_count() ? host.plugin(0).desc->name : "", opts.params);
@@ -278,7 +282,7 @@ int run(const Options &opts) {
                     rotating->write(row, flow.rec.last_ns);
                 }
                 if (!exports.empty()) {
-                    to_ipfix(flow, formatter, ipfix_row);
+                    to_ipfix(flow, formatter, ipfix_row, extras);
                     for (auto &e : exports)
                         e->write(IpfixFlow(ipfix_row));
                 }
