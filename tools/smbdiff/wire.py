@@ -9,6 +9,7 @@ the first segment of a message that spans several carries its header.
 from __future__ import annotations
 
 import codecs
+import re
 import subprocess
 import xml.etree.ElementTree as ET
 from dataclasses import dataclass, field
@@ -319,10 +320,24 @@ class _Utf8Clean:
     def __init__(self, raw) -> None:
         self.raw = raw
         self.decoder = codecs.getincrementaldecoder("utf-8")(errors="replace")
+        self.held = b""  # the unfinished last line of what was read
 
     def read(self, size: int = -1) -> bytes:
         data = self.raw.read(size if size and size > 0 else 65536)
+        if data:
+            data, _, self.held = (self.held + data).rpartition(b"\n")
+            data = _BULK.sub(b"", data + b"\n")
+        else:
+            data, self.held = self.held, b""
         return self.decoder.decode(data, final=not data).encode("utf-8")
+
+
+# Payload bytes shown as hex (segment data, reassembled data, read and write buffers): a
+# capture of several-MiB reads and writes gives hundreds of MB of them, and nothing here reads
+# them. Such single-line fields are dropped before parsing; names and the few fields read from
+# a message body are kept whatever their length.
+_BULK = re.compile(rb'^[ \t]*<field name="(?!smb2\.filename|smb2\.tree|smb2\.unknown)[^"]*"'
+                   rb'[^\n]{4096,}/>\n', re.M)
 
 
 def read_capture(path: str, tshark: str = "tshark", port: int = 445) -> Capture:

@@ -29,6 +29,7 @@ from pathlib import Path
 
 PASSWORD = "smbgen-Pa55"
 USER = "root"  # smbd maps the SMB user to a Unix account; root exists everywhere
+GUEST_USER = "smbgen_guest"  # unknown to the server, so mapped to its guest account
 SERVER_V4, CLIENT_V4 = "198.18.0.1", "198.18.0.2"
 SERVER_V6, CLIENT_V6 = "2001:db8::1", "2001:db8::2"
 
@@ -274,7 +275,7 @@ class Samba:
    server min protocol = NT1
    server max protocol = SMB3
    ntlm auth = yes
-   map to guest = never
+   map to guest = bad user
    obey pam restrictions = no
    kernel oplocks = no
    kernel change notify = no
@@ -343,11 +344,11 @@ class Samba:
         return f"//{host}/{share}"
 
     def smbclient(self, share: str, proto: str, cmds: list[str], family: int = 4,
-                  protection: str = "", anonymous: bool = False) -> list[str]:
-        """An smbclient session running cmds on the share; an anonymous one (null session)
-        lists the server's shares instead."""
-        who = ["-N"] if anonymous else ["-A", str(self.auth)]
-        what = ["-L", self.unc("", family).rstrip("/")] if anonymous else [
+                  protection: str = "", guest: bool = False) -> list[str]:
+        """An smbclient session running cmds on the share; a guest one (a user name the server
+        does not know, mapped to guest) lists the server's shares instead."""
+        who = ["-U", f"{GUEST_USER}%x"] if guest else ["-A", str(self.auth)]
+        what = ["-L", self.unc("", family).rstrip("/")] if guest else [
             self.unc(share, family), "-c", "; ".join(cmds)]
         argv = ["smbclient", "-s", str(self.client_conf), *who, "-m", proto, "--option",
                 f"client min protocol={proto}" if proto == "NT1" else
@@ -416,7 +417,7 @@ class Session:
     proto: str = "SMB3"
     family: int = 4
     protection: str = ""  # smbclient: "sign" or "encrypt"
-    anonymous: bool = False  # smbclient: a null session listing the shares
+    guest: bool = False  # smbclient: a guest session listing the shares
     activity: bool = False  # impacket: renames, deletes, failures and several-MiB I/O too
     cmds: list[str] = field(default_factory=list)
     tests: list[str] = field(default_factory=list)
@@ -508,14 +509,14 @@ SCENARIOS: list[Scenario] = [
              [Session("smbtorture", tests=SEGMENTED_TESTS, timeout=120)], mtu=296),
     Scenario("activity_smbclient", f"SMB 3.0.2 with signing: a {HUGE_SIZE >> 20} MiB file "
              "written and read back, renamed twice and deleted, an open that is not found and "
-             "writes refused on a read-only share; an anonymous (null) session listing shares",
+             "writes refused on a read-only share; a guest session listing the shares",
              [Session("smbclient", proto="SMB3_02", protection="sign",
                       cmds=["put huge.bin huge.bin", "get huge.bin got_huge.bin",
                             "rename huge.bin moved.bin", "rename moved.bin final.bin",
                             "rm final.bin", "get no_such_file.txt missing.txt"]),
               Session("smbclient", share=SHARE_RO, proto="SMB3_11",
                       cmds=["put small.txt denied.txt", "mkdir denied_dir", "ls"]),
-              Session("smbclient", proto="SMB3_11", anonymous=True)]),
+              Session("smbclient", proto="SMB3_11", guest=True)]),
     Scenario("activity_impacket", f"another client (impacket) in SMB 3.0 and 2.1: {HUGE_SIZE >> 20} "
              "MiB in single READ and WRITE messages, renames, deletes by FileDispositionInformation "
              "and its Ex form, access denied and not found",
@@ -556,7 +557,7 @@ def run_scenario(sc: Scenario, samba: Samba, net: Network, procs: Processes, out
         for s in sc.sessions:
             if s.kind == "smbclient":
                 argv = samba.smbclient(s.share, s.proto, s.cmds, s.family, s.protection,
-                                       s.anonymous)
+                                       s.guest)
             elif s.kind == "impacket":
                 argv = samba.impacket(s.share, s.dialect, f"{sc.name}{len(results)}", s.activity)
             else:
