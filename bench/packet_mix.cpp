@@ -129,6 +129,7 @@ int32_t run_parse(smb_queue_ctx *q, const packet &p) {
     const int32_t r = smb_parse_packet(&pkt, &rec, q, pkt.data + pkt.payload_offset);
     free(rec.file_name);
     free(rec.tree_name);
+    free(rec.activity);
     return r;
 }
 

@@ -41,7 +41,8 @@ int main(int argc, char **argv) {
     const auto mixes = bench::load_mixes(dir ? dir : SMB_CAPTURE_DIR);
     for (const bench::mix &m : mixes) {
         if (m.name != argv[2]) continue;
-        bench::plugin plugin;
+        // Plug-in parameters from the environment, e.g. SMB_BENCH_PARAMS=activity=1.
+        bench::plugin plugin(getenv("SMB_BENCH_PARAMS"));
         for (const bench::packet &p : m.packets)
             step(plugin.queue, p);
         printf("%s %zu\n", m.name.c_str(), bench_run_passes(plugin.queue, &m, passes, step));

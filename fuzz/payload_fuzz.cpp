@@ -6,8 +6,8 @@
 // matching through the message tables and the shared tree, file and data tables are all
 // reached, with small tables that collide.
 //
-// Input: one configuration byte (bit 0: no port filtering), then segments in the format of
-// segment_format.h.
+// Input: one configuration byte (bit 0: no port filtering, bit 1: activity fields on), then
+// segments in the format of segment_format.h.
 #include <stdint.h>
 #include <string.h>
 
@@ -65,8 +65,10 @@ endpoints endpoints_of(uint8_t flags) {
 
 class session {
   public:
-    explicit session(bool all_ports)
-        : plugin_((std::string(kSizes) + (all_ports ? ",port=0" : "")).c_str()),
+    explicit session(uint8_t config)
+        : plugin_((std::string(kSizes) + (config & 1 ? ",port=0" : "") +
+                   (config & 2 ? ",activity=1,activitytable-size=1024,conntable-size=1024" : ""))
+                      .c_str()),
           queue_(plugin_.queue) {}
 
     ~session() {
@@ -150,7 +152,7 @@ class session {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     g_CvLogCtx.level = 0xffffffffu;
     fuzz::input in(data, size);
-    session s(in.byte() & 1);
+    session s(in.byte());
     while (!in.empty()) {
         const uint8_t flags = in.byte();
         const uint16_t length = in.u16le();

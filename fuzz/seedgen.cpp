@@ -42,12 +42,16 @@ struct seed_writer {
     }
     void flush() {
         if (segments == 0) return;
-        const std::string path = dir + "/" + stem + "-" + std::to_string(count++);
-        std::ofstream out(path, std::ios::binary);
-        out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
-        if (!out) {
-            fprintf(stderr, "cannot write %s\n", path.c_str());
-            exit(1);
+        // Each seed once as it is and once with the activity fields on (configuration bit 1).
+        for (const uint8_t config : {uint8_t(0), uint8_t(2)}) {
+            bytes[0] = config;
+            const std::string path = dir + "/" + stem + "-" + std::to_string(count++);
+            std::ofstream out(path, std::ios::binary);
+            out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+            if (!out) {
+                fprintf(stderr, "cannot write %s\n", path.c_str());
+                exit(1);
+            }
         }
         bytes.clear();
         segments = 0;

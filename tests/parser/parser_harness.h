@@ -36,6 +36,7 @@ struct Record {
     ~Record() {
         free(rec.file_name);
         free(rec.tree_name);
+        free(rec.activity);
     }
     Record(const Record &) = delete;
     Record &operator=(const Record &) = delete;

@@ -12,6 +12,9 @@ typedef struct messagetable2 messagetable2;
 typedef struct treetable treetable;
 typedef struct filetable filetable;
 typedef struct datatable datatable;
+typedef struct activitytable activitytable;
+typedef struct conntable conntable;
+typedef struct smb_activity smb_activity;
 
 #define SMB_NAME_SIZE 128
 
@@ -81,11 +84,14 @@ typedef struct smb_flow_data {
     uint32_t commands[2];
     uint64_t message_id;
     uint8_t op;
+    uint8_t file_type;
     uint32_t tree_id;
     char *tree_name;  // 128 bytes of UTF-16LE, owned, or null
     char *file_name;  // 128 bytes of UTF-16LE, owned, or null
-    uint8_t file_type;
     uint64_t file_id;
+    // Counters of the opt-in activity fields, owned, or null while nothing was counted (always
+    // null with activity=0, so that the record keeps its size and work).
+    smb_activity *activity;
 } smb_flow_data;
 
 typedef struct smb_plugin_ctx {
@@ -104,6 +110,13 @@ typedef struct smb_plugin_ctx {
     // Opt-in: a successful CREATE response with an 88-byte body (no create contexts, no
     // buffer byte) is read as if it had the 89 bytes its StructureSize names.
     uint32_t short_create;
+    // Opt-in activity fields (smb_activity.h): the per-queue table of pending requests and
+    // the shared table of connection facts.
+    uint32_t activity;
+    uint32_t activitytable_size;
+    uint32_t conntable_size;
+    struct activitytable *activitytable;
+    struct conntable *conntable;
 } smb_plugin_ctx;
 
 // A queue's context has exactly the plug-in context's fields.

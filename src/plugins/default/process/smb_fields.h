@@ -9,6 +9,10 @@
 // with the host, then the defaults of the four numeric fields.
 void smb_register_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx);
 
+// With activity=1: the fourteen activity fields from SMB_DIALECT to SMB_SECURITY after those,
+// and the defaults of their numeric ones.
+void smb_register_activity_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx);
+
 int validity_cmd_request(void *unused, host_flow_record *flow, host_slot *slot);
 int validity_cmd_response(void *unused, host_flow_record *flow, host_slot *slot);
 int validity_tree(void *unused, host_flow_record *flow, host_slot *slot);

@@ -28,6 +28,7 @@ bool parse_in_place(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload, 
         *slot = rec;
         return true;
     }
+    smb_park_activity(pkt, rec, q);
     host_slot discarded = rec;
     smb_record_free(&discarded);
     return false;
@@ -45,8 +46,10 @@ bool parse_on_stack(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload, 
         memcpy(rec, &local, sizeof local);
         *slot = rec;
     } else {
+        smb_park_activity(pkt, &local, q);
         free(local.file_name);
         free(local.tree_name);
+        free(local.activity);
     }
     return keep;
 }

@@ -2,6 +2,7 @@
 // there, handing the host deep copies, and freeing records that the host drops. None of them
 // takes a lock: the records in a queue's slots belong to that queue.
 #include "smb.h"
+#include "smb_activity.h"
 
 namespace {
 
@@ -28,8 +29,10 @@ void *attach_or_give_up(smb_queue_ctx *q, host_flow_record *flow, host_slot *pkt
 
 // Only the command bits (and a delete learned from SET_INFO) of later packets reach the flow's
 // record; identifiers, names and the operation code stay those of the flow's first record.
-void merge(smb_flow_data *flow_rec, const smb_flow_data *pkt_rec, bool first_direction,
+// The packet's activity counters (activity=1 only) are added whatever the version.
+void merge(smb_flow_data *flow_rec, smb_flow_data *pkt_rec, bool first_direction,
            const host_flow_record *flow) {
+    smb_activity_take(flow_rec, pkt_rec);
     if (pkt_rec->version == SMB_VERSION_1) {
         // SMB1 carries one command per message: the first answer from the other side is the
         // flow's response command, as long as the flow has not counted that side yet.
@@ -51,7 +54,7 @@ void *process_smb_update(void *queue_ctx, host_packet *pkt, host_flow_record *fl
     if (!flow_rec)
         return attach_or_give_up(static_cast<smb_queue_ctx *>(queue_ctx), flow, pkt_slot,
                                  flow_slot);
-    if (const smb_flow_data *pkt_rec = record_of(pkt_slot))
+    if (smb_flow_data *pkt_rec = record_of(pkt_slot))
         merge(flow_rec, pkt_rec, pkt->dst_port == flow->dst_port, flow);
     return flow_rec;
 }

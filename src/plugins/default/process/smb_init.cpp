@@ -9,6 +9,7 @@
 #include "cv_log.h"
 #include "smb.h"
 #include "smb_fields.h"
+#include "smb_activity_table.h"
 #include "smb_data_table.h"
 #include "smb_file_table.h"
 #include "smb_tree_table.h"
@@ -44,6 +45,37 @@ void set_defaults(smb_plugin_ctx *ctx) {
     ctx->messagetable_size = 1024;
     ctx->messagetable2_size = 65536;
     ctx->datatable_size = 1024;
+    ctx->activitytable_size = 65536;
+    ctx->conntable_size = 4096;
+}
+
+// The opt-in activity fields: "activity" (0 or 1) and the sizes of their two tables. They
+// follow "short-create" in the parameter table.
+struct activity_params {
+    uint32_t activity = kUnset;
+    uint32_t activitytable_size = kUnset;
+    uint32_t conntable_size = kUnset;
+};
+
+constexpr size_t kActivityParamCount = 3;
+
+void add_activity_params(config_value_desc *cells, activity_params &p) {
+    cells[0] = {"activity", &p.activity, CV_CONFIG_INT, 0};
+    cells[1] = {"activitytable-size", &p.activitytable_size, CV_CONFIG_INT, 0};
+    cells[2] = {"conntable-size", &p.conntable_size, CV_CONFIG_INT, 0};
+}
+
+int apply_activity_params(smb_plugin_ctx *ctx, const activity_params &p) {
+    if (p.activity != kUnset) {
+        if (p.activity > 1) {
+            CV_LOG(CVLOG_WARN, "Parameter error: activity must be 0 or 1\n");
+            return -1;
+        }
+        ctx->activity = p.activity;
+    }
+    if (p.activitytable_size != kUnset) ctx->activitytable_size = p.activitytable_size;
+    if (p.conntable_size != kUnset) ctx->conntable_size = p.conntable_size;
+    return 0;
 }
 
 int parse_params(smb_plugin_ctx *ctx, const char *params) {
@@ -53,11 +85,13 @@ int parse_params(smb_plugin_ctx *ctx, const char *params) {
 
     // "short-create" comes last, after the six keys of the help text, which it is not part
     // of: it is an opt-in beyond the documented parameters.
-    std::array<config_value_desc, 3 + kSizeParams.size()> table{};
+    activity_params activity;
+    std::array<config_value_desc, 3 + kSizeParams.size() + kActivityParamCount> table{};
     table[0] = {"port", &port, CV_CONFIG_INT, 0};
     for (size_t i = 0; i < kSizeParams.size(); ++i)
         table[1 + i] = {kSizeParams[i].key, &sizes[i], CV_CONFIG_INT, 0};
     table[1 + kSizeParams.size()] = {"short-create", &short_create, CV_CONFIG_INT, 0};
+    add_activity_params(&table[2 + kSizeParams.size()], activity);
     table.back() = {nullptr, nullptr, 0, 0};
 
     if (corvaneexp_config_set_values(params, table.data(), "smb plugin") != 0) {
@@ -75,6 +109,7 @@ int parse_params(smb_plugin_ctx *ctx, const char *params) {
     for (size_t i = 0; i < kSizeParams.size(); ++i)
         if (sizes[i] != kUnset) ctx->*kSizeParams[i].field = sizes[i];
     if (short_create != kUnset) ctx->short_create = short_create != 0;
+    if (apply_activity_params(ctx, activity) != 0) return -1;
     if (port == 0) CV_LOG(CVLOG_INFO, "SMB plugin: Port filtering disabled.");
     return 0;
 }
@@ -98,6 +133,7 @@ void *process_smb_init(uint32_t plugin_id, const char *params, void *host, uint3
     ctx->treetable = treetable_create(static_cast<int32_t>(ctx->treetable_size));
     ctx->filetable = filetable_create(static_cast<int32_t>(ctx->filetable_size));
     ctx->datatable = datatable_create(static_cast<int32_t>(ctx->datatable_size));
+    if (ctx->activity) ctx->conntable = conntable_create(static_cast<int32_t>(ctx->conntable_size));
     return ctx;
 }
 
@@ -106,6 +142,12 @@ void process_smb_shutdown(void *plugin_ctx) {
     treetable_free(ctx->treetable);
     filetable_free(ctx->filetable);
     datatable_free(ctx->datatable);
+    if (ctx->conntable) {
+        if (ctx->conntable->dropped)
+            CV_LOG(CVLOG_NOTICE, "SMB plugin: %llu connections dropped from the connection table",
+                   static_cast<unsigned long long>(ctx->conntable->dropped));
+        conntable_free(ctx->conntable);
+    }
     free(ctx);
     CV_LOG(CVLOG_INFO, "smb process plugin shutdown");
 }

@@ -15,6 +15,8 @@ enum class Signature { none, smb2, smb1, transform };
 constexpr uint8_t kSignatureTail[3] = {'S', 'M', 'B'};
 constexpr size_t kSignatureOffset = SMB_SESSION_HEADER_SIZE;
 constexpr size_t kSmb1CommandOffset = SMB_SESSION_HEADER_SIZE + 4;
+constexpr size_t kSmb1FlagsOffset = SMB_SESSION_HEADER_SIZE + 9;
+constexpr uint8_t kSmb1FlagsReply = 0x80;  // SMB_FLAGS_REPLY
 constexpr size_t kSmb2NextCommandOffset = SMB_SESSION_HEADER_SIZE + 20;
 constexpr size_t kSmb2FlagsOffset = SMB_SESSION_HEADER_SIZE + 16;
 
@@ -51,6 +53,7 @@ int32_t parse_smb1(const Packet &p) {
     if (p.payload.size() < SMB_SESSION_HEADER_SIZE + SMB1_HEADER_SIZE) return SMB_PARSE_MALFORMED;
     p.rec->version = SMB_VERSION_1;
     p.rec->commands[0] = p.payload.u8(kSmb1CommandOffset);
+    count_smb1(p.pkt, p.rec, p.q, p.payload.u8(kSmb1FlagsOffset) & kSmb1FlagsReply ? 1 : 0);
     uint8_t word[4];
     put_le(word, p.rec->commands[0]);
     p.pkt->flow_hash = corvaneexp_crc64(word, sizeof word, p.pkt->flow_hash);
@@ -61,6 +64,7 @@ int32_t parse_smb1(const Packet &p) {
 int32_t parse_transform(const Packet &p) {
     p.rec->commands[0] |= SMB_CMD_TRANSFORM;
     p.rec->version = SMB_VERSION_2;
+    count_transform(p.rec, p.q);
     return SMB_PARSE_OK;
 }
 

@@ -50,6 +50,11 @@ CV_EXPORT int32_t parse_normal_command(host_packet *pkt, smb_flow_data *rec, smb
 CV_EXPORT int32_t smb_parse_compound_packet(host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                                             const uint8_t *hdr, smb_msg_state *state);
 
+// A packet whose record is dropped may still have counted messages for the activity fields
+// (a response refused after its header was counted): their counters are parked with the
+// connection, for the next record of the connection that is post-processed.
+CV_EXPORT void smb_park_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q);
+
 // Fit a UTF-16LE path or name of `length` bytes into a zero-filled 128-byte buffer: the head
 // keeps the beginning (share paths), the tail keeps the end (file names). Neither splits a
 // surrogate pair, and a cut name always ends with at least two zero bytes.

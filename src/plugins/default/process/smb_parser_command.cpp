@@ -147,6 +147,7 @@ int32_t parse_normal_command(host_packet *pkt, smb_flow_data *rec, smb_queue_ctx
     }
     rec->message_id = msg.message_id();
     const uint16_t command = msg.command();
+    count_activity(pkt, rec, q, msg);
     if (command > SMB2_COMMAND_MAX) return SMB_PARSE_IGNORED;
     rec->commands[0] |= command_bit(command);
 

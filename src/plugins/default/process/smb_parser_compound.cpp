@@ -250,6 +250,7 @@ int32_t parse_related(host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, co
     RelatedChain chain(rec, q, key, state->async != 0);
     const bool complete = walk_later_messages(first, state, [&](const Smb2Message &msg) {
         rec->message_id = msg.message_id();
+        count_activity(pkt, rec, q, msg);
         chain.handle(msg);
     });
     if (!complete) return SMB_PARSE_MALFORMED;
@@ -268,6 +269,7 @@ int32_t parse_unrelated(host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, 
     const Smb2Message first(hdr, held);
     const bool complete = walk_later_messages(first, state, [&](const Smb2Message &msg) {
         UnrelatedMessage later(pkt, q, msg);
+        count_activity(pkt, rec, q, msg);
         state->async = later.async() ? 1 : 0;
         later.handle();
     });

@@ -138,4 +138,11 @@ struct CommandContext {
 int32_t parse_tree_connect(const CommandContext &ctx);
 int32_t parse_create(const CommandContext &ctx);
 
+// Activity counting (nothing with activity=0): one SMB2 message into `rec`, an SMB1 message
+// (`reply` from its Flags), a transform header.
+void count_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                    const Smb2Message &msg);
+void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply);
+void count_transform(smb_flow_data *rec, smb_queue_ctx *q);
+
 }  // namespace smb::parser

@@ -8,6 +8,8 @@
 #include <string.h>
 
 #include "smb.h"
+#include "smb_activity.h"
+#include "smb_activity_table.h"
 #include "smb_file_table.h"
 #include "smb_parser.h"
 #include "smb_tree_table.h"
@@ -97,10 +99,45 @@ void complete_tree(smb_plugin_ctx *ctx, smb_flow_data *rec, client_end client, f
     fold_masks(rec, masks);
 }
 
+// The connection's dialect and security facts go to every SMB2 record of the connection. The
+// client end is the one away from the SMB port (with port filtering off, the one that the
+// first record names).
+void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_data *rec) {
+    client_end client = client_of(flow, rec);
+    if (ctx->port != 0) {
+        if (flow->dst_port == ctx->port)
+            client = {smb_client_addr32(&flow->src_addr, flow->ip_version), flow->src_port};
+        else if (flow->src_port == ctx->port)
+            client = {smb_client_addr32(&flow->dst_addr, flow->ip_version), flow->dst_port};
+    }
+    uint16_t dialect = 0;
+    uint8_t security = 0;
+    smb_activity *parked = nullptr;
+    {
+        smb::SpinGuard guard(ctx->conntable->lock);
+        conn_record *conn = conntable_find(ctx->conntable, client.addr32, client.port);
+        if (!conn) return;
+        dialect = conn->dialect;
+        security = conn->security;
+        parked = conn->parked;
+        conn->parked = nullptr;
+    }
+    if (dialect == 0 && security == 0 && !parked) return;
+    smb_activity *a = smb_activity_of(rec);
+    if (parked) {
+        smb_activity_merge(a, parked);
+        free(parked);
+    }
+    if (dialect) a->dialect = dialect;
+    a->security |= security;
+}
+
 }  // namespace
 
 int process_smb_postprocess(void *plugin_ctx, host_flow_record *flow, host_slot *flow_slot) {
     auto *rec = static_cast<smb_flow_data *>(*flow_slot);
+    if (rec && rec->version == SMB_VERSION_2 && static_cast<smb_plugin_ctx *>(plugin_ctx)->activity)
+        complete_connection(static_cast<smb_plugin_ctx *>(plugin_ctx), flow, rec);
     // Encrypted traffic names nothing; SMB1 keeps no tables.
     if (!rec || rec->version != SMB_VERSION_2 || (rec->commands[0] & SMB_CMD_TRANSFORM)) return 0;
 

@@ -4,6 +4,7 @@
 
 #include "../../../../lib/utils_alloc.h"
 #include "smb.h"
+#include "smb_activity.h"
 
 const uint32_t smb_cmd_invalid = SMB_CMD_INVALID;
 const uint8_t smb_type_invalid = SMB_TYPE_INVALID;
@@ -35,6 +36,7 @@ smb_flow_data *smb_record_copy(const smb_flow_data *src) {
     *rec = *src;
     rec->file_name = copy_name(src->file_name);
     rec->tree_name = copy_name(src->tree_name);
+    rec->activity = smb_activity_copy(src->activity);
     return rec;
 }
 
@@ -43,6 +45,7 @@ void smb_record_free(host_slot *slot) {
     if (!rec) return;
     free(rec->file_name);
     free(rec->tree_name);
+    free(rec->activity);
     free(rec);
     *slot = nullptr;
 }

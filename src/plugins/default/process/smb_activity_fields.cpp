@@ -1,0 +1,195 @@
+// The opt-in activity fields (activity=1): registered after the six fields, in this order.
+// Every field reads the flow record's activity block; a record without one reads as all zero.
+#include <stdio.h>
+#include <string.h>
+
+#include <array>
+
+#include "smb_activity.h"
+#include "smb_fields.h"
+
+namespace {
+
+enum class Text { decimal, dialect, hex32, name };
+
+struct activity_field {
+    const char *name;
+    uint32_t type;
+    uint32_t size;
+    Text text;
+    uint64_t (*value)(const smb_activity &);
+    bool (*present)(const smb_activity &);
+};
+
+// Most fields have a value on every SMB2 record.
+constexpr bool always(const smb_activity &) {
+    return true;
+}
+
+constexpr uint32_t kAllQueues = 0xffffffffu;
+
+constexpr std::array<activity_field, 14> kFields = {{
+    {"SMB_DIALECT", CORVANE_FIELD_NUMBER, 2, Text::dialect,
+     [](const smb_activity &a) -> uint64_t { return a.dialect; },
+     [](const smb_activity &a) { return a.dialect != 0; }},
+    {"SMB_BYTES_READ", CORVANE_FIELD_NUMBER, 8, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.bytes_read; }, always},
+    {"SMB_BYTES_WRITTEN", CORVANE_FIELD_NUMBER, 8, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.bytes_written; }, always},
+    {"SMB_READS", CORVANE_FIELD_NUMBER, 4, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.reads; }, always},
+    {"SMB_WRITES", CORVANE_FIELD_NUMBER, 4, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.writes; }, always},
+    {"SMB_ERRORS", CORVANE_FIELD_NUMBER, 4, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.errors; }, always},
+    {"SMB_LAST_ERROR", CORVANE_FIELD_NUMBER, 4, Text::hex32,
+     [](const smb_activity &a) -> uint64_t { return a.last_error; }, always},
+    {"SMB_RENAMES", CORVANE_FIELD_NUMBER, 4, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.renames; }, always},
+    {"SMB_RENAME_TO", CORVANE_FIELD_STRING, SMB_NAME_SIZE, Text::name, nullptr,
+     [](const smb_activity &a) { return a.has_rename != 0; }},
+    {"SMB_DELETES", CORVANE_FIELD_NUMBER, 4, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.deletes; }, always},
+    {"SMB_LATENCY_COUNT", CORVANE_FIELD_NUMBER, 4, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.latency_count; }, always},
+    {"SMB_LATENCY_SUM_US", CORVANE_FIELD_NUMBER, 8, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.latency_sum_us; }, always},
+    {"SMB_LATENCY_MAX_US", CORVANE_FIELD_NUMBER, 4, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.latency_max_us; }, always},
+    {"SMB_SECURITY", CORVANE_FIELD_NUMBER, 1, Text::decimal,
+     [](const smb_activity &a) -> uint64_t { return a.security; }, always},
+}};
+
+const smb_activity kNothing{};
+const uint64_t kZero = 0;  // the default of every numeric field, as wide as the field
+
+const smb_flow_data *smb2_record(host_slot *slot) {
+    const auto *rec = static_cast<const smb_flow_data *>(*slot);
+    return rec && rec->version == SMB_VERSION_2 ? rec : nullptr;
+}
+
+const smb_activity &activity_of(const smb_flow_data *rec) {
+    return rec->activity ? *rec->activity : kNothing;
+}
+
+// A number as `size` bytes in host order.
+struct number_bytes {
+    uint8_t bytes[8];
+    number_bytes(uint64_t v, uint32_t size) {
+        const uint8_t b8 = static_cast<uint8_t>(v);
+        const uint16_t b16 = static_cast<uint16_t>(v);
+        const uint32_t b32 = static_cast<uint32_t>(v);
+        switch (size) {
+            case 1:
+                memcpy(bytes, &b8, 1);
+                break;
+            case 2:
+                memcpy(bytes, &b16, 2);
+                break;
+            case 4:
+                memcpy(bytes, &b32, 4);
+                break;
+            default:
+                memcpy(bytes, &v, 8);
+                break;
+        }
+    }
+};
+
+// ASCII text as the zero-filled UTF-16LE buffer that the string fill takes.
+void text_to_utf16(const char *text, uint8_t (&out)[SMB_NAME_SIZE]) {
+    memset(out, 0, sizeof out);
+    for (size_t i = 0; text[i] && 2 * i + 1 < SMB_NAME_SIZE - 2; ++i)
+        out[2 * i] = static_cast<uint8_t>(text[i]);
+}
+
+void dialect_text(uint16_t dialect, char (&text)[16]) {
+    switch (dialect) {
+        case 0x0202:
+            snprintf(text, sizeof text, "2.0.2");
+            break;
+        case 0x0210:
+            snprintf(text, sizeof text, "2.1");
+            break;
+        case 0x0300:
+            snprintf(text, sizeof text, "3.0");
+            break;
+        case 0x0302:
+            snprintf(text, sizeof text, "3.0.2");
+            break;
+        case 0x0311:
+            snprintf(text, sizeof text, "3.1.1");
+            break;
+        default:
+            snprintf(text, sizeof text, "0x%04x", dialect);
+            break;
+    }
+}
+
+template <size_t I>
+int validity(void *, host_flow_record *, host_slot *slot) {
+    const smb_flow_data *rec = smb2_record(slot);
+    if (!rec) return 0;
+    return kFields[I].present(activity_of(rec)) ? 1 : 0;
+}
+
+template <size_t I>
+int length(void *, host_flow_record *, host_slot *slot) {
+    return *slot ? static_cast<int>(kFields[I].size) : 0;
+}
+
+template <size_t I>
+void fill(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a, uint32_t b) {
+    const smb_flow_data *rec = smb2_record(slot);
+    if (!rec) return;
+    const activity_field &f = kFields[I];
+    const smb_activity &act = activity_of(rec);
+    if (f.text == Text::name) {
+        record_universal_get_array(output, act.rename_to, SMB_NAME_SIZE, a, 0);
+        return;
+    }
+    const number_bytes n(f.value(act), f.size);
+    record_universal_get_num(output, n.bytes, f.size, a, b);
+}
+
+template <size_t I>
+void fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a, uint32_t b) {
+    const smb_flow_data *rec = smb2_record(slot);
+    if (!rec) return;
+    const activity_field &f = kFields[I];
+    const smb_activity &act = activity_of(rec);
+    if (f.text == Text::name) {
+        record_universal_get_txt_string(output, act.rename_to, SMB_NAME_SIZE, a, 0);
+        return;
+    }
+    const uint64_t value = f.value(act);
+    if (f.text == Text::decimal) {
+        const number_bytes n(value, f.size);
+        record_universal_get_txt_num(output, n.bytes, f.size, a, b);
+        return;
+    }
+    char text[16];
+    if (f.text == Text::dialect)
+        dialect_text(static_cast<uint16_t>(value), text);
+    else
+        snprintf(text, sizeof text, "0x%08x", static_cast<uint32_t>(value));
+    uint8_t buffer[SMB_NAME_SIZE];
+    text_to_utf16(text, buffer);
+    record_universal_get_txt_string(output, buffer, SMB_NAME_SIZE, a, 0);
+}
+
+template <size_t... I>
+void register_all(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx, std::index_sequence<I...>) {
+    const std::array<void *, kFields.size()> handles = {corvane_getter_add(
+        host, plugin_id, kAllQueues, kFields[I].name, kFields[I].type, kFields[I].size, 0, ctx,
+        validity<I>, length<I>, fill<I>, fill_txt<I>, 0)...};
+    for (size_t i = 0; i < kFields.size(); ++i)
+        if (kFields[i].type == CORVANE_FIELD_NUMBER)
+            corvane_getter_set_default(handles[i], &kZero, kFields[i].size);
+}
+
+}  // namespace
+
+void smb_register_activity_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx) {
+    register_all(host, plugin_id, ctx, std::make_index_sequence<kFields.size()>{});
+}

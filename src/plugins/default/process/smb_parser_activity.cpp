@@ -1,0 +1,196 @@
+// Counting of SMB2 messages for the opt-in activity fields. Only the header and the fixed part
+// of a message are read (the rename target name of a SET_INFO request excepted), so a READ or
+// WRITE of any size counts from its first segment.
+#include "smb_activity.h"
+#include "smb_activity_table.h"
+#include "smb_parser_internal.h"
+
+namespace smb::parser {
+
+namespace {
+
+constexpr uint32_t kSmb2FlagsSigned = 0x00000008u;
+constexpr uint32_t kStatusPending = 0x00000103u;
+constexpr uint32_t kStatusMoreProcessingRequired = 0xC0000016u;
+constexpr uint16_t kDialectWildcard = 0x02FF;
+
+// NEGOTIATE response (MS-SMB2 2.2.4).
+constexpr size_t kSecurityModeOffset = 2;
+constexpr size_t kDialectOffset = 4;
+constexpr uint16_t kSigningRequired = 0x0002;
+// SESSION_SETUP response (2.2.6).
+constexpr size_t kSessionFlagsOffset = 2;
+constexpr uint16_t kSessionGuestOrNull = 0x0003;  // SMB2_SESSION_FLAG_IS_GUEST | IS_NULL
+// READ response DataLength (2.2.20) and WRITE response Count (2.2.22).
+constexpr size_t kReadWriteCountOffset = 4;
+constexpr uint32_t kReadWriteMinBody = 8;
+
+// SET_INFO request (2.2.39) and its FILE-class buffers (MS-FSCC 2.4).
+constexpr uint8_t kInfoTypeFile = 1;
+constexpr uint8_t kFileRenameInformation = 10;
+constexpr uint8_t kFileDispositionInformation = 13;
+constexpr uint8_t kFileDispositionInformationEx = 64;
+constexpr uint32_t kFileDispositionDelete = 0x1;
+constexpr size_t kInfoTypeOffset = 2;
+constexpr size_t kInfoClassOffset = 3;
+constexpr size_t kBufferLengthOffset = 4;
+constexpr size_t kBufferOffsetOffset = 8;
+constexpr uint32_t kSetInfoMinBody = 32;
+// FILE_RENAME_INFORMATION_TYPE_2: ReplaceIfExists, Reserved, RootDirectory, FileNameLength.
+constexpr size_t kRenameNameLengthOffset = 16;
+constexpr size_t kRenameNameOffset = 20;
+
+bool is_error(uint32_t status) {
+    return (status >> 30) == 3 && status != kStatusMoreProcessingRequired;
+}
+
+// What a SET_INFO request asks for; `name` receives a rename's target.
+PendingSetInfo read_set_info(const Smb2Message &msg, uint8_t (&name)[SMB_NAME_SIZE]) {
+    PendingSetInfo info;
+    if (msg.body_length() < kSetInfoMinBody) return info;
+    const ByteReader body = msg.body();
+    if (body.u8(kInfoTypeOffset) != kInfoTypeFile) return info;
+    const uint8_t info_class = body.u8(kInfoClassOffset);
+    // BufferOffset counts from the header; the buffer may be cut short by the segment.
+    const uint16_t buffer_offset = body.le16(kBufferOffsetOffset);
+    if (buffer_offset < SMB2_HEADER_SIZE) return info;
+    const ByteReader buffer =
+        body.from(buffer_offset - SMB2_HEADER_SIZE).first(body.le32(kBufferLengthOffset));
+    switch (info_class) {
+        case kFileRenameInformation: {
+            info.kind = SetInfoKind::rename;
+            memset(name, 0, sizeof name);
+            const uint32_t length = buffer.le32(kRenameNameLengthOffset);
+            const auto bytes = buffer.bytes(kRenameNameOffset, length);
+            if (length != 0 && length <= UINT16_MAX && !bytes.empty())
+                smb2_copy_name_tail(bytes.data(), static_cast<uint16_t>(length), name);
+            info.rename_to = name;
+            break;
+        }
+        case kFileDispositionInformation:
+            if (buffer.size() >= 1 && buffer.u8(0) != 0) info.kind = SetInfoKind::remove;
+            break;
+        case kFileDispositionInformationEx:
+            if (buffer.size() >= 4 && (buffer.le32(0) & kFileDispositionDelete))
+                info.kind = SetInfoKind::remove;
+            break;
+        default:
+            break;
+    }
+    return info;
+}
+
+void count_request(const host_packet *pkt, smb_queue_ctx *q, const Smb2Message &msg, ConnKey key) {
+    const uint16_t command = msg.command();
+    if (command == SMB2_CANCEL) return;  // answered by the cancelled request's response
+    uint8_t name[SMB_NAME_SIZE];
+    PendingSetInfo info;
+    if (command == SMB2_SET_INFO) info = read_set_info(msg, name);
+    activitytable_put(q->activitytable, key.addr, key.port, msg.message_id(), pkt->timestamp_ns,
+                      info);
+}
+
+void count_latency(smb_activity *a, uint64_t request_ns, uint64_t response_ns) {
+    const uint64_t us = response_ns > request_ns ? (response_ns - request_ns) / 1000 : 0;
+    ++a->latency_count;
+    a->latency_sum_us += us;
+    const uint32_t clamped = us > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(us);
+    if (clamped > a->latency_max_us) a->latency_max_us = clamped;
+}
+
+void count_success(smb_queue_ctx *q, smb_activity *a, const Smb2Message &msg, ConnKey key,
+                   const TakenRequest &request) {
+    const ByteReader body = msg.body();
+    switch (msg.command()) {
+        case SMB2_NEGOTIATE: {
+            if (msg.body_length() < kDialectOffset + 2) return;
+            uint16_t dialect = body.le16(kDialectOffset);
+            if (dialect == kDialectWildcard) dialect = 0;
+            const uint8_t security =
+                body.le16(kSecurityModeOffset) & kSigningRequired ? SMB_SEC_SIGNING_REQUIRED : 0;
+            if (dialect) a->dialect = dialect;
+            a->security |= security;
+            locked(q->conntable,
+                   [&](conntable *t) { conntable_note(t, key.addr, key.port, dialect, security); });
+            return;
+        }
+        case SMB2_SESSION_SETUP:
+            if (msg.body_length() >= kSessionFlagsOffset + 2 &&
+                (body.le16(kSessionFlagsOffset) & kSessionGuestOrNull))
+                a->security |= SMB_SEC_GUEST_OR_NULL;
+            return;
+        case SMB2_READ:
+            if (msg.body_length() < kReadWriteMinBody) return;
+            ++a->reads;
+            a->bytes_read += body.le32(kReadWriteCountOffset);
+            return;
+        case SMB2_WRITE:
+            if (msg.body_length() < kReadWriteMinBody) return;
+            ++a->writes;
+            a->bytes_written += body.le32(kReadWriteCountOffset);
+            return;
+        case SMB2_SET_INFO:
+            if (request.kind == SetInfoKind::remove) {
+                ++a->deletes;
+            } else if (request.kind == SetInfoKind::rename) {
+                ++a->renames;
+                a->has_rename = 1;
+                memcpy(a->rename_to, request.rename_to, sizeof a->rename_to);
+            }
+            return;
+        default:
+            return;
+    }
+}
+
+void count_response(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                    const Smb2Message &msg, ConnKey key) {
+    const uint32_t status = msg.status();
+    // An interim response only says that the final one will follow.
+    if (msg.is_async() && status == kStatusPending) return;
+    smb_activity *a = smb_activity_of(rec);
+    if (msg.flags() & kSmb2FlagsSigned) a->security |= SMB_SEC_SIGNED;
+    TakenRequest request;
+    activitytable_take(q->activitytable, key.addr, key.port, msg.message_id(), request);
+    if (request.found) count_latency(a, request.request_ns, pkt->timestamp_ns);
+    if (is_error(status)) {
+        ++a->errors;
+        a->last_error = status;
+    }
+    if (status == 0) count_success(q, a, msg, key, request);
+}
+
+}  // namespace
+
+void count_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                    const Smb2Message &msg) {
+    if (!q->activity) return;
+    const ConnKey key = connection_key(pkt, msg.is_response());
+    if (msg.is_response()) {
+        count_response(pkt, rec, q, msg, key);
+        return;
+    }
+    if (msg.flags() & kSmb2FlagsSigned) smb_activity_of(rec)->security |= SMB_SEC_SIGNED;
+    count_request(pkt, q, msg, key);
+}
+
+void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply) {
+    if (!q->activity) return;
+    const ConnKey key = connection_key(pkt, reply);
+    smb_activity_of(rec)->security |= SMB_SEC_SMB1;
+    locked(q->conntable,
+           [&](conntable *t) { conntable_note(t, key.addr, key.port, 0, SMB_SEC_SMB1); });
+}
+
+void count_transform(smb_flow_data *rec, smb_queue_ctx *q) {
+    if (q->activity) smb_activity_of(rec)->security |= SMB_SEC_ENCRYPTED;
+}
+
+}  // namespace smb::parser
+
+void smb_park_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q) {
+    if (!rec->activity || !q->conntable || rec->is_response > 1) return;
+    const smb::parser::ConnKey key = smb::parser::connection_key(pkt, rec->is_response);
+    smb::parser::locked(
+        q->conntable, [&](conntable *t) { conntable_park(t, key.addr, key.port, *rec->activity); });
+}
