@@ -11,16 +11,52 @@ uint64_t FieldValue::number() const {
     return v;
 }
 
+namespace {
+
+constexpr uint8_t kBinaryForm = 1, kTextForm = 2;
+
+uint8_t forms_of(const FieldDef &field, FillForms forms,
+                 const std::vector<std::string> &host_rendered) {
+    if (forms == FillForms::Both) return kBinaryForm | kTextForm;
+    switch (field.type) {
+        case CORVANE_FIELD_STRING:
+            return kTextForm;
+        case CORVANE_FIELD_NUMBER:
+            for (const std::string &name : host_rendered)
+                if (name == field.name) return kBinaryForm;
+            return kBinaryForm | kTextForm;
+        default:
+            return kBinaryForm | kTextForm;
+    }
+}
+
+}  // namespace
+
+void append_hex_octets(std::string &out, const uint8_t *bytes, size_t size) {
+    static const char hex[] = "0123456789abcdef";
+    for (size_t i = 0; i < size; ++i) {
+        out += hex[bytes[i] >> 4];
+        out += hex[bytes[i] & 15];
+    }
+}
+
 std::string default_text(const FieldDef &field) {
     const auto &v = field.default_value;
     if (field.type == CORVANE_FIELD_STRING) return utf16le_to_utf8(v.data(), v.size());
+    if (field.type == CORVANE_FIELD_OCTETS) {
+        std::string out;
+        append_hex_octets(out, v.data(), v.size());
+        return out;
+    }
     return number_text(v.data(), static_cast<uint32_t>(v.size()));
 }
 
-Exporter::Exporter(const Host &host, FillForms forms)
-    : host_(host), forms_(forms), fields_(host.fields()) {
-    for (const FieldDef *f : fields_)
+Exporter::Exporter(const Host &host, FillForms forms, const std::vector<std::string> &host_rendered)
+    : host_(host), fields_(host.fields()) {
+    for (const FieldDef *f : fields_) {
         default_texts_.push_back(f->has_default ? default_text(*f) : std::string());
+        forms_.push_back(forms_of(*f, forms, host_rendered));
+    }
 }
 
 void Exporter::evaluate(const FieldDef &field, uint32_t position, host_flow_record &rec,
@@ -33,11 +69,10 @@ void Exporter::evaluate(const FieldDef &field, uint32_t position, host_flow_reco
         if (field.length) field.length(field.ctx, &rec, slot);
         binary_.clear();
         text_.clear();
-        const bool both = forms_ == FillForms::Both;
-        const bool is_string = field.type == CORVANE_FIELD_STRING;
-        if (field.fill && (both || !is_string))
+        const uint8_t forms = forms_[position];
+        if (field.fill && (forms & kBinaryForm))
             field.fill(field.ctx, &rec, slot, &binary_, position, kByteOrderHost);
-        if (field.fill_txt && (both || is_string))
+        if (field.fill_txt && (forms & kTextForm))
             field.fill_txt(field.ctx, &rec, slot, &text_, position, kByteOrderHost);
         // A valid field whose fill writes nothing has no value for this flow, and its
         // default does not stand in for it either.

@@ -38,12 +38,17 @@ struct ExportedFlow {
 enum class FillForms : uint8_t {
     Both,      // binary and text, for every field
     Readable,  // what a reader of numbers and names needs: the binary form of a number field,
-               // the text form of a string field
+               // the text form of a string field, both of an octets field; number fields the
+               // program does not render itself are asked for their text as well (their
+               // presentation is the plug-in's)
 };
 
 class Exporter {
   public:
-    explicit Exporter(const Host &host, FillForms forms = FillForms::Both);
+    // `host_rendered`: names of number fields whose text the program makes itself from the
+    // binary form (with FillForms::Readable their text fill is not called).
+    explicit Exporter(const Host &host, FillForms forms = FillForms::Both,
+                      const std::vector<std::string> &host_rendered = {});
 
     // Post-processes and exports one flow record, then frees the records in its slots.
     ExportedFlow run(FlowHandoff &flow);
@@ -67,13 +72,16 @@ class Exporter {
                   FieldValue &value);
 
     const Host &host_;
-    FillForms forms_;
     std::vector<const FieldDef *> fields_;
+    std::vector<uint8_t> forms_;              // by position: kBinaryForm, kTextForm
     std::vector<std::string> default_texts_;  // by position
     FieldOutput binary_, text_;               // what the fill callbacks write, reused
 };
 
 // Text of a field's default value, as the text writers would render it.
 std::string default_text(const FieldDef &field);
+
+// Lower-case hex digits of a value (the text of an octets field without a text fill).
+void append_hex_octets(std::string &out, const uint8_t *bytes, size_t size);
 
 }  // namespace corvane_host

@@ -18,7 +18,7 @@ inline constexpr size_t kMaxPlugins = 4;
 struct FieldDef {
     size_t plugin_index = 0;
     std::string name;
-    uint32_t type = 0;  // CORVANE_FIELD_NUMBER or CORVANE_FIELD_STRING
+    uint32_t type = 0;  // CORVANE_FIELD_NUMBER, CORVANE_FIELD_STRING or CORVANE_FIELD_OCTETS
     uint32_t size = 0;  // byte size of the value
     void *ctx = nullptr;
     corvane_validity_fn validity = nullptr;

@@ -9,6 +9,7 @@ of smbflow's CSV output for every committed capture.
 import collections
 import csv
 import glob
+import json
 import os
 import re
 import signal
@@ -80,6 +81,54 @@ def ipfixdump_names(capture, rows, work):
           names == [r["smb_file_name"] for r in smb_rows],
           f"ipfixDump --rfc5610 names the SMB elements: {os.path.basename(capture)} "
           f"({len(trees)} records)")
+
+
+DIALECTS = {"2.0.2": 0x0202, "2.1": 0x0210, "3.0": 0x0300, "3.0.2": 0x0302, "3.1.1": 0x0311}
+
+
+def activity_elements():
+    """The elements beyond the six in the shipped element file: (id, name, JSON column)."""
+    ns = {"i": "http://www.iana.org/assignments"}
+    tree = ET.parse(os.path.join(ROOT, "host/smbflow/smb-elements.xml"))
+    out = []
+    for rec in tree.getroot().iter("{http://www.iana.org/assignments}record"):
+        eid = int(rec.find("i:elementId", ns).text)
+        name = rec.find("i:name", ns).text
+        if eid > 6:
+            out.append((eid, name, re.sub(r"([A-Z])", r"_\1", name).lower()))
+    return out
+
+
+def as_ipfix_text(column, value):
+    """A JSON value of an activity column as ipfixDump prints the element (absent: zero or
+    empty, as a record that cannot leave an element out)."""
+    if value is None:
+        return "0" if column != "smb_rename_to" else ""
+    if column == "smb_dialect" and isinstance(value, str):
+        return str(DIALECTS.get(value) or int(value, 16))
+    if isinstance(value, str) and value.startswith("0x"):
+        return str(int(value, 16))
+    return str(value)
+
+
+def ipfixdump_activity(capture, work):
+    """With activity=1 the activity elements carry the JSON output's values, record by
+    record."""
+    out, js = os.path.join(work, "activity.ipfix"), os.path.join(work, "activity.json")
+    smbflow(capture, "--params", "activity=1", "-F", "json", "-o", js, "--ipfix", "file:" + out)
+    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "-i", out], check=True,
+                          capture_output=True, text=True).stdout
+    with open(js) as f:
+        rows = [json.loads(line) for line in f]
+    elements = activity_elements()
+    smb_rows = [r for r in rows if any(r.get(col) is not None for _, _, col in elements)]
+    same = bool(elements)
+    for eid, name, col in elements:
+        got = re.findall(rf"^\s+\(32473/{eid}\)\s+{name} : (?:\(len: \d+\) ?)?(.*)$", dump,
+                         re.M)
+        same = same and got == [as_ipfix_text(col, r.get(col)) for r in smb_rows]
+    check(same, f"ipfixDump --rfc5610 shows the activity elements of the JSON output: "
+                f"{os.path.basename(capture)} ({len(smb_rows)} records, {len(elements)} elements)")
 
 
 def udp_datagrams(run):
@@ -165,6 +214,7 @@ def main():
         rows = {c: csv_rows(c, work) for c in CAPTURES}
         for c in CAPTURES:
             ipfixdump_names(c, rows[c], work)
+            ipfixdump_activity(c, work)
 
         grams = []
         for c in CAPTURES:

@@ -1,10 +1,15 @@
 #include "flow_format.h"
 
 #include <arpa/inet.h>
+
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <ctime>
 
 #include <fmt/format.h>
+
+#include "utf16.h"
 
 namespace smbflow {
 
@@ -106,6 +111,47 @@ const std::vector<Column> &columns() {
         {"smb_op_code", false, true},
     };
     return cols;
+}
+
+const std::vector<std::string> &host_rendered_fields() {
+    static const std::vector<std::string> names(std::begin(kFieldNames), std::end(kFieldNames));
+    return names;
+}
+
+Column plugin_column(const FieldDef &field) {
+    Column c{field.name, false, false};
+    for (char &ch : c.name)
+        ch = static_cast<char>(tolower(static_cast<unsigned char>(ch)));
+    c.number_text = field.type == CORVANE_FIELD_NUMBER;
+    return c;
+}
+
+std::vector<Column> output_columns(const std::vector<const FieldDef *> &fields) {
+    std::vector<Column> cols = columns();
+    FlowFormatter formatter(fields);
+    for (const auto &e : formatter.extras())
+        cols.push_back(plugin_column(*e.def));
+    return cols;
+}
+
+void append_field_text(std::string &out, const FieldDef &def, const FieldValue &value) {
+    // A default, or a value from a fill that writes no text: the binary form speaks.
+    if (value.kind == FieldValue::Kind::Value && def.fill_txt) {
+        out += value.text;
+        return;
+    }
+    if (value.kind == FieldValue::Kind::Default) {
+        out += value.text;
+        return;
+    }
+    if (def.type == CORVANE_FIELD_STRING) {
+        append_utf16le_as_utf8(out, value.binary.data(), value.binary.size());
+        return;
+    }
+    if (def.type == CORVANE_FIELD_NUMBER && !value.binary.empty() && value.binary.size() <= 8)
+        append_uint(out, value.number());
+    else
+        append_hex_octets(out, value.binary.data(), value.binary.size());
 }
 
 // Records come in time order, so the calendar part of a timestamp rarely changes from one to
@@ -237,6 +283,19 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         for (size_t i = 0; i < fields.size(); ++i)
             if (fields[i]->name == kFieldNames[k]) index_[k] = static_cast<int>(i);
     }
+    for (size_t i = 0; i < fields.size(); ++i)
+        if (std::find(std::begin(index_), std::end(index_), static_cast<int>(i)) ==
+            std::end(index_))
+            extras_.push_back({static_cast<uint32_t>(i), fields[i]});
+}
+
+const FieldValue *FlowFormatter::extra_value(const ExportedFlow &flow, const Extra &extra) {
+    if (extra.position >= flow.fields.size()) return nullptr;
+    const FieldValue &v = flow.fields[extra.position];
+    const bool had_record = (flow.plugin_records >> extra.def->plugin_index) & 1;
+    if (v.kind == FieldValue::Kind::Value || (v.kind == FieldValue::Kind::Default && had_record))
+        return &v;
+    return nullptr;
 }
 
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
@@ -266,7 +325,7 @@ Row FlowFormatter::render(const ExportedFlow &flow) const {
 void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
     const host_flow_record &r = flow.rec;
     const bool tcp = r.protocol == 6;
-    row.resize(columns().size());
+    row.resize(columns().size() + extras_.size());
     Cell *c = row.data();
     auto num = [&](uint64_t v) { append_uint(value_of(*c++), v); };
 
@@ -326,6 +385,13 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
     } else {
         set_null(*c++);
         set_null(*c++);
+    }
+    for (const Extra &e : extras_) {
+        if (const FieldValue *v = extra_value(flow, e))
+            append_field_text(value_of(*c), *e.def, *v);
+        else
+            set_null(*c);
+        ++c;
     }
 }
 

@@ -1,6 +1,7 @@
 // The columns of smbflow's output and how each flow record is rendered into them: times,
 // addresses, counters, and the SMB plug-in's six fields in readable form (command masks in
-// hex and as command names, names as UTF-8, file type and operation as words and codes).
+// hex and as command names, names as UTF-8, file type and operation as words and codes), and
+// every other field a plug-in registers as a column of its own with the field's text.
 #pragma once
 
 #include <cstdint>
@@ -13,12 +14,15 @@
 namespace smbflow {
 
 struct Column {
-    const char *name;
+    std::string name;
     bool number;  // a JSON number and right-aligned in the table
     // Made here from digits, letters and punctuation that no output quotes or escapes; the
     // others (names seen on the wire, words joined by commas) are looked at character by
     // character.
     bool verbatim;
+    // A plug-in's number field: a JSON number when its text is a decimal number, else a
+    // string (the text is the plug-in's: a status in hex, a version); right-aligned.
+    bool number_text = false;
 };
 
 // A rendered value; null for a value the record does not have.
@@ -29,7 +33,18 @@ struct Cell {
 
 using Row = std::vector<Cell>;
 
+// smbflow's own columns (flow columns and the SMB plug-in's six fields).
 const std::vector<Column> &columns();
+
+// The names of the number fields that smbflow renders itself from their binary form.
+const std::vector<std::string> &host_rendered_fields();
+
+// The column of a plug-in field that smbflow does not present itself: the field's name in
+// lower case.
+Column plugin_column(const corvane_host::FieldDef &field);
+
+// Every column of a run: columns(), then one per other field of `fields`, in their order.
+std::vector<Column> output_columns(const std::vector<const corvane_host::FieldDef *> &fields);
 
 // The SMB plug-in's fields of one flow record; null for a field without a value.
 struct SmbValues {
@@ -50,11 +65,28 @@ class FlowFormatter {
     // Timestamps with nine fractional digits instead of six (the capture has them).
     void set_nanoseconds(bool on) { nano_ = on; }
 
+    // The fields behind the columns after columns(), in column order.
+    struct Extra {
+        uint32_t position;  // in the host's field list
+        const corvane_host::FieldDef *def;
+    };
+    const std::vector<Extra> &extras() const { return extras_; }
+    // Whether the flow has a value for an extra field to show: its own, or the field's
+    // default when the field's plug-in had a record of the flow.
+    static const corvane_host::FieldValue *extra_value(const corvane_host::ExportedFlow &flow,
+                                                       const Extra &extra);
+
   private:
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
+    std::vector<Extra> extras_;
     bool nano_ = false;
 };
+
+// The text of an extra field's value: what its text fill wrote, or when it has none the
+// binary value in decimal (numbers) or hex (octets).
+void append_field_text(std::string &out, const corvane_host::FieldDef &def,
+                       const corvane_host::FieldValue &value);
 
 // Pieces, exposed for tests. The append_ forms add to `out`.
 void append_time(std::string &out, uint64_t ns, bool nanoseconds = false);

@@ -87,11 +87,16 @@ void route_library_messages() {
 }  // namespace
 
 void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &formatter,
-              IpfixFlow &out) {
+              IpfixFlow &out, const ipfix::ExtraLayout &extras) {
     out.rec = flow.rec;
     out.reason = flow.reason;
     SmbValues smb;
     out.smb = formatter.smb_values(flow, smb);
+    if (!extras.empty()) {
+        pack_extras(flow, extras, out.extras, out.extras_text);
+        for (const auto &e : extras.elements)
+            out.smb = out.smb || FlowFormatter::extra_value(flow, e.field);
+    }
     // Absent values travel as the fields' invalid markers: the template has no way to leave
     // out one element of a record.
     out.cmd_request = smb.cmd_request ? static_cast<uint32_t>(smb.cmd_request->number()) : 0xff;
@@ -115,7 +120,7 @@ IpfixDestination::IpfixDestination(IpfixUrl url, IpfixSettings settings,
     : url_(std::move(url)), settings_(settings), warn_(std::move(warn)), clock_(std::move(clock)) {
     if (!clock_) clock_ = [] { return steady_clock::now(); };
     retry_s_ = settings_.first_retry_s;
-    model_ = make_model(settings_.pen);
+    model_ = make_model(settings_.pen, settings_.extras);
     route_library_messages();
     thread_ = std::thread([this] { run(); });
 }
@@ -188,15 +193,15 @@ bool IpfixDestination::connect_session() {
     // External templates belong to the domain that is current when they are added.
     fbSessionSetDomain(s->session, settings_.observation_domain);
     fbTemplate_t *internal = fbTemplateAlloc(model);
-    bool ok = fbTemplateAppendSpecArray(internal, const_cast<fbInfoElementSpec_t *>(record_spec()),
-                                        UINT32_MAX, &err) &&
+    auto internal_elements = internal_spec(settings_.extras);
+    bool ok = fbTemplateAppendSpecArray(internal, internal_elements.data(), UINT32_MAX, &err) &&
               fbSessionAddTemplate(s->session, TRUE, kInternalTid, internal, &err);
     for (uint32_t variant : kTemplateVariants) {
         if (!ok) break;
         if (bool(variant & kReverse) == settings_.uniflow) continue;
         fbTemplate_t *t = fbTemplateAlloc(model);
-        ok = fbTemplateAppendSpecArray(t, const_cast<fbInfoElementSpec_t *>(record_spec()), variant,
-                                       &err) &&
+        auto elements = external_spec(settings_.extras, variant);
+        ok = fbTemplateAppendSpecArray(t, elements.data(), UINT32_MAX, &err) &&
              fbSessionAddTemplate(s->session, FALSE, template_id(variant), t, &err);
     }
     ok = ok && fbSessionSetMetadataExportElements(s->session, TRUE, FB_TID_AUTO, &err) != 0;
@@ -332,12 +337,15 @@ bool IpfixDestination::send_batch(std::vector<IpfixFlow> &batch) {
             if (!settings_.uniflow) flags |= kReverse;
             FlowRecord r;
             fill(r, f, side == 1);
+            size_t size = 0;
+            const uint8_t *record = record_with_extras(&r, sizeof r, settings_.extras, f.extras,
+                                                       f.extras_text, record_buf_, size);
             GError *err = nullptr;
             // A full message ends in FB_ERROR_EOM: it goes out and the record starts the next
             // one. libfixbuf also answers the first record after templates so, once.
             for (int attempt = 0;; ++attempt) {
                 if (fBufSetExportTemplate(session_->buf, template_id(flags), &err) &&
-                    fBufAppend(session_->buf, reinterpret_cast<uint8_t *>(&r), sizeof r, &err)) {
+                    fBufAppend(session_->buf, const_cast<uint8_t *>(record), size, &err)) {
                     ++records_in_message_;
                     break;
                 }

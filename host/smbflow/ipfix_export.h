@@ -21,6 +21,7 @@
 
 #include "exporter.h"
 #include "flow_format.h"
+#include "ipfix_extra.h"
 #include "ipfix_url.h"
 
 namespace smbflow {
@@ -34,6 +35,7 @@ struct IpfixSettings {
     size_t held_records = 100000;     // waiting for a TCP collector that is away
     double first_retry_s = 0.25;      // reconnect backoff: doubles up to max_retry_s
     double max_retry_s = 30;
+    ipfix::ExtraLayout extras;  // the plug-in's fields beyond the six, if it registered any
 };
 
 struct IpfixCounters {
@@ -52,11 +54,15 @@ struct IpfixFlow {
     uint32_t cmd_request = 0, cmd_response = 0;
     uint8_t file_type = 0, op = 0;
     std::string tree, file_name;
+    std::vector<uint8_t> extras;  // ipfix::pack_extras; empty without extra elements
+    std::string extras_text;
 };
 
-// The IPFIX form of an exported flow record (the SMB values as the text writers show them).
+// The IPFIX form of an exported flow record (the SMB values as the text writers show them,
+// the extra elements of `extras`). A flow with a value of an extra element goes with the SMB
+// template even without SMB values.
 void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &formatter,
-              IpfixFlow &out);
+              IpfixFlow &out, const ipfix::ExtraLayout &extras = {});
 
 // Checks what can be checked before a run: the file can be created, the host name resolves.
 // A message when it cannot.
@@ -115,6 +121,7 @@ class IpfixDestination {
     // The sender thread's own.
     std::unique_ptr<Session> session_;
     std::vector<IpfixFlow> in_message_;  // appended since the last message went out
+    std::vector<uint8_t> record_buf_;    // a record with extra elements, as appended
     size_t records_in_message_ = 0;      // data records in it (two a flow with --ipfix-uniflow)
     std::chrono::steady_clock::time_point next_retry_{}, last_templates_{};
     double retry_s_ = 0;

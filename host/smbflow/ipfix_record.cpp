@@ -55,8 +55,36 @@ const fbInfoElementSpec_t *record_spec() {
     return kSpec;
 }
 
-fbInfoModel_t *make_model(uint32_t pen) {
+namespace {
+
+// The entries of record_spec() and then of `extra` that a template with `flags` carries (as
+// libfixbuf picks them), and the end marker.
+std::vector<fbInfoElementSpec_t> joined(uint32_t flags,
+                                        const std::vector<fbInfoElementSpec_t> &extra) {
+    std::vector<fbInfoElementSpec_t> spec;
+    auto take = [&](const fbInfoElementSpec_t *s) {
+        for (; s->name; ++s)
+            if ((s->flags & flags) == s->flags) spec.push_back(*s);
+    };
+    take(kSpec);
+    take(extra.data());
+    spec.push_back(FB_IESPEC_NULL);
+    return spec;
+}
+
+}  // namespace
+
+std::vector<fbInfoElementSpec_t> internal_spec(const ExtraLayout &extras) {
+    return joined(UINT32_MAX, internal_extra_spec(extras, 0));
+}
+
+std::vector<fbInfoElementSpec_t> external_spec(const ExtraLayout &extras, uint32_t variant) {
+    return joined(variant, external_extra_spec(extras, kSmb));
+}
+
+fbInfoModel_t *make_model(uint32_t pen, const ExtraLayout &extras) {
     fbInfoModel_t *model = fbInfoModelAlloc();
+    add_extra_elements(model, pen, extras);
     for (const SmbElement &e : kSmbElements) {
         const fbInfoElement_t ie =
             FB_IE_INIT_FULL(e.name, pen, e.id, e.length, e.semantics | FB_IE_F_ENDIAN, 0, 0,

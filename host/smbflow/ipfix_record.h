@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "exporter.h"
+#include "ipfix_extra.h"
 
 namespace smbflow::ipfix {
 
@@ -100,8 +101,15 @@ inline constexpr uint32_t kTemplateVariants[] = {
 // templates carry it (0: all).
 const fbInfoElementSpec_t *record_spec();
 
-// An information model with the standard elements and the six SMB elements under `pen`.
-fbInfoModel_t *make_model(uint32_t pen);
+// An information model with the standard elements and the six SMB elements under `pen`, and
+// the plug-in's further fields when it registered them.
+fbInfoModel_t *make_model(uint32_t pen, const ExtraLayout &extras = {});
+
+// The internal template's specification: record_spec() followed by the extras in layout
+// order; an external template's: record_spec() for `variant`, then (with kSmb) the extras in
+// registration order. Names point into record_spec() and `extras`.
+std::vector<fbInfoElementSpec_t> internal_spec(const ExtraLayout &extras);
+std::vector<fbInfoElementSpec_t> external_spec(const ExtraLayout &extras, uint32_t variant);
 
 // RFC 5102 flowEndReason for the host's export reasons: idle timeout, active timeout, and the
 // end of input (a forced end).

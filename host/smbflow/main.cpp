@@ -131,10 +131,12 @@ int run(const Options &opts) {
         field_names.push_back(opts.fields.substr(at, comma - at));
         at = comma + 1;
     }
-    auto pick = pick_columns(field_names);
+    // The plug-in's fields beyond those smbflow presents itself follow as columns of their own.
+    const std::vector<Column> cols = output_columns(host.fields());
+    auto pick = pick_columns(field_names, cols);
     if (auto *unknown = std::get_if<std::string>(&pick)) {
         std::string names;
-        for (const Column &c : columns())
+        for (const Column &c : cols)
             names += (names.empty() ? "" : ",") + std::string(c.name);
         error(fmt::format("--fields: no column '{}' (columns: {})", *unknown, names));
         return kExitUsage;
@@ -155,6 +157,7 @@ int run(const Options &opts) {
         settings.observation_domain = opts.observation_domain;
         settings.template_refresh_s = opts.template_refresh_s;
         settings.uniflow = opts.ipfix_uniflow;
+        settings.extras = ipfix::extra_layout(FlowFormatter(host.fields()).extras());
         exports.push_back(
             std::make_unique<IpfixDestination>(std::get<IpfixUrl>(url), settings, error));
     }
@@ -174,7 +177,7 @@ int run(const Options &opts) {
         }
     }
     auto writer = text_output ? make_writer(default_format(opts, out), out, capture.is_live(),
-                                            std::get<ColumnPick>(pick))
+                                            std::get<ColumnPick>(pick), cols)
                               : nullptr;
     corvane_host::QueueConfig config;
     config.active_timeout_ns = static_cast<uint64_t>(opts.active_timeout_s * 1e9);
@@ -191,6 +194,7 @@ int run(const Options &opts) {
         formatter.set_nanoseconds(nano);
         Row row;              // reused by the export thread
         IpfixFlow ipfix_row;  // likewise
+        const ipfix::ExtraLayout extras = ipfix::extra_layout(formatter.extras());
         const PayloadNeed need =
             PayloadNeed::for_run(opts.no_plugin, host.plugin_count(),
                                  host.plugin_count() ? host.plugin(0).desc->name : "", opts.params);
@@ -202,7 +206,7 @@ int run(const Options &opts) {
                     writer->write(row);
                 }
                 if (!exports.empty()) {
-                    to_ipfix(flow, formatter, ipfix_row);
+                    to_ipfix(flow, formatter, ipfix_row, extras);
                     for (auto &e : exports)
                         e->write(IpfixFlow(ipfix_row));
                 }

@@ -90,6 +90,8 @@ constexpr const char *kFooter = R"(Output columns:
   smb_file_name         SMB_FILE_NAME as UTF-8
   smb_file_type         SMB_FILE_TYPE as a word, and smb_file_type_code
   smb_op                SMB_OP as words, and smb_op_code in hex
+  (further fields)      any other field the plug-in registers (--params activity=1),
+                        named in lower case (smb_bytes_read), with the plug-in's text
 A value a flow does not have is '-' in the table, empty in CSV, null in JSON.
 
 Flow records end after --inactive-timeout seconds without packets or --active-timeout

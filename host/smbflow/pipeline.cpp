@@ -1,5 +1,7 @@
 #include "pipeline.h"
 
+#include "flow_format.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -60,7 +62,8 @@ struct Pipeline::ExportMsg {
 };
 
 struct Pipeline::Worker {
-    explicit Worker(const Host &host) : exporter(host, FillForms::Readable) {}
+    explicit Worker(const Host &host)
+        : exporter(host, FillForms::Readable, host_rendered_fields()) {}
     std::unique_ptr<Queue> queue;
     Channel<std::unique_ptr<Batch>> in{kBatchesInFlight};
     std::unique_ptr<Batch> filling;
@@ -198,7 +201,7 @@ void Pipeline::export_one(const ExportedFlow &flow) {
 }
 
 void Pipeline::exporter_main() {
-    Exporter exporter(host_, FillForms::Readable);
+    Exporter exporter(host_, FillForms::Readable, host_rendered_fields());
     ExportedFlow out;
     std::vector<FlowHandoff> at_end;
     size_t finals = 0;

@@ -22,13 +22,13 @@ size_t text_width(const std::string &s) {
 
 class TextTableWriter : public RecordWriter {
   public:
-    TextTableWriter(FILE *out, bool live, ColumnPick pick)
-        : out_(out), live_(live), pick_(std::move(pick)) {
+    TextTableWriter(FILE *out, bool live, ColumnPick pick, const std::vector<Column> &cols)
+        : out_(out), live_(live), pick_(std::move(pick)), cols_(cols) {
         // Widths of typical values, for a table that cannot wait for its first rows.
         static const size_t typical[] = {27, 27, 15, 5,  15, 5,  4,  7, 9, 7,  9, 8,
                                          8,  10, 20, 10, 20, 16, 24, 9, 1, 12, 4};
         for (size_t k : pick_) {
-            widths_.push_back(text_width(columns()[k].name));
+            widths_.push_back(text_width(cols_[k].name));
             if (live_ && k < std::size(typical))
                 widths_.back() = std::max(widths_.back(), typical[k]);
         }
@@ -57,7 +57,7 @@ class TextTableWriter : public RecordWriter {
             started_ = true;
             std::vector<std::string> header;
             for (size_t k : pick_)
-                header.push_back(columns()[k].name);
+                header.push_back(cols_[k].name);
             print(header, true);
         }
         for (const auto &texts : pending_)
@@ -71,11 +71,11 @@ class TextTableWriter : public RecordWriter {
   private:
     void print(const std::vector<std::string> &texts, bool header = false) {
         std::string line;
-        const auto &cols = columns();
         for (size_t i = 0; i < texts.size(); ++i) {
             const size_t w = i < widths_.size() ? widths_[i] : 0;
             const size_t pad = w > text_width(texts[i]) ? w - text_width(texts[i]) : 0;
-            const bool right = !header && i < pick_.size() && cols[pick_[i]].number;
+            const Column *col = i < pick_.size() ? &cols_[pick_[i]] : nullptr;
+            const bool right = !header && col && (col->number || col->number_text);
             if (i) line += "  ";
             if (right) line.append(pad, ' ');
             line += texts[i];
@@ -88,6 +88,7 @@ class TextTableWriter : public RecordWriter {
     FILE *out_;
     bool live_;
     ColumnPick pick_;
+    std::vector<Column> cols_;
     std::vector<size_t> widths_;
     std::vector<std::vector<std::string>> pending_;
     bool started_ = false;
@@ -96,8 +97,8 @@ class TextTableWriter : public RecordWriter {
 // A writer of one line per row, each line made whole before it is written.
 class LineWriter : public RecordWriter {
   public:
-    LineWriter(FILE *out, bool live, ColumnPick pick)
-        : out_(out), live_(live), pick_(std::move(pick)) {}
+    LineWriter(FILE *out, bool live, ColumnPick pick, const std::vector<Column> &cols)
+        : out_(out), live_(live), pick_(std::move(pick)), cols_(cols) {}
 
     void flush() override { fflush(out_); }
     void finish() override { fflush(out_); }
@@ -112,22 +113,24 @@ class LineWriter : public RecordWriter {
     FILE *out_;
     bool live_;
     ColumnPick pick_;
+    std::vector<Column> cols_;
     std::string line_;  // reused from row to row
 };
 
 class CsvWriter : public LineWriter {
   public:
-    CsvWriter(FILE *out, bool live, ColumnPick pick) : LineWriter(out, live, std::move(pick)) {
+    CsvWriter(FILE *out, bool live, ColumnPick pick, const std::vector<Column> &cols)
+        : LineWriter(out, live, std::move(pick), cols) {
         for (size_t k : pick_) {
             if (!line_.empty()) line_ += ',';
-            line_ += columns()[k].name;
+            line_ += cols_[k].name;
         }
         emit();
     }
 
     void write(const Row &row) override {
         line_.clear();
-        const auto &cols = columns();
+        const auto &cols = cols_;
         for (size_t i = 0; i < pick_.size(); ++i) {
             if (i) line_ += ',';
             const size_t k = pick_[i];
@@ -148,7 +151,7 @@ class JsonWriter : public LineWriter {
 
     void write(const Row &row) override {
         line_.assign(1, '{');
-        const auto &cols = columns();
+        const auto &cols = cols_;
         for (size_t i = 0; i < pick_.size(); ++i) {
             const size_t k = pick_[i];
             if (i) line_ += ',';
@@ -157,7 +160,7 @@ class JsonWriter : public LineWriter {
             line_ += "\":";
             if (!row[k].value)
                 line_ += "null";
-            else if (cols[k].number)
+            else if (cols[k].number || (cols[k].number_text && is_json_integer(*row[k].value)))
                 line_ += *row[k].value;
             else if (cols[k].verbatim)
                 line_.append(1, '"').append(*row[k].value).append(1, '"');
@@ -238,8 +241,13 @@ std::string json_string(const std::string &s) {
     return out;
 }
 
-std::variant<ColumnPick, std::string> pick_columns(const std::vector<std::string> &names) {
-    const auto &cols = columns();
+bool is_json_integer(std::string_view s) {
+    return !s.empty() && (s.size() == 1 || s[0] != '0') &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::variant<ColumnPick, std::string> pick_columns(const std::vector<std::string> &names,
+                                                   const std::vector<Column> &cols) {
     ColumnPick pick;
     for (const std::string &name : names) {
         auto it =
@@ -253,15 +261,16 @@ std::variant<ColumnPick, std::string> pick_columns(const std::vector<std::string
     return pick;
 }
 
-std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live, ColumnPick pick) {
-    if (pick.empty()) pick = std::get<ColumnPick>(pick_columns({}));
+std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live, ColumnPick pick,
+                                          const std::vector<Column> &cols) {
+    if (pick.empty()) pick = std::get<ColumnPick>(pick_columns({}, cols));
     switch (format) {
         case Format::Text:
-            return std::make_unique<TextTableWriter>(out, live, std::move(pick));
+            return std::make_unique<TextTableWriter>(out, live, std::move(pick), cols);
         case Format::Csv:
-            return std::make_unique<CsvWriter>(out, live, std::move(pick));
+            return std::make_unique<CsvWriter>(out, live, std::move(pick), cols);
         case Format::Json:
-            return std::make_unique<JsonWriter>(out, live, std::move(pick));
+            return std::make_unique<JsonWriter>(out, live, std::move(pick), cols);
     }
     return nullptr;
 }

@@ -14,12 +14,14 @@ namespace smbflow {
 
 enum class Format { Text, Csv, Json };
 
-// The columns a writer writes, as indices into columns(), in their output order.
+// The columns a writer writes, as indices into its column list (columns() unless given), in
+// their output order.
 using ColumnPick = std::vector<size_t>;
 
 // The pick for a comma-separated list of column names (empty: every column, in order), or the
 // first name that is not a column.
-std::variant<ColumnPick, std::string> pick_columns(const std::vector<std::string> &names);
+std::variant<ColumnPick, std::string> pick_columns(const std::vector<std::string> &names,
+                                                   const std::vector<Column> &cols = columns());
 
 class RecordWriter {
   public:
@@ -33,13 +35,17 @@ class RecordWriter {
 
 // `live`: rows reach the output one by one as they come (a live capture); the table then
 // takes its column widths from typical values instead of from the first rows.
+// `cols`: the columns of the rows (output_columns() with a plug-in's further fields).
 std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live = false,
-                                          ColumnPick pick = {});
+                                          ColumnPick pick = {},
+                                          const std::vector<Column> &cols = columns());
 
 // Pieces, exposed for tests. The append_ forms add to `out`.
 void append_csv_field(std::string &out, std::string_view s);
 void append_json_string(std::string &out, std::string_view s);
 std::string csv_quote(const std::string &s);
 std::string json_string(const std::string &s);
+// Whether a text is a JSON number as written: decimal digits, no leading zero.
+bool is_json_integer(std::string_view s);
 
 }  // namespace smbflow

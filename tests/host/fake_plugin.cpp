@@ -2,7 +2,9 @@
 // every TCP packet with payload, counts payload bytes per flow, takes a name from payloads
 // that start with "N:", splits flows by payloads that start with "F:<digit>", takes its update
 // hook off flows that have seen more than ten packets without a record, and counts every
-// call so that tests can check the host's side of the contract.
+// call so that tests can check the host's side of the contract. With the parameter `kinds`
+// it registers one more field of each kind a host presents: numbers of 2 and 8 bytes, a
+// number with a text of its own, and octets.
 #include <stdlib.h>
 #include <string.h>
 
@@ -139,6 +141,55 @@ template <auto member, auto writer>
 void fill(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t b) {
     if (fake_record *r = record_of(slot)) writer(out, &(r->*member), sizeof(r->*member), a, b);
 }
+// The values of the `kinds` fields, made from the record's two counters.
+void fill_packets16(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a,
+                    uint32_t b) {
+    if (fake_record *r = record_of(slot)) {
+        const auto v = static_cast<uint16_t>(r->packets);
+        record_universal_get_num(out, &v, 2, a, b);
+    }
+}
+uint64_t big_value(const fake_record *r) {
+    return (uint64_t{r->bytes} << 32) | r->packets;
+}
+template <auto writer>
+void fill_big(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t b) {
+    if (fake_record *r = record_of(slot)) {
+        const uint64_t v = big_value(r);
+        writer(out, &v, 8, a, b);
+    }
+}
+uint32_t status_value(const fake_record *r) {
+    return 0xc0000000u | r->bytes;
+}
+void fill_status(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t b) {
+    if (fake_record *r = record_of(slot)) {
+        const uint32_t v = status_value(r);
+        record_universal_get_num(out, &v, 4, a, b);
+    }
+}
+// The status as "0x%08x", written as a UTF-16LE buffer like a name.
+void fill_status_txt(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a,
+                     uint32_t b) {
+    fake_record *r = record_of(slot);
+    if (!r) return;
+    static const char hex[] = "0123456789abcdef";
+    uint8_t text[128] = {'0', 0, 'x', 0};
+    const uint32_t v = status_value(r);
+    for (int i = 0; i < 8; ++i)
+        text[4 + 2 * i] = static_cast<uint8_t>(hex[(v >> (28 - 4 * i)) & 15]);
+    record_universal_get_txt_string(out, text, sizeof text, a, b);
+}
+// 16 octets: the byte count (little-endian), then 0xab.
+void fill_tag(void *, host_flow_record *, host_slot *slot, void *out, uint32_t a, uint32_t b) {
+    if (fake_record *r = record_of(slot)) {
+        uint8_t tag[16];
+        memset(tag, 0xab, sizeof tag);
+        memcpy(tag, &r->bytes, 4);
+        record_universal_get_array(out, tag, sizeof tag, a, b);
+    }
+}
+
 // Valid whenever there is a record, but writes nothing: the host must export no value.
 void fill_nothing(void *, host_flow_record *, host_slot *, void *, uint32_t, uint32_t) {}
 
@@ -166,6 +217,17 @@ void *fake_init(uint32_t id, const char *params, void *host, uint32_t) {
                            length<1>, fill<&fake_record::postprocessed, record_universal_get_num>,
                            fill<&fake_record::postprocessed, record_universal_get_txt_num>, 0);
     corvane_getter_set_default(f, &kPostDefault, 1);
+    if (params && strstr(params, "kinds")) {
+        corvane_getter_add(host, id, ~0u, "FAKE_PACKETS16", kNumber, 2, 0, ctx, valid_if_record,
+                           length<2>, fill_packets16, nullptr, 0);
+        corvane_getter_add(host, id, ~0u, "FAKE_BIG", kNumber, 8, 0, ctx, valid_if_record,
+                           length<8>, fill_big<record_universal_get_num>,
+                           fill_big<record_universal_get_txt_num>, 0);
+        corvane_getter_add(host, id, ~0u, "FAKE_STATUS", kNumber, 4, 0, ctx, valid_if_record,
+                           length<4>, fill_status, fill_status_txt, 0);
+        corvane_getter_add(host, id, ~0u, "FAKE_TAG", CORVANE_FIELD_OCTETS, 16, 0, ctx,
+                           valid_if_record, length<16>, fill_tag, nullptr, 0);
+    }
     corvane_hook_postprocess(ctx, id, fake_postprocess);
     corvane_hook_callback(ctx, id, fake_callback);
     return ctx;

@@ -90,6 +90,8 @@ typedef void (*corvane_fill_fn)(void *unused, host_flow_record *flow, host_slot 
 // Field type codes.
 #define CORVANE_FIELD_NUMBER 1u
 #define CORVANE_FIELD_STRING 8u
+// A fixed number of octets (`size`), exported as they are (an identifier such as a UUID).
+#define CORVANE_FIELD_OCTETS 16u
 
 typedef struct corvane_plugin_desc {
     uintptr_t type;

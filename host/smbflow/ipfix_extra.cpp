@@ -1,0 +1,195 @@
+#include "ipfix_extra.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+#include <fmt/format.h>
+
+namespace smbflow::ipfix {
+
+using corvane_host::FieldDef;
+using corvane_host::FieldValue;
+
+std::string element_name(const std::string &field_name) {
+    std::string out;
+    bool upper = false;
+    for (char ch : field_name) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c == '_' || c == '-' || c == ' ') {
+            upper = !out.empty();
+            continue;
+        }
+        out += static_cast<char>(upper ? toupper(c) : tolower(c));
+        upper = false;
+    }
+    return out;
+}
+
+void element_type(const FieldDef &field, fbInfoElementDataType_t &type, uint16_t &length) {
+    if (field.type == CORVANE_FIELD_STRING) {
+        type = FB_STRING;
+        length = FB_IE_VARLEN;
+        return;
+    }
+    if (field.type == CORVANE_FIELD_NUMBER) {
+        length = static_cast<uint16_t>(field.size);
+        switch (field.size) {
+            case 1:
+                type = FB_UINT_8;
+                return;
+            case 2:
+                type = FB_UINT_16;
+                return;
+            case 4:
+                type = FB_UINT_32;
+                return;
+            case 8:
+                type = FB_UINT_64;
+                return;
+        }
+    }
+    type = FB_OCTET_ARRAY;
+    length = static_cast<uint16_t>(std::min<uint32_t>(field.size, 65534));
+}
+
+namespace {
+
+// Alignment class of a value in memory: strings (fbVarfield_t) and 8-byte numbers first,
+// then 4, 2 and 1; octet arrays, which need none, last.
+int alignment_rank(const ExtraElement &e) {
+    switch (e.type) {
+        case FB_STRING:
+        case FB_UINT_64:
+            return 0;
+        case FB_UINT_32:
+            return 1;
+        case FB_UINT_16:
+            return 2;
+        case FB_UINT_8:
+            return 3;
+        default:
+            return 4;
+    }
+}
+
+}  // namespace
+
+ExtraLayout extra_layout(const std::vector<FlowFormatter::Extra> &extras) {
+    ExtraLayout layout;
+    for (size_t i = 0; i < extras.size(); ++i) {
+        const FieldDef &def = *extras[i].def;
+        ExtraElement e;
+        e.name = element_name(def.name);
+        e.id = static_cast<uint16_t>(kFirstExtraId + i);
+        element_type(def, e.type, e.length);
+        e.field = extras[i];
+        e.memory_size = e.type == FB_STRING ? sizeof(fbVarfield_t) : e.length;
+        e.description = fmt::format("The plug-in field {}", def.name);
+        layout.elements.push_back(std::move(e));
+    }
+    std::vector<ExtraElement *> order;
+    for (auto &e : layout.elements)
+        order.push_back(&e);
+    std::stable_sort(order.begin(), order.end(), [](const ExtraElement *a, const ExtraElement *b) {
+        return alignment_rank(*a) < alignment_rank(*b);
+    });
+    for (ExtraElement *e : order) {
+        e->offset = layout.size;
+        layout.size += e->memory_size;
+    }
+    return layout;
+}
+
+void pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
+                 std::vector<uint8_t> &bytes, std::string &text) {
+    bytes.assign(layout.size, 0);
+    text.clear();
+    for (const ExtraElement &e : layout.elements) {
+        const FieldValue *v = FlowFormatter::extra_value(flow, e.field);
+        if (!v) continue;
+        uint8_t *at = bytes.data() + e.offset;
+        if (e.type == FB_STRING) {
+            const size_t start = text.size();
+            append_field_text(text, *e.field.def, *v);
+            const size_t len = text.size() - start;
+            memcpy(at, &len, sizeof len);
+            memcpy(at + sizeof len, &start, sizeof start);  // an offset until sent
+            continue;
+        }
+        memcpy(at, v->binary.data(), std::min(v->binary.size(), e.memory_size));
+    }
+}
+
+const uint8_t *record_with_extras(const void *base, size_t base_size, const ExtraLayout &layout,
+                                  const std::vector<uint8_t> &bytes, const std::string &text,
+                                  std::vector<uint8_t> &buf, size_t &size) {
+    if (layout.empty()) {
+        size = base_size;
+        return static_cast<const uint8_t *>(base);
+    }
+    buf.assign(base_size + layout.size, 0);
+    memcpy(buf.data(), base, base_size);
+    if (bytes.size() == layout.size) {
+        memcpy(buf.data() + base_size, bytes.data(), layout.size);
+        for (const ExtraElement &e : layout.elements) {
+            if (e.type != FB_STRING) continue;
+            fbVarfield_t v;
+            uint8_t *at = buf.data() + base_size + e.offset;
+            size_t offset = 0;
+            memcpy(&v.len, at, sizeof v.len);
+            memcpy(&offset, at + sizeof v.len, sizeof offset);
+            v.buf = v.len && offset + v.len <= text.size()
+                        ? reinterpret_cast<uint8_t *>(const_cast<char *>(text.data() + offset))
+                        : nullptr;
+            if (!v.buf) v.len = 0;
+            memcpy(at, &v, sizeof v);
+        }
+    }
+    size = buf.size();
+    return buf.data();
+}
+
+namespace {
+
+fbInfoElementSpec_t spec_of(const ExtraElement &e, uint32_t flags) {
+    return {const_cast<char *>(e.name.c_str()), e.length, flags};
+}
+
+}  // namespace
+
+std::vector<fbInfoElementSpec_t> internal_extra_spec(const ExtraLayout &layout, uint32_t flags) {
+    std::vector<const ExtraElement *> order;
+    for (const auto &e : layout.elements)
+        order.push_back(&e);
+    std::sort(order.begin(), order.end(),
+              [](const ExtraElement *a, const ExtraElement *b) { return a->offset < b->offset; });
+    std::vector<fbInfoElementSpec_t> spec;
+    for (const ExtraElement *e : order)
+        spec.push_back(spec_of(*e, flags));
+    spec.push_back(FB_IESPEC_NULL);
+    return spec;
+}
+
+std::vector<fbInfoElementSpec_t> external_extra_spec(const ExtraLayout &layout, uint32_t flags) {
+    std::vector<fbInfoElementSpec_t> spec;
+    for (const auto &e : layout.elements)
+        spec.push_back(spec_of(e, flags));
+    spec.push_back(FB_IESPEC_NULL);
+    return spec;
+}
+
+void add_extra_elements(fbInfoModel_t *model, uint32_t pen, const ExtraLayout &layout) {
+    for (const ExtraElement &e : layout.elements) {
+        // What a field means is the plug-in's: no semantics are claimed for it. Only numbers
+        // change byte order on the wire.
+        const bool number = e.type != FB_STRING && e.type != FB_OCTET_ARRAY;
+        const fbInfoElement_t ie = FB_IE_INIT_FULL(
+            e.name.c_str(), pen, e.id, e.length,
+            uint32_t{FB_IE_DEFAULT} | (number ? uint32_t{FB_IE_F_ENDIAN} : 0u), 0, 0,
+            static_cast<uint8_t>(e.type), const_cast<char *>(e.description.c_str()));
+        fbInfoModelAddElement(model, const_cast<fbInfoElement_t *>(&ie));
+    }
+}
+
+}  // namespace smbflow::ipfix
