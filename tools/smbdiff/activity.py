@@ -63,6 +63,8 @@ RULES = {
     "unnamed-file": "bytes read or written on an open that gives no file name (its CREATE "
                     "response was not taken, or the open was not seen) are in the totals but "
                     "in no file's row",
+    "smb1-only": "the activity fields exist on SMB2 records only: a connection of SMB1 alone "
+                 "shows none, not even its SMB1 flag",
     "encrypted": "an encrypted message shows the transform flag only; what it carries is "
                  "not visible",
 }
@@ -246,6 +248,7 @@ class Written:
     renames: set = field(default_factory=set)
     files: dict = field(default_factory=lambda: defaultdict(lambda: [0, 0]))
     records: int = 0
+    smb2_records: int = 0  # records with the activity fields (SMB2 records)
 
 
 def parse_status(v) -> int:
@@ -271,6 +274,7 @@ def read_written(lines, port: int) -> dict[tuple, Written]:
         if missing:
             raise ValueError(f"smbflow's JSON has no {', '.join(missing)}: is activity=1 set "
                              "and does this build have the activity fields?")
+        w.smb2_records += r.get("smb_reads") is not None
         for k in SUMMED:
             w.totals[k] += smbdiff._num(r.get(k), 0)
         w.totals["smb_latency_max_us"] = max(w.totals["smb_latency_max_us"],
@@ -290,12 +294,15 @@ def read_written(lines, port: int) -> dict[tuple, Written]:
     return out
 
 
-def compare(exp: dict[tuple, Conn], got: dict[tuple, Written]) -> list[str]:
+def compare(exp: dict[tuple, Conn], got: dict[tuple, Written], rules: Counter) -> list[str]:
     diffs = []
     for client in sorted(set(exp) | set(got), key=str):
         e, w = exp.get(client, Conn()), got.get(client, Written())
         where = f"{client[0]}:{client[1]}"
         et = e.totals()
+        if not w.smb2_records and et["smb_security"] == 0x10:
+            rules["smb1-only"] += 1
+            et["smb_security"] = 0
         for k in COUNTERS:
             if et[k] != w.totals[k]:
                 diffs.append(f"{where} {k.upper()}: tshark {et[k]}, smbflow {w.totals[k]}")
@@ -328,19 +335,35 @@ def with_activity(params: str | None) -> str:
     return ",".join(items + ["activity=1"])
 
 
-def check_capture(path: str, args) -> tuple[Counter, Counter, list[str], Counter]:
-    cap = wire.read_capture(path, args.tshark, args.port)
-    sizes, params = args.sizes, args.params
-    if args.queues > 1:  # as the record check: no table slot shared across queues
-        sizes, _, _ = smbdiff.sizes_without_shared_slots(cap, args, args.sizes)
-        params = smbdiff.with_sizes(args.params, sizes)
+@dataclass
+class Run:
+    """One smbflow run: its plug-in parameters and queues."""
+    params: str
+    queues: int
+    port: int = 445
+    sizes: dict = field(default_factory=dict)
+    create_min: int = model.CREATE_RESPONSE_MIN
+
+    def __post_init__(self) -> None:
+        self.params = with_activity(self.params)
+        self.port, self.sizes, self.create_min = smbdiff.plugin_settings(self.params)
+
+    def name(self) -> str:
+        return f"--params {self.params}, {self.queues} queue(s)"
+
+
+def check_capture(cap: wire.Capture, path: str, run: Run, args):
+    sizes, params = run.sizes, run.params
+    if run.queues > 1:  # as the record check: no table slot shared across queues
+        sizes, _, _ = smbdiff.sizes_without_shared_slots(cap, run, run.sizes)
+        params = smbdiff.with_sizes(run.params, sizes)
     rules = Counter()
-    named = named_opens(cap, args.port, args.create_min, sizes)
-    exp = expected(cap, args.port, named, rules)
-    lines = smbdiff.run_smbflow(args.smbflow, args.plugin, path, params, args.queues,
+    named = named_opens(cap, run.port, run.create_min, sizes)
+    exp = expected(cap, run.port, named, rules)
+    lines = smbdiff.run_smbflow(args.smbflow, args.plugin, path, params, run.queues,
                                 smbdiff.covering_timeouts(cap))
-    got = read_written(lines, args.port)
-    diffs = compare(exp, got)
+    got = read_written(lines, run.port)
+    diffs = compare(exp, got, rules)
     totals = Counter()
     for c in exp.values():
         for k, v in c.totals().items():
@@ -360,12 +383,17 @@ def main(argv=None) -> int:
     ap.add_argument("captures", nargs="+")
     ap.add_argument("--smbflow")
     ap.add_argument("--plugin")
-    ap.add_argument("--params", help="plug-in parameters (activity=1 is added)")
+    ap.add_argument("--params", action="append",
+                    help="plug-in parameters (activity=1 is added); repeat for several runs")
     ap.add_argument("--tshark", default="tshark")
-    ap.add_argument("--queues", type=int, default=1)
+    ap.add_argument("--queues", default="1",
+                    help="smbflow's queues, or a comma-separated list: one run each")
     args = ap.parse_args(argv)
-    args.params = with_activity(args.params)
-    args.port, args.sizes, args.create_min = smbdiff.plugin_settings(args.params)
+    try:
+        runs = [Run(p, int(q)) for p in args.params or [""] for q in args.queues.split(",")]
+    except ValueError:
+        print(f"activity: cannot read {args.params!r} / {args.queues!r}", file=sys.stderr)
+        return 2
     if shutil.which(args.tshark) is None:
         print(f"activity: SKIP: {args.tshark} is not installed", file=sys.stderr)
         return smbdiff.SKIP
@@ -373,26 +401,34 @@ def main(argv=None) -> int:
     if args.smbflow is None:
         print("activity: SKIP: smbflow not found", file=sys.stderr)
         return smbdiff.SKIP
-    all_totals, all_info, all_rules, ndiff = Counter(), Counter(), Counter(), 0
+    sums = {i: (Counter(), Counter(), Counter(), [0]) for i in range(len(runs))}
     for path in args.captures:
         try:
-            totals, info, diffs, rules = check_capture(path, args)
+            cap = wire.read_capture(path, args.tshark, runs[0].port)
+            for i, run in enumerate(runs):
+                totals, info, diffs, rules = check_capture(cap, path, run, args)
+                print(f"{Path(path).name} ({run.name()}): {describe(info, totals)}; "
+                      f"{len(diffs)} differences")
+                for d in diffs:
+                    print(f"  DIFFERENCE {d}")
+                all_totals, all_info, all_rules, ndiff = sums[i]
+                ndiff[0] += len(diffs)
+                all_info.update(info)
+                all_rules.update(rules)
+                for k, v in totals.items():
+                    all_totals[k] = max(all_totals[k], v) if k == "smb_latency_max_us" else \
+                        all_totals[k] + v
         except (RuntimeError, OSError, subprocess.TimeoutExpired, ValueError) as err:
             print(f"activity: {err}", file=sys.stderr)
             return 2
-        print(f"{Path(path).name}: {describe(info, totals)}; {len(diffs)} differences")
-        for d in diffs:
-            print(f"  DIFFERENCE {d}")
-        ndiff += len(diffs)
-        all_info.update(info)
-        all_rules.update(rules)
-        for k, v in totals.items():
-            all_totals[k] = max(all_totals[k], v) if k == "smb_latency_max_us" else \
-                all_totals[k] + v
-    print(f"activity total ({len(args.captures)} captures, {args.queues} queue(s)): "
-          f"{describe(all_info, all_totals)}; {ndiff} differences")
-    print("rules applied: " + ", ".join(f"{k} {v}" for k, v in sorted(all_rules.items())))
-    return 1 if ndiff else 0
+    failed = 0
+    for i, run in enumerate(runs):
+        all_totals, all_info, all_rules, ndiff = sums[i]
+        print(f"activity total, {len(args.captures)} captures, {run.name()}: "
+              f"{describe(all_info, all_totals)}; {ndiff[0]} differences")
+        print("  rules applied: " + ", ".join(f"{k} {v}" for k, v in sorted(all_rules.items())))
+        failed += ndiff[0]
+    return 1 if failed else 0
 
 
 def describe(info: Counter, totals: Counter) -> str:

@@ -320,16 +320,22 @@ class _Utf8Clean:
     def __init__(self, raw) -> None:
         self.raw = raw
         self.decoder = codecs.getincrementaldecoder("utf-8")(errors="replace")
-        self.held = b""  # the unfinished last line of what was read
+        self.held: list[bytes] = []  # the unfinished last line of what was read, in parts
 
     def read(self, size: int = -1) -> bytes:
-        data = self.raw.read(size if size and size > 0 else 65536)
-        if data:
-            data, _, self.held = (self.held + data).rpartition(b"\n")
-            data = _BULK.sub(b"", data + b"\n")
-        else:
-            data, self.held = self.held, b""
-        return self.decoder.decode(data, final=not data).encode("utf-8")
+        while True:
+            data = self.raw.read(size if size and size > 0 else 65536)
+            if not data:
+                rest, self.held = b"".join(self.held), []
+                return self.decoder.decode(rest, final=True).encode("utf-8")
+            if b"\n" not in data:  # a long line goes on: no copying it over and over
+                self.held.append(data)
+                continue
+            head, _, tail = data.rpartition(b"\n")
+            lines = _BULK.sub(b"", b"".join(self.held) + head + b"\n")
+            self.held = [tail]
+            if lines:
+                return self.decoder.decode(lines).encode("utf-8")
 
 
 # Payload bytes shown as hex (segment data, reassembled data, read and write buffers): a
