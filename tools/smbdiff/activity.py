@@ -316,8 +316,8 @@ def compare(exp: dict[tuple, Conn], got: dict[tuple, Written], rules: Counter) -
                          f"{', '.join(f'{s:#010x}' for s in sorted(stray))}, not an error "
                          "status tshark shows")
         if e.errors and e.errors[-1] not in w.last_errors:
-            diffs.append(f"{where} SMB_LAST_ERROR: the connection's last error {e.errors[-1]:#010x} "
-                         "is on no record")
+            diffs.append(f"{where} SMB_LAST_ERROR: the connection's last error "
+                         f"{e.errors[-1]:#010x} is on no record")
         want_r = set(e.renames.values())
         if want_r != w.renames:
             diffs.append(f"{where} SMB_RENAME_TO: tshark {sorted(want_r)}, smbflow "

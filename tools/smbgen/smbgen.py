@@ -517,9 +517,9 @@ SCENARIOS: list[Scenario] = [
               Session("smbclient", share=SHARE_RO, proto="SMB3_11",
                       cmds=["put small.txt denied.txt", "mkdir denied_dir", "ls"]),
               Session("smbclient", proto="SMB3_11", guest=True)]),
-    Scenario("activity_impacket", f"another client (impacket) in SMB 3.0 and 2.1: {HUGE_SIZE >> 20} "
-             "MiB in single READ and WRITE messages, renames, deletes by FileDispositionInformation "
-             "and its Ex form, access denied and not found",
+    Scenario("activity_impacket", "another client (impacket) in SMB 3.0 and 2.1: "
+             f"{HUGE_SIZE >> 20} MiB in single READ and WRITE messages, renames, deletes by "
+             "FileDispositionInformation and its Ex form, access denied and not found",
              [Session("impacket", dialect="3.0", activity=True),
               Session("impacket", dialect="2.1", activity=True)], needs_impacket=True),
 ]
