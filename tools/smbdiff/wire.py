@@ -9,6 +9,7 @@ the first segment of a message that spans several carries its header.
 from __future__ import annotations
 
 import codecs
+import re
 import subprocess
 import xml.etree.ElementTree as ET
 from dataclasses import dataclass, field
@@ -22,7 +23,7 @@ COMMAND_NAMES = ["NEGOTIATE", "SESSION_SETUP", "LOGOFF", "TREE_CONNECT", "TREE_D
                  "CREATE", "CLOSE", "FLUSH", "READ", "WRITE", "LOCK", "IOCTL", "CANCEL", "ECHO",
                  "QUERY_DIRECTORY", "CHANGE_NOTIFY", "QUERY_INFO", "SET_INFO", "OPLOCK_BREAK"]
 
-FLAG_RESPONSE, FLAG_ASYNC, FLAG_RELATED = 0x1, 0x2, 0x4
+FLAG_RESPONSE, FLAG_ASYNC, FLAG_RELATED, FLAG_SIGNED = 0x1, 0x2, 0x4, 0x8
 STATUS_PENDING = 0x00000103
 FILE_DELETE_ON_CLOSE = 0x00001000
 FILE_ATTRIBUTE_DIRECTORY = 0x10
@@ -49,6 +50,14 @@ class Smb2Message:
     info_type: int | None = None  # SET_INFO
     info_class: int | None = None  # SET_INFO
     delete_pending: int | None = None  # SET_INFO FileDispositionInformation
+    # What the activity counters read (None where tshark shows nothing):
+    dialect: int | None = None  # NEGOTIATE response DialectRevision
+    security_mode: int | None = None  # NEGOTIATE response
+    session_flags: int | None = None  # SESSION_SETUP response
+    data_length: int | None = None  # READ response DataLength
+    write_count: int | None = None  # WRITE response Count
+    rename_to: bytes | None = None  # SET_INFO FileRenameInformation: the new name, UTF-16LE
+    info_flags: int | None = None  # SET_INFO FileDispositionInformationEx: Flags
 
     @property
     def is_response(self) -> bool:
@@ -185,7 +194,36 @@ def _smb2_message(proto: ET.Element, base: int) -> Smb2Message | None:
         dp = _first(fields, "smb2.disposition.delete_on_close")
         if dp is not None:  # the whole DeletePending byte, not tshark's one-bit view of it
             msg.delete_pending = int(dp.get("unmaskedvalue") or dp.get("value"), 16)
+        _activity_set_info(fields, msg)
+    elif response:
+        _activity_response(fields, msg)
     return msg
+
+
+def _activity_set_info(fields, msg: Smb2Message) -> None:
+    if msg.info_type != 1:
+        return
+    if msg.info_class == 10:
+        name = next((e for n, parent, e in fields if n == "smb2.filename"
+                     and parent == "smb2.file_rename_info"), None)
+        msg.rename_to = bytes.fromhex(name.get("value") or "") if name is not None else b""
+    elif msg.info_class == 64:
+        # tshark does not dissect FileDispositionInformationEx: its 4-byte Flags are "unknown"
+        raw = _first(fields, "smb2.unknown")
+        if raw is not None and len(raw.get("value", "")) >= 8:
+            msg.info_flags = _le(raw.get("value")[:8])
+
+
+def _activity_response(fields, msg: Smb2Message) -> None:
+    if msg.command == NEGOTIATE:
+        msg.dialect = _raw(fields, "smb2.dialect")
+        msg.security_mode = _raw(fields, "smb2.sec_mode")
+    elif msg.command == SESSION_SETUP:
+        msg.session_flags = _raw(fields, "smb2.session_flags")
+    elif msg.command == READ:
+        msg.data_length = _raw(fields, "smb2.olb.length")  # DataLength, as the data blob's
+    elif msg.command == WRITE:
+        msg.write_count = _raw(fields, "smb2.write.count")
 
 
 def _layer(proto_list, name):
@@ -282,10 +320,30 @@ class _Utf8Clean:
     def __init__(self, raw) -> None:
         self.raw = raw
         self.decoder = codecs.getincrementaldecoder("utf-8")(errors="replace")
+        self.held: list[bytes] = []  # the unfinished last line of what was read, in parts
 
     def read(self, size: int = -1) -> bytes:
-        data = self.raw.read(size if size and size > 0 else 65536)
-        return self.decoder.decode(data, final=not data).encode("utf-8")
+        while True:
+            data = self.raw.read(size if size and size > 0 else 65536)
+            if not data:
+                rest, self.held = b"".join(self.held), []
+                return self.decoder.decode(rest, final=True).encode("utf-8")
+            if b"\n" not in data:  # a long line goes on: no copying it over and over
+                self.held.append(data)
+                continue
+            head, _, tail = data.rpartition(b"\n")
+            lines = _BULK.sub(b"", b"".join(self.held) + head + b"\n")
+            self.held = [tail]
+            if lines:
+                return self.decoder.decode(lines).encode("utf-8")
+
+
+# Payload bytes shown as hex (segment data, reassembled data, read and write buffers): a
+# capture of several-MiB reads and writes gives hundreds of MB of them, and nothing here reads
+# them. Such single-line fields are dropped before parsing; names and the few fields read from
+# a message body are kept whatever their length.
+_BULK = re.compile(rb'^[ \t]*<field name="(?!smb2\.filename|smb2\.tree|smb2\.unknown)[^"]*"'
+                   rb'[^\n]{4096,}/>\n', re.M)
 
 
 def read_capture(path: str, tshark: str = "tshark", port: int = 445) -> Capture:

@@ -29,6 +29,7 @@ from pathlib import Path
 
 PASSWORD = "smbgen-Pa55"
 USER = "root"  # smbd maps the SMB user to a Unix account; root exists everywhere
+GUEST_USER = "smbgen_guest"  # unknown to the server, so mapped to its guest account
 SERVER_V4, CLIENT_V4 = "198.18.0.1", "198.18.0.2"
 SERVER_V6, CLIENT_V6 = "2001:db8::1", "2001:db8::2"
 
@@ -36,6 +37,7 @@ SERVER_V6, CLIENT_V6 = "2001:db8::1", "2001:db8::2"
 # 63 UTF-16 units (the share path capture keeps only the beginning of such a path).
 SHARE = "share"
 SHARE_ENC = "secure"
+SHARE_RO = "readonly"  # writes to it fail with STATUS_ACCESS_DENIED
 # Over IPv4 its UNC path puts the high half of a surrogate pair at unit 63, where a cut after
 # 63 units would split the pair.
 SHARE_LONG = "projects_archive_" + "x" * 32 + "\U0001F4C1" + "_Ünïcødé"
@@ -52,6 +54,9 @@ ASTRAL_LONG_NAME = "ab\U0001F4C1" + "y" * 58 + ".txt"
 NAMES = [LONG_NAME, BMP_NAME, ASTRAL_NAME, ASTRAL_LONG_NAME]
 
 LARGE_SIZE = 192 * 1024  # READ/WRITE of this span well over a hundred 1448-byte segments
+# Single READ and WRITE messages of several MiB (Samba offers 8 MiB reads and writes), each over
+# thousands of segments.
+HUGE_SIZE = 3 * 1024 * 1024
 
 
 def log(msg: str) -> None:
@@ -230,7 +235,7 @@ class Samba:
 
     def shares(self) -> dict[str, Path]:
         return {SHARE: self.root / "share", SHARE_ENC: self.root / "secure",
-                SHARE_LONG: self.root / "long"}
+                SHARE_LONG: self.root / "long", SHARE_RO: self.root / "readonly"}
 
     def write_config(self) -> None:
         r = self.root
@@ -270,7 +275,7 @@ class Samba:
    server min protocol = NT1
    server max protocol = SMB3
    ntlm auth = yes
-   map to guest = never
+   map to guest = bad user
    obey pam restrictions = no
    kernel oplocks = no
    kernel change notify = no
@@ -290,6 +295,10 @@ class Samba:
 [{SHARE_LONG}]
    path = {r}/long
    read only = no
+
+[{SHARE_RO}]
+   path = {r}/readonly
+   read only = yes
 """)
         self.client_conf.write_text(f"""[global]
 {dirs("c")}   client min protocol = NT1
@@ -335,19 +344,25 @@ class Samba:
         return f"//{host}/{share}"
 
     def smbclient(self, share: str, proto: str, cmds: list[str], family: int = 4,
-                  encrypt: bool = False) -> list[str]:
-        argv = ["smbclient", "-s", str(self.client_conf), "-A", str(self.auth),
-                self.unc(share, family), "-m", proto, "--option", f"client min protocol={proto}"
-                if proto == "NT1" else "client min protocol=SMB2_02", "-c", "; ".join(cmds)]
-        if encrypt:
-            argv += ["--client-protection=encrypt"]
+                  protection: str = "", guest: bool = False) -> list[str]:
+        """An smbclient session running cmds on the share; a guest one (a user name the server
+        does not know, mapped to guest) lists the server's shares instead."""
+        who = ["-U", f"{GUEST_USER}%x"] if guest else ["-A", str(self.auth)]
+        what = ["-L", self.unc("", family).rstrip("/")] if guest else [
+            self.unc(share, family), "-c", "; ".join(cmds)]
+        argv = ["smbclient", "-s", str(self.client_conf), *who, "-m", proto, "--option",
+                f"client min protocol={proto}" if proto == "NT1" else
+                "client min protocol=SMB2_02", *what]
+        if protection:
+            argv += [f"--client-protection={protection}"]
         return self.net.client(argv)
 
-    def impacket(self, share: str, dialect: str, tag: str) -> list[str]:
+    def impacket(self, share: str, dialect: str, tag: str, activity: bool = False) -> list[str]:
         """The impacket client (Debian's python3-impacket, for the system interpreter)."""
         host = self.net.server_v4
+        extra = [SHARE_RO, str(HUGE_SIZE)] if activity else []
         return self.net.client([IMPACKET_PYTHON, str(Path(__file__).with_name("impacket_client.py")),
-                                host, share, USER, PASSWORD, dialect, tag])
+                                host, share, USER, PASSWORD, dialect, tag, *extra])
 
     def smbtorture(self, share: str, tests: list[str]) -> list[str]:
         return self.net.client(["smbtorture", "-s", str(self.client_conf), "-A", str(self.auth),
@@ -401,7 +416,9 @@ class Session:
     share: str = SHARE
     proto: str = "SMB3"
     family: int = 4
-    encrypt: bool = False
+    protection: str = ""  # smbclient: "sign" or "encrypt"
+    guest: bool = False  # smbclient: a guest session listing the shares
+    activity: bool = False  # impacket: renames, deletes, failures and several-MiB I/O too
     cmds: list[str] = field(default_factory=list)
     tests: list[str] = field(default_factory=list)
     dialect: str = ""  # impacket: 1, 2.0.2, 2.1 or 3.0
@@ -457,7 +474,7 @@ SCENARIOS: list[Scenario] = [
              [Session("smbclient", proto="SMB3_11", cmds=file_ops("smb3")),
               Session("smbtorture", tests=["smb2.delete-on-close-perms.FIND_and_set_DOC"])]),
     Scenario("smb3_encrypted", "SMB 3.1.1 on a share that requires encryption",
-             [Session("smbclient", share=SHARE_ENC, proto="SMB3_11", encrypt=True,
+             [Session("smbclient", share=SHARE_ENC, proto="SMB3_11", protection="encrypt",
                       cmds=["mkdir enc", "put small.txt enc/a.txt", "ls enc/*",
                             "get enc/a.txt got.txt", "rm enc/a.txt", "rmdir enc"])]),
     Scenario("smb1_ops", "SMB1 (NT1) dialect: the everyday operations",
@@ -490,6 +507,21 @@ SCENARIOS: list[Scenario] = [
     Scenario("compound_segmented", "compound chains over a 296-byte MTU, so that chains span "
              "several TCP segments",
              [Session("smbtorture", tests=SEGMENTED_TESTS, timeout=120)], mtu=296),
+    Scenario("activity_smbclient", f"SMB 3.0.2 with signing: a {HUGE_SIZE >> 20} MiB file "
+             "written and read back, renamed twice and deleted, an open that is not found and "
+             "writes refused on a read-only share; a guest session listing the shares",
+             [Session("smbclient", proto="SMB3_02", protection="sign",
+                      cmds=["put huge.bin huge.bin", "get huge.bin got_huge.bin",
+                            "rename huge.bin moved.bin", "rename moved.bin final.bin",
+                            "rm final.bin", "get no_such_file.txt missing.txt"]),
+              Session("smbclient", share=SHARE_RO, proto="SMB3_11",
+                      cmds=["put small.txt denied.txt", "mkdir denied_dir", "ls"]),
+              Session("smbclient", proto="SMB3_11", guest=True)]),
+    Scenario("activity_impacket", "another client (impacket) in SMB 3.0 and 2.1: "
+             f"{HUGE_SIZE >> 20} MiB in single READ and WRITE messages, renames, deletes by "
+             "FileDispositionInformation and its Ex form, access denied and not found",
+             [Session("impacket", dialect="3.0", activity=True),
+              Session("impacket", dialect="2.1", activity=True)], needs_impacket=True),
 ]
 
 
@@ -509,6 +541,9 @@ def make_local_files(work: Path) -> None:
     with open(work / "large.bin", "wb") as f:
         for i in range(LARGE_SIZE // len(chunk)):
             f.write(bytes((b + i) & 0xFF for b in chunk))
+    with open(work / "huge.bin", "wb") as f:
+        for i in range(HUGE_SIZE // len(chunk)):
+            f.write(chunk[i & 0xFF:] + chunk[:i & 0xFF])
 
 
 def run_scenario(sc: Scenario, samba: Samba, net: Network, procs: Processes, out: Path,
@@ -521,9 +556,10 @@ def run_scenario(sc: Scenario, samba: Samba, net: Network, procs: Processes, out
     with Capture(net, procs, tmp):
         for s in sc.sessions:
             if s.kind == "smbclient":
-                argv = samba.smbclient(s.share, s.proto, s.cmds, s.family, s.encrypt)
+                argv = samba.smbclient(s.share, s.proto, s.cmds, s.family, s.protection,
+                                       s.guest)
             elif s.kind == "impacket":
-                argv = samba.impacket(s.share, s.dialect, f"{sc.name}{len(results)}")
+                argv = samba.impacket(s.share, s.dialect, f"{sc.name}{len(results)}", s.activity)
             else:
                 argv = samba.smbtorture(s.share, s.tests)
             r = run(argv, check=False, timeout=s.timeout, quiet=True)

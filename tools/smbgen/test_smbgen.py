@@ -38,7 +38,7 @@ class NamesTest(unittest.TestCase):
                 self.assertTrue(sc.sessions)
                 self.assertGreaterEqual(sc.mtu, 68)
                 for s in sc.sessions:
-                    what = {"smbclient": s.cmds, "smbtorture": s.tests, "impacket": s.dialect}
+                    what = {"smbclient": s.cmds or s.guest, "smbtorture": s.tests, "impacket": s.dialect}
                     self.assertTrue(what[s.kind])
 
 
