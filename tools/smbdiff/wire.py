@@ -347,9 +347,14 @@ _BULK = re.compile(rb'^[ \t]*<field name="(?!smb2\.filename|smb2\.tree|smb2\.unk
 
 
 def read_capture(path: str, tshark: str = "tshark", port: int = 445) -> Capture:
-    """Runs tshark over a capture (TCP reassembly on, as by default) and reads its PDML."""
+    """Runs tshark over a capture (TCP reassembly on, as by default) and reads its PDML.
+
+    Out-of-order reassembly is on as well: on a busy veth a segment of a multi-megabyte READ
+    response can be captured after its successors (a retransmission), and without it tshark
+    leaves the whole response undissected although its header was on the wire."""
     proc = subprocess.Popen([tshark, "-r", path, "-n", "-T", "pdml", "-o",
                              "tcp.desegment_tcp_streams:TRUE", "-o",
+                             "tcp.reassemble_out_of_order:TRUE", "-o",
                              "nbss.desegment_nbss_commands:TRUE", f"tcp.port == {port}"],
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     try:
