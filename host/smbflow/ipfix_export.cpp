@@ -262,11 +262,11 @@ bool IpfixDestination::connect_session() {
     }
     fbExporter_t *exporter = nullptr;
     if (url_.transport == IpfixUrl::Transport::Udp) {
-        fbConnSpec_t spec{};
-        spec.transport = FB_UDP;
-        spec.host = const_cast<char *>(url_.host.c_str());
-        spec.svc = const_cast<char *>(url_.port.c_str());
-        exporter = fbExporterAllocNet(&spec);
+        fbConnSpec_t conn{};
+        conn.transport = FB_UDP;
+        conn.host = const_cast<char *>(url_.host.c_str());
+        conn.svc = const_cast<char *>(url_.port.c_str());
+        exporter = fbExporterAllocNet(&conn);
     } else {
         std::string why;
         int fd = -1;

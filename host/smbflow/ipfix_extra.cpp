@@ -164,19 +164,19 @@ std::vector<fbInfoElementSpec_t> internal_extra_spec(const ExtraLayout &layout, 
         order.push_back(&e);
     std::sort(order.begin(), order.end(),
               [](const ExtraElement *a, const ExtraElement *b) { return a->offset < b->offset; });
-    std::vector<fbInfoElementSpec_t> spec;
+    std::vector<fbInfoElementSpec_t> elements;
     for (const ExtraElement *e : order)
-        spec.push_back(spec_of(*e, flags));
-    spec.push_back(FB_IESPEC_NULL);
-    return spec;
+        elements.push_back(spec_of(*e, flags));
+    elements.push_back(FB_IESPEC_NULL);
+    return elements;
 }
 
 std::vector<fbInfoElementSpec_t> external_extra_spec(const ExtraLayout &layout, uint32_t flags) {
-    std::vector<fbInfoElementSpec_t> spec;
+    std::vector<fbInfoElementSpec_t> elements;
     for (const auto &e : layout.elements)
-        spec.push_back(spec_of(e, flags));
-    spec.push_back(FB_IESPEC_NULL);
-    return spec;
+        elements.push_back(spec_of(e, flags));
+    elements.push_back(FB_IESPEC_NULL);
+    return elements;
 }
 
 void add_extra_elements(fbInfoModel_t *model, uint32_t pen, const ExtraLayout &layout) {

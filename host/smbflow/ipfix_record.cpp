@@ -61,15 +61,15 @@ namespace {
 // libfixbuf picks them), and the end marker.
 std::vector<fbInfoElementSpec_t> joined(uint32_t flags,
                                         const std::vector<fbInfoElementSpec_t> &extra) {
-    std::vector<fbInfoElementSpec_t> spec;
+    std::vector<fbInfoElementSpec_t> elements;
     auto take = [&](const fbInfoElementSpec_t *s) {
         for (; s->name; ++s)
-            if ((s->flags & flags) == s->flags) spec.push_back(*s);
+            if ((s->flags & flags) == s->flags) elements.push_back(*s);
     };
     take(kSpec);
     take(extra.data());
-    spec.push_back(FB_IESPEC_NULL);
-    return spec;
+    elements.push_back(FB_IESPEC_NULL);
+    return elements;
 }
 
 }  // namespace

@@ -74,17 +74,17 @@ std::vector<DeclaredParam> declared_params(std::string_view help) {
             --start;
         const size_t gt = help.find('>', lt);
         if (start == lt || gt == std::string_view::npos) continue;
-        const std::string spec(help.substr(lt + 2, gt - lt - 2));
+        const std::string range(help.substr(lt + 2, gt - lt - 2));
         DeclaredParam p{std::string(help.substr(start, lt - start))};
-        const size_t comma = spec.find(',');
+        const size_t comma = range.find(',');
         if (comma != std::string::npos) {
-            const auto lo = number(spec.substr(0, comma)), hi = number(spec.substr(comma + 1));
+            const auto lo = number(range.substr(0, comma)), hi = number(range.substr(comma + 1));
             if (!lo || !hi) continue;
             p.min = *lo;
             p.max = *hi;
         }
         // "<unsigned int>": 32 bits, all ones excepted, which the reader takes for "not given".
-        else if (spec == "unsigned int") {
+        else if (range == "unsigned int") {
             p.max = UINT32_MAX - 1;
         } else {
             continue;
