@@ -179,7 +179,12 @@ IpfixDestination::~IpfixDestination() {
     fbInfoModelFree(model_);
 }
 
-std::optional<std::string> check_destination(const IpfixUrl &url) {
+bool resolution_may_pass(int gai_error) {
+    return gai_error == EAI_NONAME || gai_error == EAI_AGAIN || gai_error == EAI_FAIL ||
+           gai_error == EAI_NODATA || gai_error == EAI_SYSTEM;
+}
+
+std::optional<std::string> check_destination(const IpfixUrl &url, bool name_may_wait) {
     if (url.transport == IpfixUrl::Transport::File) {
         if (url.path == "-") return std::nullopt;  // standard output
         FILE *f = fopen(url.path.c_str(), "ab");
@@ -191,8 +196,12 @@ std::optional<std::string> check_destination(const IpfixUrl &url) {
     hints.ai_socktype = url.transport == IpfixUrl::Transport::Udp ? SOCK_DGRAM : SOCK_STREAM;
     addrinfo *ai = nullptr;
     const int rc = getaddrinfo(url.host.c_str(), url.port.c_str(), &hints, &ai);
-    if (rc != 0) return fmt::format("--ipfix {}: {}: {}", url.text, url.host, gai_strerror(rc));
-    freeaddrinfo(ai);
+    if (rc == 0) freeaddrinfo(ai);
+    // A name that does not resolve yet (the resolver or the collector's entry is still being set
+    // up) is tried again with the connection backoff, as a collector that is away is, and said
+    // then; what cannot pass is refused now.
+    if (rc != 0 && !(name_may_wait && resolution_may_pass(rc)))
+        return fmt::format("--ipfix {}: {}: {}", url.text, url.host, gai_strerror(rc));
     return std::nullopt;
 }
 
@@ -266,7 +275,24 @@ bool IpfixDestination::connect_session() {
         conn.transport = FB_UDP;
         conn.host = const_cast<char *>(url_.host.c_str());
         conn.svc = const_cast<char *>(url_.port.c_str());
+        // libfixbuf resolves the name here and gives no exporter when it cannot: the name is
+        // looked up first, so that the message says why.
+        addrinfo hints{};
+        hints.ai_socktype = SOCK_DGRAM;
+        addrinfo *ai = nullptr;
+        if (const int rc = getaddrinfo(url_.host.c_str(), url_.port.c_str(), &hints, &ai);
+            rc != 0) {
+            fbSessionFree(s->session);
+            down(fmt::format("cannot resolve {}: {}", url_.host, gai_strerror(rc)));
+            return false;
+        }
+        freeaddrinfo(ai);
         exporter = fbExporterAllocNet(&conn);
+        if (!exporter) {
+            fbSessionFree(s->session);
+            down(fmt::format("cannot send over UDP to {}:{}", url_.host, url_.port));
+            return false;
+        }
     } else {
         std::string why;
         int fd = -1;

@@ -76,9 +76,12 @@ struct IpfixFlow {
 void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &formatter,
               IpfixFlow &out, const ipfix::ExtraLayout &extras = {});
 
-// Checks what can be checked before a run: the file can be created, the host name resolves.
-// A message when it cannot.
-std::optional<std::string> check_destination(const IpfixUrl &url);
+// Checks what can be checked before a run: the file can be created, the host name resolves
+// (with `name_may_wait`, a service's live capture: or may yet resolve). A message when not.
+std::optional<std::string> check_destination(const IpfixUrl &url, bool name_may_wait = false);
+// Whether a getaddrinfo error may go away by itself (the name is not known yet, the resolver
+// cannot be reached), so that the name is worth trying again.
+bool resolution_may_pass(int gai_error);
 
 class IpfixDestination {
   public:
