@@ -333,6 +333,27 @@ TEST_F(LiveService, UserSwitchAndPeriodicStatistics) {
     EXPECT_EQ(lines_of(read_file(out)).size(), 2u);
 }
 
+// --buffer-size reaches the kernel: libpcap maps the packet socket's ring, whose size is the
+// capture buffer, into the process (a shared mapping of the socket in /proc/PID/maps).
+TEST_F(LiveService, BufferSizeIsTheKernelRing) {
+    const std::pair<const char *, uint64_t> cases[] = {
+        {nullptr, 2}, {"1", 1}, {"64", 64}};  // none: libpcap's default
+    for (const auto &[option, mib] : cases) {
+        SCOPED_TRACE(option ? option : "default");
+        std::vector<std::string> args = {"-i", "lo", "-f", "udp and dst port 9", "-o", "/dev/null"};
+        if (option) args.insert(args.end(), {"--buffer-size", option});
+        Running run(args);
+        kill(run.pid, SIGUSR1);
+        run.wait_for("smbflow: stats");  // capturing
+        const std::regex ring(R"(([0-9a-f]+)-([0-9a-f]+) rw-s .* socket:\[\d+\])");
+        const std::string maps = read_file("/proc/" + std::to_string(run.pid) + "/maps");
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(maps, m, ring)) << maps;
+        EXPECT_EQ(std::stoull(m[2], nullptr, 16) - std::stoull(m[1], nullptr, 16), mib << 20);
+        EXPECT_EQ(run.end(), 0) << run.seen;
+    }
+}
+
 // The schedule of the periodic line, on a clock of the test's.
 TEST(StatsSchedule, DueEveryIntervalSinceTheLastLine) {
     auto now = std::chrono::steady_clock::time_point{};
