@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -361,6 +362,24 @@ bool IpfixDestination::templates_due() const {
             clock_() - last_templates_ >= duration<double>(settings_.template_refresh_s));
 }
 
+void IpfixDestination::reopen() {
+    std::lock_guard lock(mutex_);
+    reopen_requested_ = true;
+    wake_.notify_one();
+}
+
+// A file renamed away (logrotate) gets the message being built; then a new file is begun
+// under the name, with the templates, as at the start. A file still under its name is kept.
+void IpfixDestination::reopen_file() {
+    struct stat named, open;
+    if (stat(url_.path.c_str(), &named) == 0 && fstat(session_->fd, &open) == 0 &&
+        named.st_dev == open.st_dev && named.st_ino == open.st_ino)
+        return;
+    if (!in_message_.empty() && !emit()) return;
+    drop_session();
+    connect_session();
+}
+
 void IpfixDestination::drop_session() {
     session_.reset();
 }
@@ -565,6 +584,15 @@ void IpfixDestination::run() {
     std::unique_lock lock(mutex_);
     for (;;) {
         const uint64_t flush_ticket = flush_requested_;
+        if (reopen_requested_) {
+            reopen_requested_ = false;
+            if (session_ && url_.transport == IpfixUrl::Transport::File && url_.path != "-") {
+                lock.unlock();
+                reopen_file();
+                lock.lock();
+                continue;
+            }
+        }
         if (!session_) {
             // Connect now at the start, when the retry time has come, or for a last try at
             // the end; between tries wait for the time or the end.
@@ -573,8 +601,9 @@ void IpfixDestination::run() {
             if (!finishing_ && clock_() < next_retry_) {
                 flush_done_ = flush_ticket;
                 progress_.notify_all();
-                wake_.wait_until(lock, next_retry_,
-                                 [&] { return finishing_ || flush_requested_ > flush_done_; });
+                wake_.wait_until(lock, next_retry_, [&] {
+                    return finishing_ || flush_requested_ > flush_done_ || reopen_requested_;
+                });
                 continue;
             }
             last_try_made = finishing_;
@@ -586,11 +615,11 @@ void IpfixDestination::run() {
         if (queue_.empty()) {
             if (!in_message_.empty() || flush_ticket > flush_done_ || finishing_) {
                 // Nothing more is coming for now: the message goes out.
-                const bool quiet =
-                    flush_ticket > flush_done_ || finishing_ ||
-                    !wake_.wait_for(lock, kMessageLinger, [&] {
-                        return !queue_.empty() || finishing_ || flush_requested_ > flush_done_;
-                    });
+                const bool quiet = flush_ticket > flush_done_ || finishing_ ||
+                                   !wake_.wait_for(lock, kMessageLinger, [&] {
+                                       return !queue_.empty() || finishing_ ||
+                                              flush_requested_ > flush_done_ || reopen_requested_;
+                                   });
                 if (!quiet) continue;
                 lock.unlock();
                 const bool sent = in_message_.empty() || emit();
@@ -607,7 +636,8 @@ void IpfixDestination::run() {
                 continue;
             }
             wake_.wait(lock, [&] {
-                return !queue_.empty() || finishing_ || flush_requested_ > flush_done_;
+                return !queue_.empty() || finishing_ || flush_requested_ > flush_done_ ||
+                       reopen_requested_;
             });
             continue;
         }

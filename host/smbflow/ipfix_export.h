@@ -100,6 +100,8 @@ class IpfixDestination {
     void flush();
     // Sends what is left (one more connection attempt if the collector is away) and stops.
     void finish();
+    // SIGHUP: a file: destination that was renamed away is begun again under its name.
+    void reopen();
 
     IpfixCounters counters() const;
     const IpfixUrl &url() const { return url_; }
@@ -109,6 +111,7 @@ class IpfixDestination {
     void run();
     bool connect_session();
     void drop_session();
+    void reopen_file();
     bool send_batch(std::vector<IpfixFlow> &batch);
     bool emit();
     bool export_templates();
@@ -131,6 +134,7 @@ class IpfixDestination {
     bool connected_ = true;  // until a connection fails; producers then drop beyond the bound
     bool dead_ = false;      // a file that could not be written
     bool finishing_ = false;
+    bool reopen_requested_ = false;
     bool stopped_ = false;  // the sender has ended
     uint64_t flush_requested_ = 0, flush_done_ = 0;
     IpfixCounters counters_;

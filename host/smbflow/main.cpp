@@ -352,6 +352,8 @@ int run(const Options &opts) {
                 g_reopen = 0;
                 if (out_file) out_file->reopen();
                 if (rotating) rotating->reopen();
+                for (auto &e : exports)
+                    e->reopen();
             }
             if (rs == ReadStatus::Idle) {
                 pipeline.advance_clock(wall_clock_ns());

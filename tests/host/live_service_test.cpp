@@ -22,7 +22,9 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <regex>
+#include <set>
 
 #include "run_command.h"
 #include "service.h"
@@ -163,51 +165,104 @@ class LiveService : public testing::Test {
     }
 };
 
+// What the test needs of an IPFIX file (RFC 7011: messages of a 16-byte header and sets of
+// an id and a length; template sets, id 2, of records of an id, a field count and the fields):
+// its first set's id and how many data sets of those templates it holds. Null when it is cut
+// short or malformed.
+struct IpfixFile {
+    uint16_t first_set = 0;
+    size_t flow_sets = 0;
+};
+std::optional<IpfixFile> read_ipfix(const std::string &bytes) {
+    auto u16 = [&](size_t at) {
+        return static_cast<uint16_t>(uint8_t(bytes[at]) << 8 | uint8_t(bytes[at + 1]));
+    };
+    IpfixFile file;
+    std::set<uint16_t> templates;
+    bool first = true;
+    for (size_t msg = 0; msg < bytes.size();) {
+        if (bytes.size() - msg < 16 || u16(msg) != 10) return std::nullopt;
+        const size_t end = msg + u16(msg + 2);
+        if (end > bytes.size() || end < msg + 16) return std::nullopt;
+        for (size_t set = msg + 16; set < end;) {
+            if (end - set < 4 || u16(set + 2) < 4 || set + u16(set + 2) > end) return std::nullopt;
+            const uint16_t id = u16(set);
+            const size_t set_end = set + u16(set + 2);
+            if (first) file.first_set = id;
+            first = false;
+            for (size_t r = set + 4; id == 2 && set_end - r >= 4;) {
+                templates.insert(u16(r));
+                const size_t fields = u16(r + 2);
+                r += 4;
+                for (size_t f = 0; f < fields && set_end - r >= 4; ++f)
+                    r += (u16(r) & 0x8000) && set_end - r >= 8 ? 8 : 4;
+            }
+            file.flow_sets += templates.count(id);
+            set = set_end;
+        }
+        msg = end;
+    }
+    return file;
+}
+
 // logrotate renames the output away and sends SIGHUP: the records before it stay in the
-// renamed file, those after it go to a new file under the configured name (its own header
-// included), and the run goes on. Likewise for a --rotate pattern's current file.
+// renamed file, those after it go to a new file under the configured name (its own header, or
+// for IPFIX its templates, first), and the run goes on. Likewise for a --rotate pattern's
+// current file.
 TEST_F(LiveService, SighupReopensARenamedOutput) {
     struct Case {
         const char *name;
         std::vector<std::string> options;  // the output's, with OUT for the name
+        bool ipfix;
     };
     const Case cases[] = {
-        {"plain", {"-o", "OUT"}},
-        {"rotated", {"--rotate", "86400", "-o", "OUT"}},
+        {"plain", {"-F", "csv", "-o", "OUT"}, false},
+        {"rotated", {"-F", "csv", "--rotate", "86400", "-o", "OUT"}, false},
+        {"ipfix file", {"--ipfix", "file:OUT"}, true},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         OpenDir tmp;
-        const std::string out = tmp.path("flows.csv"), old = tmp.path("flows.csv.1");
-        const uint16_t port = test_port(c.options.size());
+        const std::string out = tmp.path("flows"), old = tmp.path("flows.1");
+        const uint16_t port = test_port(c.options.size() + c.ipfix);
         const std::string row = ",127.0.0.1," + std::to_string(port) + ",17,1,";
+        // A file with its record: a CSV row, or an IPFIX data set after the templates.
+        const auto has_record = [&](const std::string &text) {
+            if (!c.ipfix) return text.find(row) != text.npos;
+            const auto file = read_ipfix(text);
+            // Template sets (2) or options template sets (3, the elements' type records) first.
+            return file && (file->first_set == 2 || file->first_set == 3) && file->flow_sets == 1;
+        };
         std::vector<std::string> args = {
             "-i", "lo", "-f", "udp and dst port " + std::to_string(port), "--inactive-timeout",
-            "1",  "-F", "csv"};
+            "1"};
         for (const auto &o : c.options)
-            args.push_back(o == "OUT" ? out : o);
+            args.push_back(o == "OUT" ? out : o == "file:OUT" ? "file:" + out : o);
         Running run(args);
         kill(run.pid, SIGUSR1);
         run.wait_for("smbflow: stats");  // reading
         send_udp(port, "before");
-        wait_for_file(out, [&](const std::string &text) { return text.find(row) != text.npos; });
+        wait_for_file(out, has_record);
         std::filesystem::rename(out, old);
         // Both signals are taken by the reading thread, SIGHUP's flag first: once the line
-        // asked for after it is out, the outputs have been reopened.
+        // asked for after it is out, the outputs have been reopened (an IPFIX file by its
+        // sender thread, before it takes a record handed over later).
         const size_t mark = run.seen.size();
         kill(run.pid, SIGHUP);
         kill(run.pid, SIGUSR1);
         run.wait_for("smbflow: stats", mark);
         send_udp(port, "after");
-        wait_for_file(out, [&](const std::string &text) { return text.find(row) != text.npos; });
+        wait_for_file(out, has_record);
         EXPECT_EQ(run.end(), 0) << run.seen;
-        const auto before = lines_of(read_file(old)), after = lines_of(read_file(out));
-        ASSERT_EQ(before.size(), 2u) << read_file(old);
-        ASSERT_EQ(after.size(), 2u) << read_file(out);
-        EXPECT_EQ(after[0], before[0]) << "the new file has the header";
-        EXPECT_NE(before[1].find(row), std::string::npos);
-        EXPECT_NE(after[1].find(row), std::string::npos);
         EXPECT_NE(run.seen.find("smbflow summary"), std::string::npos) << run.seen;
+        const std::string before = read_file(old), after = read_file(out);
+        EXPECT_TRUE(has_record(before));
+        EXPECT_TRUE(has_record(after));
+        if (c.ipfix) continue;  // has_record: templates first, and one record
+        const auto before_lines = lines_of(before), after_lines = lines_of(after);
+        ASSERT_EQ(before_lines.size(), 2u) << before;
+        ASSERT_EQ(after_lines.size(), 2u) << after;
+        EXPECT_EQ(after_lines[0], before_lines[0]) << "the new file has the header";
     }
 }
 
