@@ -14,6 +14,7 @@ typedef struct filetable filetable;
 typedef struct datatable datatable;
 typedef struct activitytable activitytable;
 typedef struct conntable conntable;
+typedef struct chaintable chaintable;
 typedef struct smb_activity smb_activity;
 
 #define SMB_NAME_SIZE 128
@@ -122,6 +123,7 @@ typedef struct smb_plugin_ctx {
     uint32_t conntable_size;
     struct activitytable *activitytable;
     struct conntable *conntable;
+    struct chaintable *chaintable;  // per queue: compound chains too long to buffer
 } smb_plugin_ctx;
 
 // A queue's context has exactly the plug-in context's fields.

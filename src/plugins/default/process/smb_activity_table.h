@@ -147,3 +147,34 @@ void conntable_park(conntable *t, uint32_t client_addr32, uint16_t client_port,
 
 // The connection's record, or null.
 conn_record *conntable_find(conntable *t, uint32_t client_addr32, uint16_t client_port);
+
+// A compound chain longer than the reassembly bound, followed through its later segments so
+// that every message of it counts (activity=1): the offset of the next header not yet counted
+// and, when a header and fixed part straddle two segments, the bytes of it seen so far.
+struct chain_cursor {
+    static constexpr uint32_t kHead = 384;  // a header and any fixed part that counting reads
+
+    uint32_t client_addr32;
+    uint16_t client_port;
+    uint8_t direction;  // 0 client to server, 1 server to client
+    uint8_t active;
+    uint32_t total;  // SMB2 bytes of the session message
+    uint32_t seen;   // SMB2 bytes of it that the segments so far held
+    uint32_t next;   // offset of the next header not yet counted
+    uint32_t held;   // bytes of that message gathered in head
+    uint8_t head[kHead];
+};
+
+// Per queue (both directions of a connection go to one queue), made with activity=1; one slot
+// per key, the newest chain wins.
+struct chaintable {
+    static constexpr uint32_t kSlots = 256;
+    chain_cursor slots[kSlots];
+    uint64_t dropped;  // chains pushed out by another before their end
+
+    chain_cursor &slot(uint32_t addr, uint16_t port, uint8_t direction) {
+        const uint64_t h =
+            ((uint64_t{addr} << 17) | (uint64_t{port} << 1) | direction) * 0x9E3779B97F4A7C15ull;
+        return slots[h >> 56];
+    }
+};

@@ -155,6 +155,16 @@ inline void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx
     if (q->activity) [[unlikely]]
         count_smb1_on(pkt, rec, q, reply);
 }
+// A message longer than its first segment (activity=1): for a compound chain, counts the later
+// messages that the segment holds and follows the chain into the later segments; for a single
+// message, ends the following of an earlier chain. `hdr` is the first header, `available` the
+// SMB2 bytes of the segment from there, `total` the SMB2 bytes of the session message.
+void follow_chain(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, ConnKey key,
+                  uint8_t direction, const uint8_t *hdr, uint32_t available, uint32_t total);
+// A later segment of such a message: counts the chain's messages that it completes.
+void continue_chain(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, ConnKey key,
+                    uint8_t direction, const ByteReader &payload);
+
 inline void count_transform(smb_flow_data *rec, smb_queue_ctx *q) {
     if (q->activity) [[unlikely]]
         rec->security |= SMB_SEC_ENCRYPTED;
