@@ -33,11 +33,7 @@ inline uint32_t bit(uint16_t command) {
 struct Record {
     smb_flow_data rec;
     Record() { smb_record_init(&rec); }
-    ~Record() {
-        free(rec.file_name);
-        free(rec.tree_name);
-        free(rec.activity);
-    }
+    ~Record() { smb_record_release(&rec); }
     Record(const Record &) = delete;
     Record &operator=(const Record &) = delete;
     smb_flow_data *operator->() { return &rec; }
