@@ -256,14 +256,12 @@ const uint8_t *MappedCapture::view(size_t at, size_t len) {
         return window_base_ + (at - window_at_);
     const size_t start = at & ~(page_size() - 1);
     const size_t map_len = std::min(size_ - start, std::max(kWindow, at + len - start));
-    // Populated at once: every page of the window is read, and mapping them in one call costs
-    // less than a fault for every few pages. The window after it is asked for ahead, so that a
-    // file not yet in the page cache is read while this window's packets are processed.
-    void *m = mmap(nullptr, map_len, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd_,
-                   static_cast<off_t>(start));
+    // Not populated at mmap: a populated window is resident whole at once, which raises peak
+    // memory by a window for no less system time than the faults that map it page by page.
+    void *m = mmap(nullptr, map_len, PROT_READ, MAP_PRIVATE, fd_, static_cast<off_t>(start));
     if (m == MAP_FAILED) return nullptr;
-    if (start + map_len < size_)
-        posix_fadvise(fd_, static_cast<off_t>(start + map_len), kWindow, POSIX_FADV_WILLNEED);
+    madvise(m, map_len, MADV_SEQUENTIAL);
+    madvise(m, map_len, MADV_WILLNEED);
     // The previous window lives on in the batches that still reference it.
     window_ = std::make_shared<Window>(m, map_len);
     window_base_ = static_cast<const uint8_t *>(m);
