@@ -77,9 +77,11 @@ void Exporter::evaluate(const FieldDef &field, uint32_t position, host_flow_reco
         // A valid field whose fill writes nothing has no value for this flow, and its
         // default does not stand in for it either.
         if (binary_.writes == 0 && text_.writes == 0) return;
+        // Exchanged, not copied: the fill's buffers become the value's, and the value's old
+        // buffers are emptied for the next fill.
         value.kind = FieldValue::Kind::Value;
-        value.binary.assign(binary_.binary.begin(), binary_.binary.end());
-        value.text.assign(text_.text);
+        value.binary.swap(binary_.binary);
+        value.text.swap(text_.text);
         return;
     }
     if (field.has_default) {

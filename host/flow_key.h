@@ -27,14 +27,15 @@ struct ConnKey {
     uint16_t port_b = 0;
     uint8_t ip_version = 0;
     uint8_t protocol = 0;
-    uint64_t digest = 0;  // conn_hash of the fields above, set by conn_key_of
+    uint64_t digest = 0;  // conn_hash of the fields above, when set (conn_key_of)
 
-    // Every member, as the defaulted comparison would, but the addresses as two words each:
-    // the defaulted one calls memcmp for each address, several times for every packet.
+    // The endpoints and protocol, the addresses as two words each (the defaulted comparison
+    // calls memcmp for each address); the digest follows from them and is not compared, so
+    // that a key without it finds its entry.
     bool operator==(const ConnKey &o) const {
-        return digest == o.digest && port_a == o.port_a && port_b == o.port_b &&
-               ip_version == o.ip_version && protocol == o.protocol &&
-               same_words(addr_a, o.addr_a) && same_words(addr_b, o.addr_b);
+        return port_a == o.port_a && port_b == o.port_b && ip_version == o.ip_version &&
+               protocol == o.protocol && same_words(addr_a, o.addr_a) &&
+               same_words(addr_b, o.addr_b);
     }
 };
 
@@ -45,16 +46,31 @@ struct FlowKey {
     bool operator==(const FlowKey &) const = default;
 };
 
-// The packet's connection key, with its digest; `from_a` tells whether the packet's source
+// The packet's connection key without its digest; `from_a` tells whether the packet's source
 // is endpoint a.
+ConnKey oriented_key(const host_packet &pkt, bool &from_a);
+
+// The same with its digest.
 ConnKey conn_key_of(const host_packet &pkt, bool &from_a);
 
 // A 64-bit hash of the connection key's endpoints and protocol: the same for both directions
 // of a connection. Keys made by conn_key_of carry it as their digest.
 uint64_t conn_hash(const ConnKey &key);
 
+// A hash of the endpoints for the connection table, a few multiplications where the digest
+// takes five rounds of mixing: the table finds a connection's entry with it for every packet,
+// and the entry keeps the digest, made once.
 struct ConnKeyHash {
-    size_t operator()(const ConnKey &k) const { return k.digest; }
+    size_t operator()(const ConnKey &k) const {
+        uint64_t w[4];
+        memcpy(w, k.addr_a.data(), 16);
+        memcpy(w + 2, k.addr_b.data(), 16);
+        const uint64_t rest = uint64_t{k.port_a} << 32 | uint64_t{k.port_b} << 16 |
+                              uint64_t{k.ip_version} << 8 | k.protocol;
+        const uint64_t h = (w[0] ^ rest) * 0x9e3779b97f4a7c15ull ^ w[1] * 0xc2b2ae3d27d4eb4full ^
+                           w[2] * 0x165667b19e3779f9ull ^ (w[3] + rest) * 0xd6e8feb86659fd93ull;
+        return h ^ (h >> 29);
+    }
 };
 
 struct FlowKeyHash {

@@ -75,20 +75,18 @@ void Queue::drop(FlowEntry *e) {
 }
 
 void Queue::process(host_packet &pkt, uint64_t bytes) {
-    bool from_a;
-    const ConnKey ck = conn_key_of(pkt, from_a);
-    process(pkt, bytes, ck, from_a);
-}
-
-void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool from_a) {
     const uint64_t now = pkt.timestamp_ns;
     advance(now);
     ++stats_.packets;
 
     // The connection's first packet fixes which way is "the other way" until the flow
     // record is known; after the filter hooks the flow record's own first packet decides.
+    bool from_a;
+    ConnKey ck = oriented_key(pkt, from_a);
     auto [conn_entry, conn_new] = conns_.try_emplace(ck);
     Conn &conn = conn_entry->second;
+    if (conn_new) conn.digest = conn_hash(ck);
+    ck.digest = conn.digest;
     if (conn_new || (now > conn.last_ns && now - conn.last_ns >= config_.inactive_timeout_ns))
         conn.first_from_a = from_a;
     conn.last_ns = std::max(conn.last_ns, now);
@@ -108,7 +106,8 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
     if (pkt.flags & HOST_FLAG_SMB_RECORD) ++stats_.smb_record_packets;
 
     const FlowKey key{ck, pkt.flow_hash};
-    FlowEntry *it = flows_.find(key);
+    auto *it = static_cast<FlowEntry *>(conn.last_flow);
+    if (!it || !(it->first == key)) it = flows_.find(key);
     if (it && timed_out(it->second, now)) {
         const bool active = !(now - it->second.rec.last_ns >= config_.inactive_timeout_ns);
         hand_off(it->first, it->second, active ? ExportReason::Active : ExportReason::Inactive);
@@ -130,6 +129,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes, const ConnKey &ck, bool fr
         timeouts_.push(it, deadline(f));
         ++stats_.flows_created;
     }
+    conn.last_flow = it;
     Flow &flow = it->second;
     const unsigned dir = from_a != flow.src_is_a;
     pkt.flags = static_cast<uint16_t>((pkt.flags & ~HOST_FLAG_DIRECTION) | dir);

@@ -59,8 +59,6 @@ class Queue {
     // ports, ip_version, protocol, ipv4_aux16, tcp_flags and timestamp_ns; `bytes` is what
     // the packet counts in its flow. The queue sets flow_hash, flags and dir_counters.
     void process(host_packet &pkt, uint64_t bytes);
-    // The same with the packet's connection key already made (conn_key_of).
-    void process(host_packet &pkt, uint64_t bytes, const ConnKey &key, bool from_a);
 
     // Moves the queue's capture-time clock; flows idle or open too long are exported.
     void advance(uint64_t now_ns);
@@ -83,6 +81,11 @@ class Queue {
     struct Conn {
         bool first_from_a = true;
         uint64_t last_ns = 0;
+        uint64_t digest = 0;  // conn_hash of the key, made when the entry is
+        // The flow entry that the connection's last packet went to: the next packet usually
+        // goes there too, and finds it without a lookup. Entries never move and an erased one
+        // has an empty key, so the pointer is checked by comparing keys.
+        void *last_flow = nullptr;
     };
 
     bool timed_out(const Flow &flow, uint64_t now_ns) const;

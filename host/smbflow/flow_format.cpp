@@ -73,13 +73,31 @@ void append_hex(std::string &out, uint32_t v, int digits) {
     out.append(buf, 2 + digits);
 }
 
+// inet_ntop formats an IPv6 address through printf, several thousand instructions; a
+// connection's records repeat its two addresses, so each thread keeps the last few it made.
 void append_addr(std::string &out, const host_addr &addr, uint8_t ip_version) {
     if (ip_version == 4) {
         append_ipv4(out, addr.v4);
         return;
     }
-    char buf[INET6_ADDRSTRLEN];
-    out += inet_ntop(AF_INET6, addr.v6, buf, sizeof buf);
+    struct Made {
+        uint8_t addr[16];
+        char text[INET6_ADDRSTRLEN];
+        size_t len = 0;  // 0: empty
+    };
+    constexpr unsigned kMade = 8;
+    thread_local Made made[kMade];
+    thread_local unsigned next = 0;
+    for (const Made &m : made)
+        if (m.len && memcmp(m.addr, addr.v6, 16) == 0) {
+            out.append(m.text, m.len);
+            return;
+        }
+    Made &m = made[next];
+    next = (next + 1) % kMade;
+    memcpy(m.addr, addr.v6, 16);
+    m.len = strlen(inet_ntop(AF_INET6, addr.v6, m.text, sizeof m.text));
+    out.append(m.text, m.len);
 }
 
 }  // namespace
@@ -206,7 +224,9 @@ std::string format_tcp_flags(uint8_t flags) {
     return out;
 }
 
-void append_command_names(std::string &out, uint32_t word) {
+namespace {
+
+void make_command_names(std::string &out, uint32_t word) {
     const size_t start = out.size();
     auto add = [&](std::string_view name) {
         if (out.size() > start) out += '|';
@@ -220,6 +240,33 @@ void append_command_names(std::string &out, uint32_t word) {
     for (int n = 0; n <= 18; ++n)
         if (word & (1u << (8 + n))) add(kSmb2Commands[n]);
     if (word & 0x80000000u) add("ENCRYPTED");
+}
+
+}  // namespace
+
+// A capture's records carry few distinct command words, and each record two of them: the
+// names of the last few words are kept per thread instead of being put together again.
+void append_command_names(std::string &out, uint32_t word) {
+    struct Made {
+        uint32_t word = 0;
+        bool set = false;
+        std::string names;
+    };
+    constexpr unsigned kMade = 8;
+    thread_local Made made[kMade];
+    thread_local unsigned next = 0;
+    for (const Made &m : made)
+        if (m.set && m.word == word) {
+            out += m.names;
+            return;
+        }
+    Made &m = made[next];
+    next = (next + 1) % kMade;
+    m.names.clear();
+    make_command_names(m.names, word);
+    m.word = word;
+    m.set = true;
+    out += m.names;
 }
 
 std::string command_names(uint32_t word) {

@@ -225,6 +225,8 @@ bool MappedCapture::open(const std::string &path, const std::string &filter, boo
     // The low 16 bits of the link-type field are the link type; the bits above carry FCS
     // information (pcap file format, draft-ietf-opsawg-pcap).
     pcap_interface_ = {dlt_of(u32(h + 20) & 0xffff), nano ? 1'000'000'000ull : 1'000'000ull};
+    frac_ns_ = nano ? 1 : 1000;
+    plain_pcap_ = !stream_ && filter_.empty();
     pos_ = 24;
     const int link = pcap_interface_.link_type;
     if (!corvane_host::link_type_supported(link)) {
@@ -254,6 +256,8 @@ const uint8_t *MappedCapture::view(size_t at, size_t len) {
         return window_base_ + (at - window_at_);
     const size_t start = at & ~(page_size() - 1);
     const size_t map_len = std::min(size_ - start, std::max(kWindow, at + len - start));
+    // Not populated at mmap: a populated window is resident whole at once, which raises peak
+    // memory by a window for no less system time than the faults that map it page by page.
     void *m = mmap(nullptr, map_len, PROT_READ, MAP_PRIVATE, fd_, static_cast<off_t>(start));
     if (m == MAP_FAILED) return nullptr;
     madvise(m, map_len, MADV_SEQUENTIAL);
@@ -408,6 +412,26 @@ bool MappedCapture::more() {
 }
 
 ReadStatus MappedCapture::next(Frame &frame) {
+    // The common case on its own: a pcap record wholly in the current window of a mapped file
+    // without a filter. next_pcap takes everything else (a record across windows, the end, a
+    // corrupt length) and gives the same frames.
+    if (plain_pcap_) {
+        const size_t window_end = window_at_ + window_len_;
+        if (pos_ >= window_at_ && pos_ + 16 <= window_end) {
+            const uint8_t *h = window_base_ + (pos_ - window_at_);
+            const uint32_t caplen = u32(h + 8);
+            if (caplen <= kMaxRecord && caplen <= window_end - pos_ - 16) {
+                frame.ts_ns = uint64_t(u32(h)) * 1'000'000'000ull + uint64_t(u32(h + 4)) * frac_ns_;
+                frame.caplen = caplen;
+                frame.wire_len = u32(h + 12);
+                frame.data = h + 16;
+                frame.link_type = pcap_interface_.link_type;
+                frame.keeper = &window_;
+                pos_ += 16 + size_t{caplen};
+                return ReadStatus::Packet;
+            }
+        }
+    }
     ReadStatus rs = pcapng_ ? next_pcapng(frame) : next_pcap(frame);
     if (rs == ReadStatus::End && !stream_error_.empty()) rs = fail("read failed: " + stream_error_);
     if (rs == ReadStatus::Packet) frame.keeper = &window_;
@@ -425,9 +449,7 @@ ReadStatus MappedCapture::next_pcap(Frame &frame) {
         pos_ += 16 + caplen;
         const int link = pcap_interface_.link_type;
         if (!passes(link, data, caplen, wire)) continue;
-        frame.ts_ns =
-            uint64_t(secs) * 1'000'000'000ull +
-            (pcap_interface_.units_per_second == 1'000'000 ? uint64_t(frac) * 1000 : frac);
+        frame.ts_ns = uint64_t(secs) * 1'000'000'000ull + uint64_t(frac) * frac_ns_;
         frame.caplen = caplen;
         frame.wire_len = wire;
         frame.data = data;

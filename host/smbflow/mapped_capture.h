@@ -89,6 +89,8 @@ class MappedCapture {
     std::string stream_error_;  // stream: why the last read failed
     bool pcapng_ = false, swapped_ = false, filter_error_ = false, seen_interface_ = false;
     Interface pcap_interface_{};         // pcap: the file's one link type and resolution
+    uint64_t frac_ns_ = 1000;            // pcap: nanoseconds per unit of the stamp's fraction
+    bool plain_pcap_ = false;            // a mapped pcap file without a filter
     std::vector<Interface> interfaces_;  // pcapng: those of the current section
     using Program = std::unique_ptr<bpf_program, void (*)(bpf_program *)>;
     std::map<int, Program> programs_;

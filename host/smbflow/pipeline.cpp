@@ -41,8 +41,6 @@ struct Pipeline::Batch {
         host_packet pkt;
         uint64_t bytes;
         size_t offset;
-        ConnKey conn;  // made once here for the choice of queue, used again by the queue
-        bool from_a;
     };
     std::vector<uint8_t> arena;
     std::vector<Item> items;
@@ -135,11 +133,10 @@ void Pipeline::push(Worker &w) {
 void Pipeline::submit(const DecodedPacket &packet, const std::shared_ptr<const void> *keeper) {
     const host_packet &pkt = packet.pkt;
     clock_ns_ = std::max(clock_ns_, pkt.timestamp_ns);
-    bool from_a;
-    const ConnKey conn = conn_key_of(pkt, from_a);
-    Worker &w = *workers_[conn.digest % workers_.size()];
+    // With one queue there is nothing to choose, and the queue hashes the connection itself.
+    Worker &w = workers_.size() == 1 ? *workers_[0] : *workers_[queue_index(pkt, workers_.size())];
     Batch &b = filling(w);
-    b.items.push_back({pkt, packet.ip_bytes, kInPlace, conn, from_a});
+    b.items.push_back({pkt, packet.ip_bytes, kInPlace});
     if (keeper) {
         if (b.keep.empty() || b.keep.back() != *keeper) b.keep.push_back(*keeper);
     } else {
@@ -170,7 +167,7 @@ void Pipeline::worker_main(Worker &w) {
         Batch &b = **batch;
         for (auto &item : b.items) {
             if (item.offset != kInPlace) item.pkt.data = b.arena.data() + item.offset;
-            w.queue->process(item.pkt, item.bytes, item.conn, item.from_a);
+            w.queue->process(item.pkt, item.bytes);
         }
         w.queue->advance(b.clock_ns);
         if (w.handed.count) send(w, false);

@@ -25,8 +25,10 @@ TEST(FlowFormat, CommandNames) {
         {0x800000ff, "ENCRYPTED"},
         {0x00000072, "SMB1:0x72"},
     };
-    for (const Case &c : cases)
-        EXPECT_EQ(command_names(c.word), c.names) << std::hex << c.word;
+    // More words than the formatter keeps, in rounds: remembered names and evicted ones alike.
+    for (int round = 0; round < 3; ++round)
+        for (const Case &c : cases)
+            EXPECT_EQ(command_names(c.word), c.names) << std::hex << c.word << " round " << round;
 }
 
 TEST(FlowFormat, OperationWords) {
@@ -72,6 +74,19 @@ TEST(FlowFormat, SmallPieces) {
     b.v6[0] = 0xfd;
     b.v6[15] = 0x10;
     EXPECT_EQ(format_addr(b, 6), "fd00::10");
+    // IPv6 as the C library writes it, more addresses than the formatter keeps, in rounds so
+    // that remembered and evicted texts are both checked; some differ only in the last byte.
+    for (int round = 0; round < 3; ++round)
+        for (uint32_t v = 0; v < 20; ++v) {
+            host_addr a{};
+            a.v6[0] = 0x20;
+            a.v6[1] = 0x01;
+            a.v6[2 + v % 7] = static_cast<uint8_t>(v * 37);
+            a.v6[15] = static_cast<uint8_t>(v / 7);
+            char want[INET6_ADDRSTRLEN];
+            inet_ntop(AF_INET6, a.v6, want, sizeof want);
+            EXPECT_EQ(format_addr(a, 6), want) << "round " << round;
+        }
 }
 
 TEST(FlowFormat, Quoting) {
