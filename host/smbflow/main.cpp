@@ -145,15 +145,16 @@ int run(const Options &opts) {
         waited = true;
         pause_unless_signalled(1.0, [&] { return capture.interrupted(); });
     }
-    if (waited) error(fmt::format("capturing on {}", opts.interface));
     termination_signals(SIG_BLOCK);
-    // Written once the capture is open, so that its presence says the run is under way.
+    // Written once the capture is open, so that its presence says the run is under way (and
+    // before the message that says so, which whoever waited may act on).
     PidFile pid_file;
     if (!opts.pid_file.empty())
         if (auto problem = pid_file.write(opts.pid_file)) {
             error(*problem);
             return kExitOutput;
         }
+    if (waited) error(fmt::format("capturing on {}", opts.interface));
     if (!opts.user.empty())
         if (auto problem = drop_to_user(opts.user)) {
             error(*problem);
