@@ -181,7 +181,8 @@ MUTATIONS = [
      "for (const FieldValue *v : {smb.file_name, smb.tree}) {",
      "share and file name columns swapped"),
     # smbflow: the export split (post-processing on the queue's thread, fields on the export
-    # thread), payload trimming, the mapped capture reader, IPFIX records, the flat flow table.
+    # thread), payload trimming, the mapped capture and stream readers, IPFIX records, the flat
+    # flow table, client-first orientation, rotation, parameter checks; the activity counters.
     ("pipeline-no-postprocess", "smbflow/pipeline", "host/smbflow/pipeline.cpp",
      "            raw->exporter.postprocess(f);\n", "",
      "flows handed out during the run exported without post-processing"),
@@ -203,6 +204,33 @@ MUTATIONS = [
      "if (((next - home) & mask()) >= ((next - s) & mask())) {",
      "if (((next - home) & mask()) > ((next - s) & mask())) {",
      "erase leaves entries that the hole cuts off from their home slot"),
+    ("stream-keep", "smbflow/stream reader", "host/smbflow/mapped_capture.cpp",
+     "const size_t keep = window_base_ && held_end > at ? held_end - at : 0;",
+     "const size_t keep = 0;",
+     "a record that straddles two stream buffers loses the bytes already read"),
+    ("stream-short-read", "smbflow/stream reader", "host/smbflow/mapped_capture.cpp",
+     "    while (window_at_ + filled_ < at + len) {", "    if (window_at_ + filled_ < at + len) {",
+     "a pipe that gives a record in pieces reads as a truncated capture"),
+    ("ipfix-extra-endian", "smbflow/ipfix", "host/smbflow/ipfix_extra.cpp",
+     "uint32_t{FB_IE_DEFAULT} | (number ? uint32_t{FB_IE_F_ENDIAN} : 0u)",
+     "uint32_t{FB_IE_DEFAULT}",
+     "plug-in number elements sent in host byte order"),
+    ("orient-flags", "smbflow/orientation", "host/smbflow/orientation.cpp",
+     "    std::swap(rec.tcp_flags[0], rec.tcp_flags[1]);\n", "",
+     "a turned-around flow keeps each direction's TCP flags on the other side"),
+    ("rotate-late-row", "smbflow/rotation", "host/smbflow/rotation.cpp",
+     "if (!open_ || slot > slot_) {", "if (!open_ || slot != slot_) {",
+     "a flow that ends in an earlier interval than the open file's is dropped"),
+    ("param-max", "smbflow/params", "host/smbflow/param_check.cpp",
+     "if (!v || *v < d->min || *v > d->max)", "if (!v || *v < d->min || *v > d->max + 1)",
+     "a value one above a parameter's declared maximum accepted"),
+    ("activity-warning-errors", "activity/errors", P + "smb_parser_activity.cpp",
+     "return (status >> 30) == 3 && status != kStatusMoreProcessingRequired;",
+     "return (status >> 30) >= 2 && status != kStatusMoreProcessingRequired;",
+     "warnings (STATUS_BUFFER_OVERFLOW, STATUS_NO_MORE_FILES) counted as errors"),
+    ("activity-merge-errors", "activity/merge", P + "smb_activity.cpp",
+     "    into->errors += from->errors;\n", "",
+     "errors of merged records (parked counters, later packets) lost"),
 ]
 
 # Left out of the default pass to keep it within about half an hour on two cores (--all runs
