@@ -103,7 +103,9 @@ TEST_P(FilterCases, SetFlagsAndSlot) {
     EXPECT_EQ(pkt.flags, c.flags);
     EXPECT_EQ(slot != nullptr, c.record);
     // smbflow's copy of a live packet keeps the payload of whatever the plug-in parses.
-    if (c.record) EXPECT_EQ(smbflow::PayloadNeed::tcp_port(c.port).bytes(pkt), pkt.length);
+    if (c.record) {
+        EXPECT_EQ(smbflow::PayloadNeed::tcp_port(c.port).bytes(pkt), pkt.length);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
