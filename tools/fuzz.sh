@@ -5,11 +5,11 @@
 #
 #   tools/fuzz.sh [-t SECONDS] [-r RUNS] [-w WORKERS] [HARNESS...]
 #
-#   -t SECONDS  time per harness (default 120; four harnesses then take 8 minutes)
+#   -t SECONDS  time per harness (default 120; five harnesses then take 10 minutes)
 #   -r RUNS     stop each harness after this many executions instead (for long campaigns;
 #               the time limit still applies when -t is given as well)
 #   -w WORKERS  parallel fuzzing processes per harness (default 1)
-#   HARNESS     params, payload, capture, zlogconf (default: all four; one that was not built
+#   HARNESS     params, payload, capture, stream, zlogconf (default: all five; one that was not built
 #               fails the run)
 #
 # A crash leaves its input in build-fuzz/crashes/<harness>/ and makes the script fail; copy the
@@ -42,7 +42,7 @@ if ! ninja -C "$build" fuzz > "$build/fuzz-build.log" 2>&1; then
 fi
 
 harnesses=("$@")
-[ ${#harnesses[@]} -eq 0 ] && harnesses=(params payload capture zlogconf)
+[ ${#harnesses[@]} -eq 0 ] && harnesses=(params payload capture stream zlogconf)
 
 # Seeds made from the captures, when the harness takes them.
 make_seeds() {
@@ -51,7 +51,7 @@ make_seeds() {
   mkdir -p "$out"
   case "$h" in
     payload) "$build/fuzz/fuzz_seeds" "$out" tests/data/captures/*.pcap > /dev/null ;;
-    capture) cp tests/data/captures/*.pcap "$out"/ ;;
+    capture | stream) cp tests/data/captures/*.pcap "$out"/ ;;
   esac
   echo "$out"
 }
@@ -78,7 +78,7 @@ for h in "${harnesses[@]}"; do
   [ -n "$runs" ] && args+=(-runs="$runs")
   [ -r "fuzz/$h.dict" ] && args+=(-dict="fuzz/$h.dict")
   # Whole capture files: keep them small enough to run a few hundred times a second.
-  [ "$h" = capture ] && args+=(-max_len=65536)
+  case "$h" in capture | stream) args+=(-max_len=65536) ;; esac
   log=$build/fuzz-$h.log
   echo "=== fuzz_$h (${seconds:+${seconds}s}${runs:+ ${runs} runs}, $workers worker(s))"
   # Slow units are only noted; crashes, leaks, timeouts and out-of-memory inputs fail the run.

@@ -379,7 +379,7 @@ const uint8_t *MappedCapture::stream_view(size_t at, size_t len) {
     if (window_base_ && at >= window_at_ && at + len <= held_end)
         return window_base_ + (at - window_at_);
     if (!window_base_ || at < window_at_ || at + len > window_at_ + window_len_) {
-        const size_t capacity = std::max(kWindow, len);
+        const size_t capacity = std::max(stream_buffer_ ? stream_buffer_ : kWindow, len);
         std::shared_ptr<uint8_t[]> buffer(new uint8_t[capacity]);
         const size_t keep = window_base_ && held_end > at ? held_end - at : 0;
         if (keep) memcpy(buffer.get(), window_base_ + (at - window_at_), keep);
@@ -390,8 +390,9 @@ const uint8_t *MappedCapture::stream_view(size_t at, size_t len) {
         filled_ = keep;
     }
     while (window_at_ + filled_ < at + len) {
-        const ssize_t n =
-            ::read(fd_, const_cast<uint8_t *>(window_base_) + filled_, window_len_ - filled_);
+        size_t want = window_len_ - filled_;
+        if (stream_read_max_) want = std::min(want, stream_read_max_);
+        const ssize_t n = ::read(fd_, const_cast<uint8_t *>(window_base_) + filled_, want);
         if (n > 0) {
             filled_ += static_cast<size_t>(n);
         } else if (n == 0) {

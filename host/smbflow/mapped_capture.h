@@ -46,6 +46,13 @@ class MappedCapture {
     // `stream`: the path ("-" for standard input) is read forward as it comes (a FIFO, a pipe),
     // not mapped.
     bool open(const std::string &path, const std::string &filter, bool stream = false);
+    // A stream's buffers and reads made smaller than a pipe's (4 MiB buffers, reads of what the
+    // writer has given), so that tests and the fuzzer meet records that straddle two buffers
+    // and arrive in pieces. 0 keeps the default; before open().
+    void set_stream_sizes(size_t buffer, size_t per_read) {
+        stream_buffer_ = buffer;
+        stream_read_max_ = per_read;
+    }
     ~MappedCapture();
 
     // The next packet that passes the filter: Packet, End, or Error for a malformed or cut
@@ -85,8 +92,9 @@ class MappedCapture {
     const uint8_t *window_base_ = nullptr;
     size_t window_at_ = 0, window_len_ = 0;
     bool stream_ = false;
-    size_t filled_ = 0;         // stream: bytes of the window read so far
-    std::string stream_error_;  // stream: why the last read failed
+    size_t filled_ = 0;                               // stream: bytes of the window read so far
+    size_t stream_buffer_ = 0, stream_read_max_ = 0;  // see set_stream_sizes
+    std::string stream_error_;                        // stream: why the last read failed
     bool pcapng_ = false, swapped_ = false, filter_error_ = false, seen_interface_ = false;
     Interface pcap_interface_{};         // pcap: the file's one link type and resolution
     uint64_t frac_ns_ = 1000;            // pcap: nanoseconds per unit of the stamp's fraction

@@ -7,6 +7,7 @@
 
 #include "mini_host.h"
 #include "frame_util.h"
+#include "payload_need.h"
 #include "smb2_builder.h"
 #include "smb_data_table.h"
 
@@ -101,6 +102,10 @@ TEST_P(FilterCases, SetFlagsAndSlot) {
     owned_slot result(static_cast<smb_flow_data *>(slot));
     EXPECT_EQ(pkt.flags, c.flags);
     EXPECT_EQ(slot != nullptr, c.record);
+    // smbflow's copy of a live packet keeps the payload of whatever the plug-in parses.
+    if (c.record) {
+        EXPECT_EQ(smbflow::PayloadNeed::tcp_port(c.port).bytes(pkt), pkt.length);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <map>
 #include <regex>
 #include <thread>
 
@@ -449,6 +450,23 @@ TEST(Ipfix, FlowEndReasonsAreTheRegisteredValues) {
     EXPECT_EQ(ipfix::flow_end_reason(ExportReason::Inactive), 1);
     EXPECT_EQ(ipfix::flow_end_reason(ExportReason::Active), 2);
     EXPECT_EQ(ipfix::flow_end_reason(ExportReason::End), 4);
+}
+
+// Each record carries its own end reason (read back by ipfixDump): with a 1 s idle timeout the
+// sample's four records that end at 10:00:00.1 end idle while the capture goes on, and its three
+// of 10:00:02.0 end with the input.
+TEST(Ipfix, EachRecordCarriesItsOwnEndReason) {
+    TempDir tmp;
+    const auto r = run_command({SMBFLOW, "-q", kSample, "--inactive-timeout", "1", "--ipfix",
+                                "file:" + tmp.path("reasons.ipfix")});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto dump = run_command({"/usr/bin/ipfixDump", "-i", tmp.path("reasons.ipfix")});
+    ASSERT_EQ(dump.status, 0);
+    std::map<std::string, int> reasons;
+    const std::regex reason(R"(flowEndReason[^:\n]*:\s*(\d+))");
+    for (std::sregex_iterator m(dump.out.begin(), dump.out.end(), reason), end; m != end; ++m)
+        ++reasons[(*m)[1]];
+    EXPECT_EQ(reasons, (std::map<std::string, int>{{"1", 4}, {"4", 3}})) << dump.out;
 }
 
 // The element file that the repository ships defines the elements that smbflow sends.

@@ -9,6 +9,7 @@
 #include <regex>
 
 #include "run_command.h"
+#include "smb_session.h"
 
 namespace {
 
@@ -53,6 +54,27 @@ TEST(SmbflowRotate, OneFilePerIntervalOfCaptureTime) {
     }
     const auto usage = run_command({SMBFLOW, "-q", "--rotate", "60", kSample});
     EXPECT_EQ(usage.status, 2) << "--rotate without -o";
+}
+
+// Records are written as they end: one that ends in an earlier interval than the open file's (a
+// short flow left at the end of input behind a longer one that started first) goes into the
+// open file, so that none is lost and no earlier file is written over.
+TEST(SmbflowRotate, ARecordOfAnEarlierIntervalGoesIntoTheOpenFile) {
+    using namespace testnet;
+    TempDir tmp;
+    constexpr uint64_t kT0 = 1709632800'000'000'000ull, kSecond = 1'000'000'000ull;
+    const auto long_flow = udp_datagram(ipv4(10, 0, 0, 1), ipv4(10, 0, 0, 2), 5000, 53, {1});
+    const std::vector<Packet> packets = {
+        {kT0, long_flow},
+        {kT0 + kSecond, udp_datagram(ipv4(10, 0, 0, 3), ipv4(10, 0, 0, 2), 5001, 53, {2})},
+        {kT0 + 5 * kSecond, long_flow}};
+    write_pcap(tmp.path("late.pcap"), kEthernet, frames_of(kEthernet, packets));
+    const auto r = run_command({SMBFLOW, "-q", "--no-plugin", "--rotate", "1", "-o",
+                                tmp.path("out-%H%M%S.csv"), tmp.path("late.pcap")});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(lines_of(read_file(tmp.path("out-100005.csv"))).size(), 3u)
+        << "the header and both records";
+    EXPECT_FALSE(std::filesystem::exists(tmp.path("out-100001.csv")));
 }
 
 // SIGUSR1 asks for a statistics line at once; the reading goes on. The pid file holds the
