@@ -77,9 +77,10 @@ void Exporter::evaluate(const FieldDef &field, uint32_t position, host_flow_reco
         // A valid field whose fill writes nothing has no value for this flow, and its
         // default does not stand in for it either.
         if (binary_.writes == 0 && text_.writes == 0) return;
+        // The buffers change places, so that no bytes are copied and both keep their capacity.
         value.kind = FieldValue::Kind::Value;
-        value.binary.assign(binary_.binary.begin(), binary_.binary.end());
-        value.text.assign(text_.text);
+        value.binary.swap(binary_.binary);
+        value.text.swap(text_.text);
         return;
     }
     if (field.has_default) {
