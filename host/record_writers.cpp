@@ -1,6 +1,7 @@
 // The four record writers that field fill callbacks call. Each returns the number of bytes it
 // appended to the output (binary form) or the length of the text it appended, or -1 for an
 // argument it cannot use.
+#include <charconv>
 #include <cstring>
 
 #include "field_output.h"
@@ -36,7 +37,10 @@ HOST_API int record_universal_get_num(void *output, const void *value, uint32_t 
     auto *out = static_cast<FieldOutput *>(output);
     const auto *bytes = static_cast<const uint8_t *>(value);
     if (byte_order == corvane_host::kByteOrderHost) {
-        out->binary.insert(out->binary.end(), bytes, bytes + size);
+        // Called for every number of every record: a resize and a copy of at most 8 bytes.
+        const size_t at = out->binary.size();
+        out->binary.resize(at + size);
+        std::memcpy(out->binary.data() + at, bytes, size);
     } else {
         for (uint32_t i = size; i-- > 0;)
             out->binary.push_back(bytes[i]);
@@ -49,10 +53,15 @@ HOST_API int record_universal_get_txt_num(void *output, const void *value, uint3
                                           uint32_t) {
     if (!output || !value || !number_size_ok(size)) return -1;
     auto *out = static_cast<FieldOutput *>(output);
-    const std::string text = corvane_host::number_text(static_cast<const uint8_t *>(value), size);
-    out->text += text;
+    const auto *bytes = static_cast<const uint8_t *>(value);
+    uint64_t v = 0;
+    for (uint32_t i = 0; i < size; ++i)
+        v |= static_cast<uint64_t>(bytes[i]) << (8 * i);
+    char text[20];
+    const auto end = std::to_chars(text, text + sizeof text, v).ptr;
+    out->text.append(text, end);
     ++out->writes;
-    return static_cast<int>(text.size());
+    return static_cast<int>(end - text);
 }
 
 HOST_API int record_universal_get_txt_string(void *output, const void *buffer, uint32_t size,

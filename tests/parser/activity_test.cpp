@@ -245,6 +245,7 @@ struct LongChainCut {
     std::vector<size_t> sizes;  // of the segments; the rest of the chain follows in one
     std::set<size_t> lost;      // segments that never arrive
     uint32_t timed, errors;
+    uint32_t ioctl_next_command = 72;  // as the chain is built
 };
 
 // The chain's messages start at 4 (READ), 10084 (IOCTL) and 10156 (CLOSE) of the payload.
@@ -261,6 +262,7 @@ const LongChainCut kLongChainCuts[] = {
     {"ioctl_whole_in_first_segment", {10160}, {}, 3, 1},
     {"one_byte_segments", bytes_then_ones(10000, 300), {}, 3, 1},
     {"lost_segment", {1400, 1400, 1400}, {1}, 1, 0},
+    {"next_command_inside_the_header", {1400, 8700}, {}, 1, 0, 8},
 };
 
 class LongChains : public testing::TestWithParam<LongChainCut> {};
@@ -271,11 +273,13 @@ TEST_P(LongChains, CountEveryMessageAcrossTheSegments) {
     h.send_at(1 * kMs, request(READ, 30, kTree, request_body(READ, kFile)));
     h.send_at(1 * kMs, request(IOCTL, 31, kTree, request_body(IOCTL, kFile)));
     h.send_at(1 * kMs, request(CLOSE, 32, kTree, request_body(CLOSE, kFile)));
-    const Bytes chain =
+    Bytes chain =
         session(compound({response(READ, 30, kTree, read_response_body(Bytes(10000, 0x5a))),
                           response(IOCTL, 31, kTree, response_body(ECHO), kStatusAccessDenied),
                           response(CLOSE, 32, kTree, response_body(CLOSE))}));
     ASSERT_EQ(chain.size(), 10280u);
+    for (int i = 0; i < 4; ++i)
+        chain[10084 + 20 + i] = uint8_t(cut.ioctl_next_command >> (8 * i));
     smb_activity sum{};
     const auto segments = split(chain, cut.sizes);
     for (size_t i = 0; i < segments.size(); ++i) {

@@ -83,6 +83,11 @@ class ChainWalk {
     uint32_t needed(const uint8_t *m) const { return std::min(length_of(m), kHead); }
 
     void count_and_step(const uint8_t *m, uint32_t bytes) {
+        // A NextCommand shorter than a header leaves no message to count.
+        if (bytes < SMB2_HEADER_SIZE) {
+            c_.active = 0;
+            return;
+        }
         const Smb2Message msg(m, bytes);
         if (memcmp(m, kProtocolId, sizeof kProtocolId) != 0 || msg.is_response() != c_.direction) {
             c_.active = 0;
