@@ -5,6 +5,7 @@
 #include "../../../../lib/utils_alloc.h"
 #include "smb.h"
 #include "smb_activity.h"
+#include "smb_who.h"
 
 const uint32_t smb_cmd_invalid = SMB_CMD_INVALID;
 const uint8_t smb_type_invalid = SMB_TYPE_INVALID;
@@ -37,6 +38,7 @@ smb_flow_data *smb_record_copy(const smb_flow_data *src) {
     rec->file_name = copy_name(src->file_name);
     rec->tree_name = copy_name(src->tree_name);
     if (src->activity) rec->activity = smb_activity_copy(src->activity);
+    rec->who = smb_who_copy(src->who);
     return rec;
 }
 
@@ -46,6 +48,7 @@ void smb_record_free(host_slot *slot) {
     free(rec->file_name);
     free(rec->tree_name);
     if (rec->activity) free(rec->activity);
+    free(rec->who);
     free(rec);
     *slot = nullptr;
 }
