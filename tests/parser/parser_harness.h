@@ -37,6 +37,7 @@ struct Record {
         free(rec.file_name);
         free(rec.tree_name);
         free(rec.activity);
+        free(rec.who);
     }
     Record(const Record &) = delete;
     Record &operator=(const Record &) = delete;
