@@ -47,6 +47,9 @@ RULES = {
                  "tshark shows its workstation",
     "no-ntlmssp": "a SESSION_SETUP request without an NTLMSSP AUTHENTICATE (Kerberos, or a "
                   "first leg) names nobody",
+    "cut-authenticate": "a SESSION_SETUP request longer than its first TCP segment is read from "
+                        "that segment only (as every single message): its AUTHENTICATE names "
+                        "nobody",
     "before-auth": "a record whose last session message came before its session's AUTHENTICATE "
                    "(the NEGOTIATE and first SESSION_SETUP legs) has no names",
     "name-head": "a name longer than 63 UTF-16 units keeps its first 63",
@@ -77,7 +80,8 @@ class WhoParser(model.Parser):
         self.contexts: dict[tuple, str] = {}  # (client, port, file id, context) -> UUID
         self.who_rules: Counter = Counter()
 
-    def note(self, pkt: model.Packet, rec: model.Record, m: wire.Smb2Message) -> None:
+    def note(self, pkt: model.Packet, rec: model.Record, m: wire.Smb2Message,
+             available: int) -> None:
         when = activity.us(pkt.seg.time)
         if m.session_id not in (0, RELATED_SESSION):
             rec.session = (m.session_id, when)
@@ -85,7 +89,9 @@ class WhoParser(model.Parser):
             return
         key = pkt.key(0)
         if m.command == SESSION_SETUP and m.session_id:
-            if m.auth is None:
+            if m.auth is not None and available < m.size:
+                self.who_rules["cut-authenticate"] += 1
+            elif m.auth is None:
                 self.who_rules["no-ntlmssp"] += 1
             elif not m.auth[0]:
                 self.who_rules["anonymous"] += 1
@@ -117,12 +123,12 @@ class WhoParser(model.Parser):
                 calls["request"] = uuid
 
     def parse_normal(self, pkt, rec, m, available):
-        self.note(pkt, rec, m)
+        self.note(pkt, rec, m, available)
         return super().parse_normal(pkt, rec, m, available)
 
     def walk(self, pdu, available):
         for m, avail in super().walk(pdu, available):
-            self.note(self.current_pkt, self.current_rec, m)
+            self.note(self.current_pkt, self.current_rec, m, avail)
             yield m, avail
 
     def packet(self, seg):
