@@ -8,7 +8,8 @@ on the \\svcctl pipe (the server rejects the interface; the BIND and REQUEST are
 
     impacket_rpc.py HOST USER PASSWORD DOMAIN
 
-Calls that the server refuses are expected (Samba implements no service creation and no task
+It speaks SMB 2.1: impacket encrypts every SMB 3 session that the server lets it, and the
+calls are to be seen. Calls that the server refuses are expected (Samba implements no service creation and no task
 scheduler). Exit status 0 when the logon, the ADMIN$ write and the svcctl bind succeeded.
 """
 
@@ -59,17 +60,19 @@ def task_scheduler(conn, host: str) -> None:
             dce = pipe(conn, host, r"\svcctl")
         bound = attempt("bind", lambda: dce.bind(uuid)) is not None
         if not bound:
-            # The server answers no call on a rejected context: send the REQUEST only.
+            # The server answers no call on a rejected context: send the REQUEST only, in
+            # fragments of the size a bind would have agreed.
             def no_answer():
                 raise TimeoutError("no answer awaited on a rejected context")
             dce.recv = no_answer
+            dce.set_max_tfrag(4280)
         attempt("call", lambda: call(dce))
         attempt("disconnect", dce.disconnect)
 
 
 def main() -> int:
     host, user, password, domain = sys.argv[1:5]
-    conn = SMBConnection(host, host, preferredDialect=smb3structs.SMB2_DIALECT_30)
+    conn = SMBConnection(host, host, preferredDialect=smb3structs.SMB2_DIALECT_21)
     conn.login(user, password, domain)
     conn.putFile("ADMIN$", "smbgensvc.exe", io.BytesIO(b"MZ" + b"\0" * 510).read)
     service_control(conn, host)
