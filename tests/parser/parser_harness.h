@@ -19,6 +19,7 @@
 #include "smb_message_table2.h"
 #include "smb_parser.h"
 #include "smb_tree_table.h"
+#include "smb_who.h"
 #include "support/names.h"
 #include "host_interface.h"
 
@@ -37,7 +38,7 @@ struct Record {
         free(rec.file_name);
         free(rec.tree_name);
         free(rec.activity);
-        free(rec.who);
+        smb_who_free(rec.who);
     }
     Record(const Record &) = delete;
     Record &operator=(const Record &) = delete;

@@ -282,11 +282,11 @@ TEST(WhoParser, IdentityAppliesFromTheAuthenticateRequestOn) {
         h.send_at(c.ns, before);
         EXPECT_EQ(h.rec()->session_id, kSession);
         const smb_who *w = h.complete(nullptr);
-        ASSERT_EQ(w != nullptr && w->has_identity, c.named);
+        ASSERT_EQ(w != nullptr && w->identity != nullptr, c.named);
         if (c.named) {
-            EXPECT_EQ(text(w->identity.user), "alice");
-            EXPECT_EQ(text(w->identity.domain), "CORP");
-            EXPECT_EQ(text(w->identity.workstation), "WS01");
+            EXPECT_EQ(text(w->identity->user), "alice");
+            EXPECT_EQ(text(w->identity->domain), "CORP");
+            EXPECT_EQ(text(w->identity->workstation), "WS01");
         }
     }
 }
@@ -309,7 +309,7 @@ TEST(WhoParser, NoIdentityForAnonymousKerberosOrAnotherSession) {
         m.header.session_id = c.record_session;
         h.send_at(200, m);
         const smb_who *w = h.complete(nullptr);
-        EXPECT_TRUE(w == nullptr || !w->has_identity);
+        EXPECT_TRUE(w == nullptr || !w->identity);
     }
 }
 
@@ -417,7 +417,7 @@ TEST(WhoMerge, LaterSessionAndInterfaceWinCallsAddUp) {
     smb_flow_data none{};
     smb_who_take(&flow, &none);
     EXPECT_EQ(flow.session_id, 2u);
-    free(flow.who);
+    smb_who_free(flow.who);
 }
 
 }  // namespace

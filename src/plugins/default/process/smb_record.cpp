@@ -48,7 +48,7 @@ void smb_record_free(host_slot *slot) {
     free(rec->file_name);
     free(rec->tree_name);
     if (rec->activity) free(rec->activity);
-    free(rec->who);
+    smb_who_free(rec->who);
     free(rec);
     *slot = nullptr;
 }

@@ -138,11 +138,24 @@ smb_who *smb_who_of(smb_flow_data *rec) {
     return rec->who;
 }
 
+static smb::ntlmssp::Identity *copy_identity(const smb::ntlmssp::Identity &names) {
+    auto *copy = static_cast<smb::ntlmssp::Identity *>(corvaneexp_malloc(sizeof names, 0));
+    *copy = names;
+    return copy;
+}
+
 smb_who *smb_who_copy(const smb_who *w) {
     if (!w) return nullptr;
     auto *copy = static_cast<smb_who *>(corvaneexp_malloc(sizeof(smb_who), 0));
     *copy = *w;
+    if (w->identity) copy->identity = copy_identity(*w->identity);
     return copy;
+}
+
+void smb_who_free(smb_who *w) {
+    if (!w) return;
+    free(w->identity);
+    free(w);
 }
 
 void smb_who_take(smb_flow_data *into, smb_flow_data *from) {
@@ -168,7 +181,7 @@ void smb_who_take(smb_flow_data *into, smb_flow_data *from) {
         to->bound_interface = w->bound_interface;
         to->has_bound_interface = 1;
     }
-    free(w);
+    smb_who_free(w);
 }
 
 const smb::dcerpc::Uuid *smb_who_interface(const smb_who *w) {
@@ -220,8 +233,10 @@ void smb_who_complete(smb_plugin_ctx *ctx, smb_flow_data *rec, uint32_t client_a
         names = s->names;
     }
     smb_who *w = smb_who_of(rec);
-    w->identity = names;
-    w->has_identity = 1;
+    if (w->identity)
+        *w->identity = names;
+    else
+        w->identity = copy_identity(names);
 }
 
 void smb_who_note(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,

@@ -23,14 +23,15 @@ struct smb_who {
     uint32_t calls;                       // REQUEST PDUs, first fragments only
     uint8_t has_request_interface;
     uint8_t has_bound_interface;
-    // The session's names, filled in at post-processing.
-    uint8_t has_identity;
-    smb::ntlmssp::Identity identity;
+    // The session's names, owned, or null: filled in at post-processing only, so that the
+    // block of a record in the flow cache stays small.
+    smb::ntlmssp::Identity *identity;
 };
 
 // The record's block, allocated zero-filled on first use.
 smb_who *smb_who_of(smb_flow_data *rec);
 smb_who *smb_who_copy(const smb_who *w);
+void smb_who_free(smb_who *w);
 
 // Moves the packet record's session reference and remote calls into the flow's record: the
 // later session wins, calls and opnums add up, the later interfaces win.

@@ -29,8 +29,8 @@ bool has_text(const uint8_t *name) {
 template <int Name>
 const uint8_t *name_of(host_slot *slot) {
     const smb_flow_data *rec = smb2_record(slot);
-    if (!rec || !rec->who || !rec->who->has_identity) return nullptr;
-    const smb::ntlmssp::Identity &id = rec->who->identity;
+    if (!rec || !rec->who || !rec->who->identity) return nullptr;
+    const smb::ntlmssp::Identity &id = *rec->who->identity;
     const uint8_t *name = Name == kUser ? id.user : Name == kDomain ? id.domain : id.workstation;
     return has_text(name) ? name : nullptr;
 }
