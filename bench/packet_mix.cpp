@@ -7,6 +7,7 @@
 #include "cv_log.h"
 #include "mini_host.h"
 #include "smb_parser.h"
+#include "smb_who.h"
 #include "tcp_capture.h"
 
 namespace bench {
@@ -130,6 +131,7 @@ int32_t run_parse(smb_queue_ctx *q, const packet &p) {
     free(rec.file_name);
     free(rec.tree_name);
     if (rec.activity) free(rec.activity);
+    smb_who_free(rec.who);
     return r;
 }
 

@@ -245,11 +245,11 @@ void smb_who_note(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
     if (msg.is_response()) return;
     switch (msg.command()) {
         case SMB2_SESSION_SETUP:
-            note_authenticate(pkt, q, msg);
+            if (q->sessiontable) note_authenticate(pkt, q, msg);
             break;
         case SMB2_WRITE:
         case SMB2_IOCTL:
-            note_pipe_request(pkt, rec, q, msg);
+            if (q->pipetable) note_pipe_request(pkt, rec, q, msg);
             break;
         default:
             break;
