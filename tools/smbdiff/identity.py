@@ -58,6 +58,10 @@ RULES = {
     "not-ipc": "PDUs on a file of a tree that is not IPC$ (or not known) are not remote calls",
 }
 
+# tshark's interface names where they are not the service's (compared case-insensitively).
+TSHARK_SERVICES = {"rpc_netlogon": "netlogon", "epmv4": "epmapper",
+                   "taskschedulerservice": "itaskschedulerservice"}
+
 WHO_COLUMNS = ("smb_user", "smb_domain", "smb_workstation", "smb_rpc_interface",
                "smb_rpc_opnums", "smb_rpc_calls")
 
@@ -79,6 +83,7 @@ class WhoParser(model.Parser):
         self.auths: dict[tuple, tuple] = {}  # (client, port, session) -> (time us, names)
         self.contexts: dict[tuple, str] = {}  # (client, port, file id, context) -> UUID
         self.who_rules: Counter = Counter()
+        self.service_names: dict[str, str] = {}  # interface UUID -> tshark's name for it
 
     def note(self, pkt: model.Packet, rec: model.Record, m: wire.Smb2Message,
              available: int) -> None:
@@ -107,9 +112,11 @@ class WhoParser(model.Parser):
         calls = rec.__dict__.setdefault("calls", {"calls": 0, "opnums": 0, "request": None,
                                                    "bound": None})
         if pdu.ptype in (BIND, ALTER_CONTEXT):
-            for ctx, uuid in pdu.contexts:
+            for ctx, uuid, name in pdu.contexts:
                 self.contexts[pipe + (ctx,)] = uuid
                 calls["bound"] = uuid
+                if name:
+                    self.service_names[uuid] = TSHARK_SERVICES.get(name.lower(), name.lower())
         elif pdu.ptype == REQUEST and pdu.opnum is not None:
             if not pdu.flags & FIRST_FRAGMENT:
                 self.who_rules["later-fragment"] += 1
@@ -215,6 +222,21 @@ class WhoModel(model.Model):
         return exp
 
 
+def service_differences(lines, names: dict[str, str]) -> tuple[int, list[str]]:
+    """smbflow's service column against tshark's name of each interface it shows."""
+    diffs, compared = [], 0
+    for line in lines:
+        r = json.loads(line) if line.strip() else {}
+        uuid = r.get("smb_rpc_interface")
+        if uuid is None or uuid not in names:
+            continue
+        compared += 1
+        if (r.get("smb_rpc_service") or "").lower() != names[uuid]:
+            diffs.append(f"interface {uuid}: tshark names it {names[uuid]!r}, smbflow's service "
+                         f"column {r.get('smb_rpc_service')!r}")
+    return compared, diffs
+
+
 def read_written(lines, port: int) -> dict[tuple, list]:
     """smbflow's records per connection: (six fields, who values)."""
     out = defaultdict(list)
@@ -276,6 +298,8 @@ def check_capture(cap: wire.Capture, path: str, run: activity.Run, args):
     expected = m.run(cap)
     lines = smbdiff.run_smbflow(args.smbflow, args.plugin, path, params, run.queues, timeouts)
     diffs = compare(expected, read_written(lines, run.port))
+    services, service_diffs = service_differences(lines, m.parser.service_names)
+    diffs += service_diffs
     whos = [e.who for e in expected]
     info = Counter(records=len(expected),
                    identities=sum(1 for w in whos if w.user is not None),
@@ -283,14 +307,15 @@ def check_capture(cap: wire.Capture, path: str, run: activity.Run, args):
                    pipe_records=sum(1 for w in whos if w.interface or w.calls),
                    interfaces=sum(1 for w in whos if w.interface),
                    opnums=sum(bin(w.opnums).count("1") for w in whos),
-                   calls=sum(w.calls for w in whos))
+                   calls=sum(w.calls for w in whos), services=services)
     return info, diffs, m.parser.who_rules
 
 
 def describe(info: Counter) -> str:
     return (f"{info['records']} records, {info['identities']} with an identity "
             f"({info['users']} users), {info['pipe_records']} pipe records, "
-            f"{info['interfaces']} interfaces, {info['opnums']} opnums, {info['calls']} calls")
+            f"{info['interfaces']} interfaces ({info['services']} service names), "
+            f"{info['opnums']} opnums, {info['calls']} calls")
 
 
 def main(argv=None) -> int:

@@ -25,7 +25,7 @@ IOCTL_SIZE = 64 + 56 + 72
 
 
 def bind(*contexts):
-    return DcerpcPdu(11, 3, list(contexts))
+    return DcerpcPdu(11, 3, [c + (None,) for c in contexts])
 
 
 def request(ctx, opnum, flags=3):

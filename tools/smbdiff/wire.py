@@ -86,7 +86,7 @@ class DcerpcPdu:
     """A connection-oriented DCE/RPC PDU as tshark dissects it."""
     ptype: int
     flags: int
-    contexts: list  # BIND / ALTER_CONTEXT: (context id, interface UUID text)
+    contexts: list  # BIND / ALTER_CONTEXT: (context id, interface UUID text, tshark's name)
     context_id: int | None = None  # REQUEST
     opnum: int | None = None  # REQUEST
 
@@ -254,7 +254,9 @@ def _dcerpc_pdu(proto: ET.Element) -> DcerpcPdu | None:
             if name == "dcerpc.cn_ctx_id":
                 ctx = _int(e.get("show"))
             elif name == "dcerpc.cn_bind_to_uuid" and ctx is not None:
-                pdu.contexts.append((ctx, e.get("show")))
+                # showname: "Interface: SRVSVC UUID: 4b324fc8-...", or "Interface: 4b32..."
+                shown = e.get("showname", "").removeprefix("Interface: ").split(" UUID: ")
+                pdu.contexts.append((ctx, e.get("show"), shown[0] if len(shown) == 2 else None))
                 ctx = None
     elif pdu.ptype == 0:
         c, o = _first(fields, "dcerpc.cn_ctx_id"), _first(fields, "dcerpc.opnum")
