@@ -6,8 +6,8 @@
 
 #include "cv_log.h"
 #include "mini_host.h"
+#include "smb_activity.h"
 #include "smb_parser.h"
-#include "smb_who.h"
 #include "tcp_capture.h"
 
 namespace bench {
@@ -125,13 +125,21 @@ void run_filter(smb_queue_ctx *q, const packet &p) {
 
 int32_t run_parse(smb_queue_ctx *q, const packet &p) {
     host_packet pkt = p.descriptor;
+    if (q->activity) {
+        // As the filter hook does it: the counters beside the record.
+        smb_record_block block;
+        smb_record_init(&block.rec);
+        block.activity = smb_activity{};
+        block.rec.activity = &block.activity;
+        const int32_t r = smb_parse_packet(&pkt, &block.rec, q, pkt.data + pkt.payload_offset);
+        smb_record_release(&block.rec);
+        return r;
+    }
     smb_flow_data rec;
     smb_record_init(&rec);
     const int32_t r = smb_parse_packet(&pkt, &rec, q, pkt.data + pkt.payload_offset);
     free(rec.file_name);
     free(rec.tree_name);
-    if (rec.activity) free(rec.activity);
-    smb_who_free(rec.who);
     return r;
 }
 

@@ -11,7 +11,6 @@
 #include "flow_format.h"
 #include "fuzz_input.h"
 #include "host.h"
-#include "packet_decoder.h"
 #include "pipeline.h"
 #include "smb.h"
 
@@ -42,16 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                                    [&](const corvane_host::ExportedFlow &flow) {
                                        rendered += formatter.render(flow).size();
                                    });
-        smbflow::Frame frame;
-        corvane_host::DecodedPacket packet;
-        for (uint64_t n = 0; n < kMaxFrames; ++n) {
-            if (capture.next(frame) != smbflow::ReadStatus::Packet) break;
-            if (corvane_host::decode_frame(frame.link_type, frame.data, frame.caplen, packet) !=
-                corvane_host::DecodeStatus::Ok)
-                continue;
-            packet.pkt.timestamp_ns = frame.ts_ns;
-            pipeline.submit(packet, frame.keeper);
-        }
+        smbflow::submit_capture(capture, pipeline, kMaxFrames);
         pipeline.finish();
     }
     host.shutdown();

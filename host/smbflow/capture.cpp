@@ -134,6 +134,7 @@ bool Capture::open() {
         return open_file(paths_[next_path_++]);
     }
     current_ = interface_;
+    transient_error_ = false;
     char errbuf[PCAP_ERRBUF_SIZE] = "";
     pcap_ = pcap_create(interface_.c_str(), errbuf);
     if (!pcap_) {
@@ -148,8 +149,11 @@ bool Capture::open() {
     const int rc = pcap_activate(pcap_);
     if (rc < 0) {
         std::string why = pcap_geterr(pcap_);
+        transient_error_ = rc == PCAP_ERROR_NO_SUCH_DEVICE || rc == PCAP_ERROR_IFACE_NOT_UP;
         if (rc == PCAP_ERROR_NO_SUCH_DEVICE)
             why = "no such interface";
+        else if (rc == PCAP_ERROR_IFACE_NOT_UP)
+            why = "the interface is down";
         else if (rc == PCAP_ERROR_PERM_DENIED || why.find("not permitted") != std::string::npos)
             why = "permission denied (" + why +
                   "): a live capture needs root or the CAP_NET_RAW capability (and CAP_NET_ADMIN "

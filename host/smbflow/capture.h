@@ -67,6 +67,8 @@ class Capture {
     bool stream_has_sub_microsecond_stamps();
     // A bad filter is the user's mistake, not the input's.
     bool error_is_filter() const { return filter_error_; }
+    // Live capture: the interface is absent or down, which may pass (it is being set up).
+    bool error_is_transient() const { return transient_error_; }
     // Frames that libpcap's statistics report as received and dropped (live capture).
     struct KernelCounts {
         uint64_t received = 0, dropped = 0;
@@ -96,6 +98,7 @@ class Capture {
     std::string current_;
     std::string error_;
     bool filter_error_ = false;
+    bool transient_error_ = false;
     volatile sig_atomic_t interrupted_ = 0;  // set by the signal handler
 };
 

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -179,7 +180,12 @@ IpfixDestination::~IpfixDestination() {
     fbInfoModelFree(model_);
 }
 
-std::optional<std::string> check_destination(const IpfixUrl &url) {
+bool resolution_may_pass(int gai_error) {
+    return gai_error == EAI_NONAME || gai_error == EAI_AGAIN || gai_error == EAI_FAIL ||
+           gai_error == EAI_NODATA || gai_error == EAI_SYSTEM;
+}
+
+std::optional<std::string> check_destination(const IpfixUrl &url, bool name_may_wait) {
     if (url.transport == IpfixUrl::Transport::File) {
         if (url.path == "-") return std::nullopt;  // standard output
         FILE *f = fopen(url.path.c_str(), "ab");
@@ -191,8 +197,12 @@ std::optional<std::string> check_destination(const IpfixUrl &url) {
     hints.ai_socktype = url.transport == IpfixUrl::Transport::Udp ? SOCK_DGRAM : SOCK_STREAM;
     addrinfo *ai = nullptr;
     const int rc = getaddrinfo(url.host.c_str(), url.port.c_str(), &hints, &ai);
-    if (rc != 0) return fmt::format("--ipfix {}: {}: {}", url.text, url.host, gai_strerror(rc));
-    freeaddrinfo(ai);
+    if (rc == 0) freeaddrinfo(ai);
+    // A name that does not resolve yet (the resolver or the collector's entry is still being set
+    // up) is tried again with the connection backoff, as a collector that is away is, and said
+    // then; what cannot pass is refused now.
+    if (rc != 0 && !(name_may_wait && resolution_may_pass(rc)))
+        return fmt::format("--ipfix {}: {}: {}", url.text, url.host, gai_strerror(rc));
     return std::nullopt;
 }
 
@@ -266,7 +276,24 @@ bool IpfixDestination::connect_session() {
         conn.transport = FB_UDP;
         conn.host = const_cast<char *>(url_.host.c_str());
         conn.svc = const_cast<char *>(url_.port.c_str());
+        // libfixbuf resolves the name here and gives no exporter when it cannot: the name is
+        // looked up first, so that the message says why.
+        addrinfo hints{};
+        hints.ai_socktype = SOCK_DGRAM;
+        addrinfo *ai = nullptr;
+        if (const int rc = getaddrinfo(url_.host.c_str(), url_.port.c_str(), &hints, &ai);
+            rc != 0) {
+            fbSessionFree(s->session);
+            down(fmt::format("cannot resolve {}: {}", url_.host, gai_strerror(rc)));
+            return false;
+        }
+        freeaddrinfo(ai);
         exporter = fbExporterAllocNet(&conn);
+        if (!exporter) {
+            fbSessionFree(s->session);
+            down(fmt::format("cannot send over UDP to {}:{}", url_.host, url_.port));
+            return false;
+        }
     } else {
         std::string why;
         int fd = -1;
@@ -333,6 +360,24 @@ bool IpfixDestination::templates_due() const {
             (settings_.template_refresh_messages != 0 &&
              data_messages_since_templates_ >= settings_.template_refresh_messages) ||
             clock_() - last_templates_ >= duration<double>(settings_.template_refresh_s));
+}
+
+void IpfixDestination::reopen() {
+    std::lock_guard lock(mutex_);
+    reopen_requested_ = true;
+    wake_.notify_one();
+}
+
+// A file renamed away (logrotate) gets the message being built; then a new file is begun
+// under the name, with the templates, as at the start. A file still under its name is kept.
+void IpfixDestination::reopen_file() {
+    struct stat named, open;
+    if (stat(url_.path.c_str(), &named) == 0 && fstat(session_->fd, &open) == 0 &&
+        named.st_dev == open.st_dev && named.st_ino == open.st_ino)
+        return;
+    if (!in_message_.empty() && !emit()) return;
+    drop_session();
+    connect_session();
 }
 
 void IpfixDestination::drop_session() {
@@ -539,6 +584,15 @@ void IpfixDestination::run() {
     std::unique_lock lock(mutex_);
     for (;;) {
         const uint64_t flush_ticket = flush_requested_;
+        if (reopen_requested_) {
+            reopen_requested_ = false;
+            if (session_ && url_.transport == IpfixUrl::Transport::File && url_.path != "-") {
+                lock.unlock();
+                reopen_file();
+                lock.lock();
+                continue;
+            }
+        }
         if (!session_) {
             // Connect now at the start, when the retry time has come, or for a last try at
             // the end; between tries wait for the time or the end.
@@ -547,8 +601,9 @@ void IpfixDestination::run() {
             if (!finishing_ && clock_() < next_retry_) {
                 flush_done_ = flush_ticket;
                 progress_.notify_all();
-                wake_.wait_until(lock, next_retry_,
-                                 [&] { return finishing_ || flush_requested_ > flush_done_; });
+                wake_.wait_until(lock, next_retry_, [&] {
+                    return finishing_ || flush_requested_ > flush_done_ || reopen_requested_;
+                });
                 continue;
             }
             last_try_made = finishing_;
@@ -560,11 +615,11 @@ void IpfixDestination::run() {
         if (queue_.empty()) {
             if (!in_message_.empty() || flush_ticket > flush_done_ || finishing_) {
                 // Nothing more is coming for now: the message goes out.
-                const bool quiet =
-                    flush_ticket > flush_done_ || finishing_ ||
-                    !wake_.wait_for(lock, kMessageLinger, [&] {
-                        return !queue_.empty() || finishing_ || flush_requested_ > flush_done_;
-                    });
+                const bool quiet = flush_ticket > flush_done_ || finishing_ ||
+                                   !wake_.wait_for(lock, kMessageLinger, [&] {
+                                       return !queue_.empty() || finishing_ ||
+                                              flush_requested_ > flush_done_ || reopen_requested_;
+                                   });
                 if (!quiet) continue;
                 lock.unlock();
                 const bool sent = in_message_.empty() || emit();
@@ -581,7 +636,8 @@ void IpfixDestination::run() {
                 continue;
             }
             wake_.wait(lock, [&] {
-                return !queue_.empty() || finishing_ || flush_requested_ > flush_done_;
+                return !queue_.empty() || finishing_ || flush_requested_ > flush_done_ ||
+                       reopen_requested_;
             });
             continue;
         }

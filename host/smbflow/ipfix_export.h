@@ -76,9 +76,12 @@ struct IpfixFlow {
 void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &formatter,
               IpfixFlow &out, const ipfix::ExtraLayout &extras = {});
 
-// Checks what can be checked before a run: the file can be created, the host name resolves.
-// A message when it cannot.
-std::optional<std::string> check_destination(const IpfixUrl &url);
+// Checks what can be checked before a run: the file can be created, the host name resolves
+// (with `name_may_wait`, a service's live capture: or may yet resolve). A message when not.
+std::optional<std::string> check_destination(const IpfixUrl &url, bool name_may_wait = false);
+// Whether a getaddrinfo error may go away by itself (the name is not known yet, the resolver
+// cannot be reached), so that the name is worth trying again.
+bool resolution_may_pass(int gai_error);
 
 class IpfixDestination {
   public:
@@ -97,6 +100,8 @@ class IpfixDestination {
     void flush();
     // Sends what is left (one more connection attempt if the collector is away) and stops.
     void finish();
+    // SIGHUP: a file: destination that was renamed away is begun again under its name.
+    void reopen();
 
     IpfixCounters counters() const;
     const IpfixUrl &url() const { return url_; }
@@ -106,6 +111,7 @@ class IpfixDestination {
     void run();
     bool connect_session();
     void drop_session();
+    void reopen_file();
     bool send_batch(std::vector<IpfixFlow> &batch);
     bool emit();
     bool export_templates();
@@ -128,6 +134,7 @@ class IpfixDestination {
     bool connected_ = true;  // until a connection fails; producers then drop beyond the bound
     bool dead_ = false;      // a file that could not be written
     bool finishing_ = false;
+    bool reopen_requested_ = false;
     bool stopped_ = false;  // the sender has ended
     uint64_t flush_requested_ = 0, flush_done_ = 0;
     IpfixCounters counters_;

@@ -16,6 +16,7 @@
 #include "ipfix_export.h"
 #include "options.h"
 #include "orientation.h"
+#include "output_file.h"
 #include "param_check.h"
 #include "parse_results.h"
 #include "mapped_capture.h"
@@ -36,9 +37,14 @@ std::atomic<Capture *> g_capture{nullptr};
 // Set by a signal while the run drains: collectors are no longer waited for.
 std::atomic<bool> g_abandon{false};
 volatile sig_atomic_t g_stats_now = 0;  // SIGUSR1: a statistics line at once
+volatile sig_atomic_t g_reopen = 0;     // SIGHUP on a live capture: reopen the outputs
 
 void on_stats_signal(int) {
     g_stats_now = 1;
+}
+
+void on_hangup(int) {
+    g_reopen = 1;
 }
 
 void on_signal(int) {
@@ -46,21 +52,24 @@ void on_signal(int) {
     g_abandon.store(true);
 }
 
-void install_signals() {
+// `live`: SIGHUP asks for the outputs to be reopened (logrotate) instead of ending the run.
+void install_signals(bool live) {
     struct sigaction sa {};
     sa.sa_handler = on_signal;
     sa.sa_flags = SA_RESETHAND;  // a second signal ends the program at once
     sigemptyset(&sa.sa_mask);
     // No SA_RESTART: a read blocked on standard input or a FIFO returns, and the run ends
-    // cleanly with its records and summary. A hang-up ends it the same way.
+    // cleanly with its records and summary. Reading files, a hang-up ends it the same way.
     for (int sig : {SIGINT, SIGTERM, SIGHUP})
-        sigaction(sig, &sa, nullptr);
-    // Reads go on after it: SA_RESTART.
-    struct sigaction stats {};
-    stats.sa_handler = on_stats_signal;
-    stats.sa_flags = SA_RESTART;
-    sigemptyset(&stats.sa_mask);
-    sigaction(SIGUSR1, &stats, nullptr);
+        if (sig != SIGHUP || !live) sigaction(sig, &sa, nullptr);
+    // Reads go on after these: SA_RESTART.
+    struct sigaction go_on {};
+    go_on.sa_flags = SA_RESTART;
+    sigemptyset(&go_on.sa_mask);
+    go_on.sa_handler = on_stats_signal;
+    sigaction(SIGUSR1, &go_on, nullptr);
+    go_on.sa_handler = on_hangup;
+    if (live) sigaction(SIGHUP, &go_on, nullptr);
 }
 
 // The kernel gives a process-directed signal to any thread that does not block it, and only
@@ -119,15 +128,24 @@ int run(const Options &opts) {
     struct Forget {
         ~Forget() { g_capture.store(nullptr); }
     } forget_capture_on_return;
-    install_signals();
-    if (!capture.open()) {
+    install_signals(capture.is_live());
+    // An interface that is absent or down at the start is waited for, as one that goes down
+    // while capturing is: a service may start before the interface is set up.
+    bool waited = false;
+    while (!capture.open()) {
         if (capture.interrupted()) {
             if (!opts.quiet) fputs(format_summary(RunSummary{}).c_str(), stderr);
             return kExitOk;
         }
-        error(capture.error());
-        return capture.error_is_filter() ? kExitUsage : kExitInput;
+        if (!capture.error_is_transient()) {
+            error(capture.error());
+            return capture.error_is_filter() ? kExitUsage : kExitInput;
+        }
+        if (!waited) error(capture.error() + "; trying again every second");
+        waited = true;
+        pause_unless_signalled(1.0, [&] { return capture.interrupted(); });
     }
+    if (waited) error(fmt::format("capturing on {}", opts.interface));
     termination_signals(SIG_BLOCK);
     // Written once the capture is open, so that its presence says the run is under way.
     PidFile pid_file;
@@ -205,7 +223,7 @@ int run(const Options &opts) {
             error(*problem);
             return kExitUsage;
         }
-        if (auto problem = check_destination(std::get<IpfixUrl>(url))) {
+        if (auto problem = check_destination(std::get<IpfixUrl>(url), capture.is_live())) {
             error(*problem);
             return kExitOutput;
         }
@@ -229,6 +247,7 @@ int run(const Options &opts) {
             return kExitUsage;
         }
     FILE *out = stdout;
+    std::unique_ptr<OutputFile> out_file;
     std::unique_ptr<RotatingOutput> rotating;
     if (opts.rotate_s && text_output) {
         rotating = std::make_unique<RotatingOutput>(
@@ -237,14 +256,16 @@ int run(const Options &opts) {
                 return make_writer(format, f, capture.is_live(), std::get<ColumnPick>(pick), cols);
             },
             error);
-    } else if (!opts.output.empty()) {
-        out = fopen(opts.output.c_str(), "w");
-        if (!out) {
-            error(fmt::format("cannot write {}: {}", opts.output, strerror(errno)));
-            return kExitOutput;
-        }
+    } else if (!opts.output.empty() && text_output) {
+        out_file = std::make_unique<OutputFile>(
+            opts.output,
+            [&, format = default_format(opts, stdout)](FILE *f) {
+                return make_writer(format, f, capture.is_live(), std::get<ColumnPick>(pick), cols);
+            },
+            error);
+        if (!out_file->open()) return kExitOutput;
     }
-    auto writer = text_output && !rotating
+    auto writer = text_output && !rotating && !out_file
                       ? make_writer(default_format(opts, out), out, capture.is_live(),
                                     std::get<ColumnPick>(pick), cols)
                       : nullptr;
@@ -277,6 +298,10 @@ int run(const Options &opts) {
                     formatter.render(flow, row);
                     writer->write(row);
                 }
+                if (out_file) {
+                    formatter.render(flow, row);
+                    out_file->write(row);
+                }
                 if (rotating) {
                     formatter.render(flow, row);
                     rotating->write(row, flow.rec.last_ns);
@@ -294,15 +319,11 @@ int run(const Options &opts) {
         size_t file = capture.files_opened();
         std::string file_name = capture.current();
         uint64_t last_ts = 0;
-        const auto stats_every = std::chrono::duration<double>(opts.stats_interval_s);
-        auto next_stats = std::chrono::steady_clock::now() + stats_every;
-        auto stats_due = [&] {
-            if (g_stats_now) return true;
-            return opts.stats_interval_s > 0 && std::chrono::steady_clock::now() >= next_stats;
-        };
+        StatsSchedule stats_schedule(opts.stats_interval_s);
+        auto stats_due = [&] { return g_stats_now || stats_schedule.due(); };
         auto write_stats = [&] {
             g_stats_now = 0;
-            next_stats = std::chrono::steady_clock::now() + stats_every;
+            stats_schedule.written();
             StatsLine line;
             line.packets = in.frames;
             line.live = capture.is_live();
@@ -327,6 +348,13 @@ int run(const Options &opts) {
                 break;
             }
             if (stats_due()) write_stats();
+            if (g_reopen) {
+                g_reopen = 0;
+                if (out_file) out_file->reopen();
+                if (rotating) rotating->reopen();
+                for (auto &e : exports)
+                    e->reopen();
+            }
             if (rs == ReadStatus::Idle) {
                 pipeline.advance_clock(wall_clock_ns());
                 progress.update(in.frames, pipeline.flows_exported());
@@ -364,13 +392,14 @@ int run(const Options &opts) {
         // A signal from here on cuts the wait for collectors short; the records written so far
         // and the summary still come out.
         g_capture.store(nullptr);
-        install_signals();
+        install_signals(capture.is_live());
         const auto kernel = capture.kernel_counts();
         in.live = capture.is_live();
         in.received = kernel.received;
         in.dropped = kernel.dropped;
         pipeline.finish();
         if (writer) writer->finish();
+        if (out_file && !out_file->finish() && status == kExitOk) status = kExitOutput;
         if (rotating && !rotating->finish() && status == kExitOk) status = kExitOutput;
         for (auto &e : exports) {
             e->finish();
@@ -391,9 +420,8 @@ int run(const Options &opts) {
     summary.elapsed_s = progress.elapsed_s();
     host.shutdown();
 
-    if (ferror(out) || (out != stdout ? fclose(out) : fflush(out)) != 0) {
-        error(fmt::format("cannot write {}: {}", opts.output.empty() ? "output" : opts.output,
-                          strerror(errno)));
+    if (ferror(out) || fflush(out) != 0) {
+        error(fmt::format("cannot write output: {}", strerror(errno)));
         status = status == kExitOk ? kExitOutput : status;
     }
     if (!opts.quiet) fputs(format_summary(summary).c_str(), stderr);

@@ -1,5 +1,6 @@
 #include "pipeline.h"
 
+#include "capture.h"
 #include "flow_format.h"
 
 #include <algorithm>
@@ -256,6 +257,19 @@ PipelineStats Pipeline::stats() const {
     s.flows_exported = flows_exported_.load();
     s.flows_with_plugin_record = flows_with_plugin_record_;
     return s;
+}
+
+void submit_capture(Capture &capture, Pipeline &pipeline, uint64_t max_frames) {
+    Frame frame;
+    corvane_host::DecodedPacket packet;
+    for (uint64_t n = 0; max_frames == 0 || n < max_frames; ++n) {
+        if (capture.next(frame) != ReadStatus::Packet) break;
+        if (corvane_host::decode_frame(frame.link_type, frame.data, frame.caplen, packet) !=
+            corvane_host::DecodeStatus::Ok)
+            continue;
+        packet.pkt.timestamp_ns = frame.ts_ns;
+        pipeline.submit(packet, frame.keeper);
+    }
 }
 
 }  // namespace smbflow

@@ -18,6 +18,8 @@
 
 namespace smbflow {
 
+class Capture;
+
 struct PipelineStats {
     corvane_host::QueueStats queues;  // summed over the queues
     uint64_t flows_exported = 0;
@@ -82,5 +84,10 @@ class Pipeline {
     uint64_t flows_with_plugin_record_ = 0;
     bool finished_ = false;
 };
+
+// Reads an opened capture to its end (or `max_frames` frames when not 0) and submits every frame
+// that decodes, with its capture time: a whole file through the pipeline as a test or a fuzz
+// harness wants it, without smbflow's reading loop and its progress and signals.
+void submit_capture(Capture &capture, Pipeline &pipeline, uint64_t max_frames = 0);
 
 }  // namespace smbflow

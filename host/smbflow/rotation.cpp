@@ -6,6 +6,8 @@
 
 #include <fmt/format.h>
 
+#include "output_file.h"
+
 namespace smbflow {
 
 RotatingOutput::RotatingOutput(std::string pattern, uint64_t interval_s, MakeWriter make,
@@ -50,22 +52,26 @@ bool RotatingOutput::close_current() {
 }
 
 bool RotatingOutput::write(const Row &row, uint64_t end_ns) {
-    const uint64_t slot = end_ns / 1'000'000'000ull / interval_s_;
+    std::lock_guard lock(mutex_);
+    uint64_t slot = end_ns / 1'000'000'000ull / interval_s_;
+    if (started_ && slot < slot_) slot = slot_;  // a file once closed is not opened again
     if (!open_ || slot > slot_) {
-        if (open_ || failed_) {
-            if (slot <= slot_) return !failed_;
-            close_current();
-        }
+        if (started_ && slot == slot_ && failed_) return false;
+        close_current();
+        // The same interval again: its file was closed by reopen(), and the name is opened
+        // anew without emptying what may already be there.
+        const bool again = started_ && slot == slot_;
         slot_ = slot;
+        started_ = true;
         failed_ = false;
         const std::string name = file_name(pattern_, slot * interval_s_);
-        file_ = fopen(name.c_str(), "w");
+        file_ = open_output(name, !again);
         if (!file_) {
             error_(fmt::format("cannot write {}: {}", name, strerror(errno)));
             failed_ = write_error_ = true;
             return false;
         }
-        files_.push_back(name);
+        if (!again || files_.empty() || files_.back() != name) files_.push_back(name);
         writer_ = make_(file_);
         open_ = true;
     }
@@ -73,7 +79,13 @@ bool RotatingOutput::write(const Row &row, uint64_t end_ns) {
     return true;
 }
 
+void RotatingOutput::reopen() {
+    std::lock_guard lock(mutex_);
+    if (open_ && !still_named(files_.back(), file_)) close_current();
+}
+
 bool RotatingOutput::finish() {
+    std::lock_guard lock(mutex_);
     close_current();
     return !write_error_;
 }

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ class RotatingOutput {
 
     // False when the record's file cannot be opened (said through `error`, once a file).
     bool write(const Row &row, uint64_t end_ns);
+    // SIGHUP: the open file, once renamed away (logrotate), is closed, and the next record opens
+    // its name again. write() and reopen() may be called from different threads.
+    void reopen();
     // Closes the last file cleanly; false when a file could not be written.
     bool finish();
 
@@ -40,7 +44,9 @@ class RotatingOutput {
     uint64_t interval_s_;
     MakeWriter make_;
     Error error_;
+    std::mutex mutex_;
     uint64_t slot_ = 0;
+    bool started_ = false;  // a file has been opened (or tried)
     bool open_ = false, failed_ = false, write_error_ = false;
     FILE *file_ = nullptr;
     std::unique_ptr<RecordWriter> writer_;

@@ -1,6 +1,8 @@
 #include "service.h"
 
 #include <grp.h>
+#include <poll.h>
+#include <signal.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -37,6 +39,26 @@ std::optional<std::string> drop_to_user(const std::string &user) {
     if (setuid(0) == 0) return fmt::format("--user {}: root could be regained", user);
     return std::nullopt;
 }
+
+void pause_unless_signalled(double seconds, const std::function<bool()> &stop) {
+    sigset_t term, old;
+    sigemptyset(&term);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&term, sig);
+    pthread_sigmask(SIG_BLOCK, &term, &old);
+    if (!stop()) {
+        const auto ns = static_cast<long long>(seconds * 1e9);
+        const timespec wait{static_cast<time_t>(ns / 1'000'000'000), ns % 1'000'000'000};
+        ppoll(nullptr, 0, &wait, &old);  // returns early, with EINTR, once a handler has run
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+StatsSchedule::StatsSchedule(double interval_s, Clock clock)
+    : interval_(std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+          std::chrono::duration<double>(interval_s))),
+      clock_(clock ? std::move(clock) : [] { return std::chrono::steady_clock::now(); }),
+      next_(clock_() + interval_) {}
 
 std::string format_stats(const StatsLine &s) {
     std::string out = fmt::format("smbflow: stats packets={} records={}", s.packets, s.records);

@@ -72,8 +72,9 @@ smb_flow_data *record_with_activity(uint8_t version) {
     a->reads = 3;
     a->errors = 2;
     a->last_error = 0xC0000022;
+    a->counted = 1;
     a->renames = 1;
-    a->has_rename = 1;
+    a->rename_to = static_cast<uint8_t *>(calloc(SMB_NAME_SIZE, 1));
     a->rename_to[0] = 'x';
     a->latency_max_us = 70000;
     rec->security = 0x13;
@@ -167,6 +168,7 @@ TEST(ActivityMerge, SumsCountersKeepsTheMaximumOrsFlagsAndTakesTheLastOfTheRest)
     owned_slot flow_slot(record_with_activity(SMB_VERSION_2));
     owned_slot pkt_slot(frame_test::smb2_record());
     smb_activity *p = smb_activity_of(pkt_slot.rec());
+    p->counted = 1;
     p->bytes_read = 5;
     p->reads = 1;
     p->errors = 1;
@@ -187,7 +189,8 @@ TEST(ActivityMerge, SumsCountersKeepsTheMaximumOrsFlagsAndTakesTheLastOfTheRest)
     EXPECT_EQ(a.latency_count, 1u);
     EXPECT_EQ(flow_slot.rec()->security, 0x17);
     EXPECT_EQ(a.dialect, 0x0302);  // the packet saw none
-    EXPECT_EQ(a.has_rename, 1);
+    ASSERT_NE(a.rename_to, nullptr);
+    EXPECT_EQ(a.rename_to[0], 'x');
     EXPECT_EQ(pkt_slot.rec()->activity, nullptr);
 }
 

@@ -9,7 +9,6 @@
 
 #include "capture.h"
 #include "host.h"
-#include "packet_decoder.h"
 #include "pipeline.h"
 
 namespace {
@@ -66,15 +65,7 @@ Totals run_capture(const std::string &path, unsigned queues) {
             });
         smbflow::Capture capture = smbflow::Capture::files({path}, "");
         EXPECT_TRUE(capture.open()) << path;
-        smbflow::Frame frame;
-        corvane_host::DecodedPacket packet;
-        while (capture.next(frame) == smbflow::ReadStatus::Packet) {
-            if (corvane_host::decode_frame(frame.link_type, frame.data, frame.caplen, packet) !=
-                corvane_host::DecodeStatus::Ok)
-                continue;
-            packet.pkt.timestamp_ns = frame.ts_ns;
-            pipeline.submit(packet, frame.keeper);
-        }
+        smbflow::submit_capture(capture, pipeline);
         pipeline.finish();
     }
     host.shutdown();

@@ -28,6 +28,9 @@ struct OperatorCase {
     const char *stderr_has = "";
 };
 
+// ctest lists a case by its name, not by a byte dump of the struct.
+void PrintTo(const OperatorCase &c, std::ostream *os) { *os << c.name; }
+
 // Cases give only the fields they need.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 

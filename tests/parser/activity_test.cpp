@@ -1,6 +1,8 @@
 // Activity counters where a real capture does not reach: responses cut after their fixed
 // part, failed messages in the middle of a chain, responses whose request was never seen,
 // interim responses, and SET_INFO buffers whose offsets lie.
+#include <set>
+
 #include "parser_harness.h"
 #include "smb_activity.h"
 #include "smb_activity_table.h"
@@ -14,17 +16,19 @@ constexpr uint32_t kStatusBufferOverflow = 0x80000005;
 constexpr uint32_t kStatusMoreProcessing = 0xC0000016;
 constexpr uint64_t kMs = 1000000;  // nanoseconds
 
-// The parser harness with activity=1 and its two tables.
+// The parser harness with activity=1 and its tables.
 class ActivityHarness : public ParserHarness {
   public:
     ActivityHarness() {
         q().activity = 1;
         q().activitytable = activitytable_create(1024);
         q().conntable = conntable_create(1024);
+        q().chaintable = static_cast<chaintable *>(calloc(1, sizeof(chaintable)));
     }
     ~ActivityHarness() {
         activitytable_free(q().activitytable);
         conntable_free(q().conntable);
+        free(q().chaintable);
     }
     // Sends a message or chain at capture time `ns`.
     int32_t send_at(uint64_t ns, const Bytes &smb2) {
@@ -36,6 +40,11 @@ class ActivityHarness : public ParserHarness {
     int32_t send_at(uint64_t ns, const Message &m) { return send_at(ns, encode(m)); }
     // The last packet's counters (all zero when it counted nothing).
     smb_activity counters() { return rec()->activity ? *rec()->activity : smb_activity{}; }
+    // The last packet's rename target (empty when it has none).
+    Name rename_to() {
+        const smb_activity a = counters();
+        return a.rename_to ? name_of(a.rename_to) : Name{};
+    }
     const conn_record *connection() {
         return conntable_find(q().conntable, client(), client_port());
     }
@@ -132,8 +141,8 @@ TEST_P(Exchanges, CountOnTheResponseWithItsLatency) {
     EXPECT_EQ(a.last_error, e.last_error);
     EXPECT_EQ(a.renames, e.renames);
     EXPECT_EQ(a.deletes, e.deletes);
-    EXPECT_EQ(a.has_rename, e.renames);
-    EXPECT_EQ(name_of(a.rename_to), testnames::utf16_name(e.renames ? "dir\\renamed.txt" : ""));
+    EXPECT_EQ(a.rename_to != nullptr, e.renames != 0);
+    EXPECT_EQ(h.rename_to(), testnames::utf16_name(e.renames ? "dir\\renamed.txt" : ""));
     EXPECT_EQ(a.latency_count, 1u);
     EXPECT_EQ(a.latency_sum_us, 3250u);
     EXPECT_EQ(a.latency_max_us, 3250u);
@@ -148,7 +157,8 @@ TEST(Activity, RenameNameLongerThanItsBufferIsCountedWithoutAName) {
                          set_info_request_body(kFile, 1, 10, rename_buffer(kNewName, 4000))));
     h.send_at(1, response(SET_INFO, 10, kTree, response_body(SET_INFO)));
     EXPECT_EQ(h.counters().renames, 1u);
-    EXPECT_EQ(name_of(h.counters().rename_to), Name{});
+    EXPECT_NE(h.counters().rename_to, nullptr);
+    EXPECT_EQ(h.rename_to(), Name{});
 }
 
 TEST(Activity, ReadCutAfterItsFixedPartCountsTheWholeDataLength) {
@@ -226,6 +236,66 @@ TEST(Activity, ChainWithAFailedMiddleMessageCountsEveryMessage) {
     EXPECT_EQ(a.latency_count, 3u);
     EXPECT_EQ(a.latency_sum_us, 3000u);
 }
+
+// A response chain too long to buffer (a 10000-byte READ, an IOCTL that failed, a CLOSE),
+// cut into segments in different places: every message counts once its header and fixed part
+// are in, whichever segment completes them; a missing segment ends the count.
+struct LongChainCut {
+    const char *name;
+    std::vector<size_t> sizes;  // of the segments; the rest of the chain follows in one
+    std::set<size_t> lost;      // segments that never arrive
+    uint32_t timed, errors;
+};
+
+// The chain's messages start at 4 (READ), 10084 (IOCTL) and 10156 (CLOSE) of the payload.
+std::vector<size_t> bytes_then_ones(size_t first, size_t ones) {
+    std::vector<size_t> sizes{first};
+    sizes.insert(sizes.end(), ones, 1);
+    return sizes;
+}
+
+const LongChainCut kLongChainCuts[] = {
+    {"ioctl_header_straddles", {1400, 8700}, {}, 3, 1},
+    {"close_fixed_part_straddles", {1400, 8822}, {}, 3, 1},
+    {"ioctl_starts_in_first_segment", {10100}, {}, 3, 1},
+    {"ioctl_whole_in_first_segment", {10160}, {}, 3, 1},
+    {"one_byte_segments", bytes_then_ones(10000, 300), {}, 3, 1},
+    {"lost_segment", {1400, 1400, 1400}, {1}, 1, 0},
+};
+
+class LongChains : public testing::TestWithParam<LongChainCut> {};
+
+TEST_P(LongChains, CountEveryMessageAcrossTheSegments) {
+    const LongChainCut &cut = GetParam();
+    ActivityHarness h;
+    h.send_at(1 * kMs, request(READ, 30, kTree, request_body(READ, kFile)));
+    h.send_at(1 * kMs, request(IOCTL, 31, kTree, request_body(IOCTL, kFile)));
+    h.send_at(1 * kMs, request(CLOSE, 32, kTree, request_body(CLOSE, kFile)));
+    const Bytes chain =
+        session(compound({response(READ, 30, kTree, read_response_body(Bytes(10000, 0x5a))),
+                          response(IOCTL, 31, kTree, response_body(ECHO), kStatusAccessDenied),
+                          response(CLOSE, 32, kTree, response_body(CLOSE))}));
+    ASSERT_EQ(chain.size(), 10280u);
+    smb_activity sum{};
+    const auto segments = split(chain, cut.sizes);
+    for (size_t i = 0; i < segments.size(); ++i) {
+        if (cut.lost.count(i)) continue;
+        Packet p = h.to_client(segments[i]);
+        p.pkt().timestamp_ns = 3 * kMs;
+        h.parse(p);
+        smb_activity a = h.counters();
+        a.rename_to = nullptr;
+        smb_activity_merge(&sum, &a);
+    }
+    EXPECT_EQ(sum.reads, 1u);
+    EXPECT_EQ(sum.bytes_read, 10000u);
+    EXPECT_EQ(sum.latency_count, cut.timed);
+    EXPECT_EQ(sum.latency_sum_us, 2000u * cut.timed);
+    EXPECT_EQ(sum.errors, cut.errors);
+}
+
+INSTANTIATE_TEST_SUITE_P(Activity, LongChains, testing::ValuesIn(kLongChainCuts),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 struct Negotiation {
     const char *name;

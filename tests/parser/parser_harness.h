@@ -19,7 +19,6 @@
 #include "smb_message_table2.h"
 #include "smb_parser.h"
 #include "smb_tree_table.h"
-#include "smb_who.h"
 #include "support/names.h"
 #include "host_interface.h"
 
@@ -34,12 +33,7 @@ inline uint32_t bit(uint16_t command) {
 struct Record {
     smb_flow_data rec;
     Record() { smb_record_init(&rec); }
-    ~Record() {
-        free(rec.file_name);
-        free(rec.tree_name);
-        free(rec.activity);
-        smb_who_free(rec.who);
-    }
+    ~Record() { smb_record_release(&rec); }
     Record(const Record &) = delete;
     Record &operator=(const Record &) = delete;
     smb_flow_data *operator->() { return &rec; }

@@ -233,12 +233,14 @@ class WhoHarness : public ParserHarness {
         q().activity = 1;
         q().activitytable = activitytable_create(1024);
         q().conntable = conntable_create(1024);
+        q().chaintable = static_cast<chaintable *>(calloc(1, sizeof(chaintable)));
         q().sessiontable = sessiontable_create(1024);
         q().pipetable = pipetable_create(1024);
     }
     ~WhoHarness() {
         activitytable_free(q().activitytable);
         conntable_free(q().conntable);
+        free(q().chaintable);
         sessiontable_free(q().sessiontable);
         pipetable_free(q().pipetable);
     }

@@ -14,6 +14,7 @@ typedef struct filetable filetable;
 typedef struct datatable datatable;
 typedef struct activitytable activitytable;
 typedef struct conntable conntable;
+typedef struct chaintable chaintable;
 typedef struct smb_activity smb_activity;
 typedef struct sessiontable sessiontable;
 typedef struct pipetable pipetable;
@@ -93,8 +94,9 @@ typedef struct smb_flow_data {
     char *tree_name;  // 128 bytes of UTF-16LE, owned, or null
     char *file_name;  // 128 bytes of UTF-16LE, owned, or null
     uint64_t file_id;
-    // Counters of the opt-in activity fields, owned, or null while nothing was counted (always
-    // null with activity=0, so that the record keeps its size and work).
+    // Counters of the opt-in activity fields (smb_activity.h): with activity=1 in the record's
+    // own allocation behind it, or a block of their own; always null with activity=0, so that
+    // the record keeps its size and work.
     smb_activity *activity;
     // The session of the record's last message that names one, and that message's capture
     // time (activity=1 only; 0 while none): the export resolves the session's identity.
@@ -130,6 +132,7 @@ typedef struct smb_plugin_ctx {
     uint32_t conntable_size;
     struct activitytable *activitytable;
     struct conntable *conntable;
+    struct chaintable *chaintable;  // per queue: compound chains too long to buffer
     // With activity=1 too: the shared tables of session identities and of the interfaces
     // bound on named pipes (smb_session_table.h).
     uint32_t sessiontable_size;
@@ -161,6 +164,12 @@ CV_EXTERN_C smb_flow_data *smb_record_new(void);
 CV_EXTERN_C void smb_record_init(smb_flow_data *rec);
 CV_EXTERN_C smb_flow_data *smb_record_copy(const smb_flow_data *src);
 CV_EXTERN_C void smb_record_free(host_slot *slot);
+// A fresh record with its activity counters in the same allocation (activity=1).
+CV_EXTERN_C smb_flow_data *smb_record_new_with_activity(void);
+// A heap record taking over everything `src` owns, for a record parsed on the stack.
+CV_EXTERN_C smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src);
+// Frees what the record owns (names, counters), not the record itself.
+CV_EXTERN_C void smb_record_release(smb_flow_data *rec);
 
 // Lifecycle hooks.
 CV_EXPORT void *process_smb_init(uint32_t plugin_id, const char *params, void *host,

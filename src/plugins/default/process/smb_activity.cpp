@@ -1,4 +1,4 @@
-// The activity block of a record: allocation, copy and merge.
+// The activity counters of a record: allocation, copy, merge and release.
 #include "smb_activity.h"
 
 #include <stdlib.h>
@@ -6,20 +6,32 @@
 
 #include "utils_alloc.h"
 
-smb_activity *smb_activity_of(smb_flow_data *rec) {
-    if (!rec->activity)
-        rec->activity = static_cast<smb_activity *>(corvaneexp_malloc(sizeof(smb_activity), 0));
+smb_activity *smb_activity_alloc(smb_flow_data *rec) {
+    rec->activity = static_cast<smb_activity *>(corvaneexp_malloc(sizeof(smb_activity), 0));
     return rec->activity;
+}
+
+void smb_activity_copy_into(smb_activity *into, const smb_activity &from) {
+    *into = from;
+    if (from.rename_to) {
+        into->rename_to = static_cast<uint8_t *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
+        memcpy(into->rename_to, from.rename_to, SMB_NAME_SIZE);
+    }
 }
 
 smb_activity *smb_activity_copy(const smb_activity *a) {
     if (!a) return nullptr;
     auto *copy = static_cast<smb_activity *>(corvaneexp_malloc(sizeof(smb_activity), 0));
-    *copy = *a;
+    smb_activity_copy_into(copy, *a);
     return copy;
 }
 
-void smb_activity_merge(smb_activity *into, const smb_activity *from) {
+void smb_activity_release(smb_activity *a) {
+    free(a->rename_to);
+    a->rename_to = nullptr;
+}
+
+void smb_activity_merge(smb_activity *into, smb_activity *from) {
     into->bytes_read += from->bytes_read;
     into->bytes_written += from->bytes_written;
     into->latency_sum_us += from->latency_sum_us;
@@ -31,21 +43,50 @@ void smb_activity_merge(smb_activity *into, const smb_activity *from) {
     into->latency_count += from->latency_count;
     if (from->latency_max_us > into->latency_max_us) into->latency_max_us = from->latency_max_us;
     into->security |= from->security;
+    into->counted |= from->counted;
     if (from->errors) into->last_error = from->last_error;
     if (from->dialect) into->dialect = from->dialect;
-    if (from->has_rename) {
-        into->has_rename = 1;
-        memcpy(into->rename_to, from->rename_to, sizeof into->rename_to);
+    if (from->rename_to) {
+        free(into->rename_to);
+        into->rename_to = from->rename_to;
+        from->rename_to = nullptr;
     }
 }
 
 void smb_activity_take(smb_flow_data *into, smb_flow_data *from) {
-    if (!from->activity) return;
-    if (!into->activity) {
-        into->activity = from->activity;
-    } else {
-        smb_activity_merge(into->activity, from->activity);
-        free(from->activity);
+    smb_activity *a = from->activity;
+    if (!a) return;
+    if (!into->activity && !smb_activity_is_inline(from)) {
+        into->activity = a;
+        from->activity = nullptr;
+        return;
     }
-    from->activity = nullptr;
+    if (a->counted) smb_activity_merge(smb_activity_of(into), a);
+    if (smb_activity_is_inline(from)) {
+        *a = smb_activity{};
+    } else {
+        free(a);
+        from->activity = nullptr;
+    }
+}
+
+void smb_activity_drop(smb_flow_data *rec) {
+    smb_activity *a = rec->activity;
+    if (!a) return;
+    if (smb_activity_is_inline(rec))
+        smb_activity_release(a);
+    else
+        smb_activity_free(a);
+    rec->activity = nullptr;
+}
+
+void smb_activity_park(smb_activity *&parked, smb_activity &counters) {
+    if (!parked) parked = static_cast<smb_activity *>(corvaneexp_malloc(sizeof(smb_activity), 0));
+    smb_activity_merge(parked, &counters);
+}
+
+void smb_activity_free(smb_activity *a) {
+    if (!a) return;
+    smb_activity_release(a);
+    free(a);
 }

@@ -1,7 +1,15 @@
 // The opt-in activity counters of a record (plug-in parameter activity=1): what the SMB2
 // messages attributed to the record did, summed when records merge.
+//
+// With activity=1 every record the queue filter makes carries its counters in the same
+// allocation, right behind the record (smb_record_block), so that counting costs no allocation
+// of its own. Counters parked in the tables, and those of records made elsewhere, are blocks of
+// their own. Whatever else a later field needs per record belongs in smb_activity too, with
+// its summing rule in smb_activity_merge and, for owned memory, its release in
+// smb_activity_release and its copy in smb_activity_copy_into.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "smb.h"
@@ -26,20 +34,57 @@ struct smb_activity {
     uint32_t latency_count;
     uint32_t latency_max_us;
     uint16_t dialect;
-    uint8_t security;  // only in counters parked with a connection: the record keeps its own
-    uint8_t has_rename;
-    uint8_t rename_to[SMB_NAME_SIZE];  // UTF-16LE, zero-filled
+    uint8_t security;  // only in counters parked in a table: the record keeps its own
+    uint8_t counted;   // 1 once a final response was counted here
+    // UTF-16LE target of the last rename (128 bytes, zero-filled), owned, or null when no
+    // rename was counted. Renames are rare: the name stays out of the block.
+    uint8_t *rename_to;
 };
 
-// The record's block, allocated zero-filled on first use.
-smb_activity *smb_activity_of(smb_flow_data *rec);
+// A record and its counters in one allocation.
+struct smb_record_block {
+    smb_flow_data rec;
+    smb_activity activity;
+};
 
-// A deep copy of `a`, or null for null.
+// True when the record's counters live in its own allocation (smb_record_block).
+inline bool smb_activity_is_inline(const smb_flow_data *rec) {
+    return rec->activity ==
+           &reinterpret_cast<smb_record_block *>(const_cast<smb_flow_data *>(rec))->activity;
+}
+
+// Gives the record a separate zero-filled block of counters.
+smb_activity *smb_activity_alloc(smb_flow_data *rec);
+
+// The record's counters, allocated zero-filled on first use when it has none.
+inline smb_activity *smb_activity_of(smb_flow_data *rec) {
+    return rec->activity ? rec->activity : smb_activity_alloc(rec);
+}
+
+// A separate block holding a deep copy of `a`, or null for null.
 smb_activity *smb_activity_copy(const smb_activity *a);
 
-// Adds `from` into `into`: counters summed, the latency maximum kept, security bits ORed, and
-// the last error, rename target and dialect taken from `from` when it has them.
-void smb_activity_merge(smb_activity *into, const smb_activity *from);
+// Makes `into` a deep copy of `from`.
+void smb_activity_copy_into(smb_activity *into, const smb_activity &from);
 
-// Moves or merges the block of `from` into `into` (leaving `from` without one).
+// Frees what the counters own (not the block).
+void smb_activity_release(smb_activity *a);
+
+// Adds `from` into `into`: counters summed, the latency maximum kept, security bits ORed, and
+// the last error, rename target and dialect taken from `from` when it has them (the rename
+// target moves: `from` is left without one).
+void smb_activity_merge(smb_activity *into, smb_activity *from);
+
+// Merges the counters of `from` into `into` (making a block for `into` when it has none) and
+// leaves `from` without counters of its own: a separate block is freed, inline counters zeroed.
 void smb_activity_take(smb_flow_data *into, smb_flow_data *from);
+
+// Frees the record's counters: what they own, and the block unless it is inline.
+void smb_activity_drop(smb_flow_data *rec);
+
+// Counters parked in a table record for the record that later takes its parked command masks:
+// `counters` are added to `parked` (a block made when there is none).
+void smb_activity_park(smb_activity *&parked, smb_activity &counters);
+
+// Frees a separate block and what it owns; null is ignored.
+void smb_activity_free(smb_activity *a);

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <array>
+#include <type_traits>
 
 #include "smb_activity.h"
 #include "smb_fields.h"
@@ -17,62 +18,67 @@ struct activity_field {
     uint32_t type;
     uint32_t size;
     Text text;
-    uint64_t (*value)(const smb_activity &);
-    bool (*present)(const smb_activity &);
+    uint64_t (*value)(const smb_flow_data &);
+    bool (*present)(const smb_flow_data &);
 };
 
+const smb_activity kNothing{};
+const uint64_t kZero = 0;  // the default of every numeric field, as wide as the field
+const uint8_t kNoName[SMB_NAME_SIZE] = {};
+
+// The record's counters; a record without them reads as all zero.
+const smb_activity &counters_of(const smb_flow_data &rec) {
+    return rec.activity ? *rec.activity : kNothing;
+}
+
 // Most fields have a value on every SMB2 record.
-constexpr bool always(const smb_activity &) {
+constexpr bool always(const smb_flow_data &) {
     return true;
+}
+
+// The value of one counter.
+template <auto Member>
+uint64_t counter(const smb_flow_data &rec) {
+    return counters_of(rec).*Member;
+}
+
+template <auto Member>
+constexpr activity_field number(const char *name, Text text = Text::decimal) {
+    using Value = std::remove_cvref_t<decltype(smb_activity{}.*Member)>;
+    return {name, CORVANE_FIELD_NUMBER, sizeof(Value), text, counter<Member>, always};
 }
 
 constexpr uint32_t kAllQueues = 0xffffffffu;
 
 constexpr std::array<activity_field, 14> kFields = {{
-    {"SMB_DIALECT", CORVANE_FIELD_NUMBER, 2, Text::dialect,
-     [](const smb_activity &a) -> uint64_t { return a.dialect; },
-     [](const smb_activity &a) { return a.dialect != 0; }},
-    {"SMB_BYTES_READ", CORVANE_FIELD_NUMBER, 8, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.bytes_read; }, always},
-    {"SMB_BYTES_WRITTEN", CORVANE_FIELD_NUMBER, 8, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.bytes_written; }, always},
-    {"SMB_READS", CORVANE_FIELD_NUMBER, 4, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.reads; }, always},
-    {"SMB_WRITES", CORVANE_FIELD_NUMBER, 4, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.writes; }, always},
-    {"SMB_ERRORS", CORVANE_FIELD_NUMBER, 4, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.errors; }, always},
-    {"SMB_LAST_ERROR", CORVANE_FIELD_NUMBER, 4, Text::hex32,
-     [](const smb_activity &a) -> uint64_t { return a.last_error; }, always},
-    {"SMB_RENAMES", CORVANE_FIELD_NUMBER, 4, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.renames; }, always},
+    {"SMB_DIALECT", CORVANE_FIELD_NUMBER, 2, Text::dialect, counter<&smb_activity::dialect>,
+     [](const smb_flow_data &r) { return counters_of(r).dialect != 0; }},
+    number<&smb_activity::bytes_read>("SMB_BYTES_READ"),
+    number<&smb_activity::bytes_written>("SMB_BYTES_WRITTEN"),
+    number<&smb_activity::reads>("SMB_READS"),
+    number<&smb_activity::writes>("SMB_WRITES"),
+    number<&smb_activity::errors>("SMB_ERRORS"),
+    number<&smb_activity::last_error>("SMB_LAST_ERROR", Text::hex32),
+    number<&smb_activity::renames>("SMB_RENAMES"),
     {"SMB_RENAME_TO", CORVANE_FIELD_STRING, SMB_NAME_SIZE, Text::name, nullptr,
-     [](const smb_activity &a) { return a.has_rename != 0; }},
-    {"SMB_DELETES", CORVANE_FIELD_NUMBER, 4, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.deletes; }, always},
-    {"SMB_LATENCY_COUNT", CORVANE_FIELD_NUMBER, 4, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.latency_count; }, always},
-    {"SMB_LATENCY_SUM_US", CORVANE_FIELD_NUMBER, 8, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.latency_sum_us; }, always},
-    {"SMB_LATENCY_MAX_US", CORVANE_FIELD_NUMBER, 4, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.latency_max_us; }, always},
+     [](const smb_flow_data &r) { return counters_of(r).rename_to != nullptr; }},
+    number<&smb_activity::deletes>("SMB_DELETES"),
+    number<&smb_activity::latency_count>("SMB_LATENCY_COUNT"),
+    number<&smb_activity::latency_sum_us>("SMB_LATENCY_SUM_US"),
+    number<&smb_activity::latency_max_us>("SMB_LATENCY_MAX_US"),
+    // The record keeps the security flags itself.
     {"SMB_SECURITY", CORVANE_FIELD_NUMBER, 1, Text::decimal,
-     [](const smb_activity &a) -> uint64_t { return a.security; }, always},
+     [](const smb_flow_data &r) -> uint64_t { return r.security; }, always},
 }};
-
-const smb_activity kNothing{};
-const uint64_t kZero = 0;  // the default of every numeric field, as wide as the field
 
 const smb_flow_data *smb2_record(host_slot *slot) {
     const auto *rec = static_cast<const smb_flow_data *>(*slot);
     return rec && rec->version == SMB_VERSION_2 ? rec : nullptr;
 }
 
-// The record's counters with its security flags, which the record keeps itself.
-smb_activity activity_of(const smb_flow_data *rec) {
-    smb_activity a = rec->activity ? *rec->activity : kNothing;
-    a.security = rec->security;
-    return a;
+const uint8_t *rename_of(const smb_flow_data &rec) {
+    const uint8_t *name = counters_of(rec).rename_to;
+    return name ? name : kNoName;
 }
 
 // A number as `size` bytes in host order.
@@ -133,7 +139,7 @@ template <size_t I>
 int validity(void *, host_flow_record *, host_slot *slot) {
     const smb_flow_data *rec = smb2_record(slot);
     if (!rec) return 0;
-    return kFields[I].present(activity_of(rec)) ? 1 : 0;
+    return kFields[I].present(*rec) ? 1 : 0;
 }
 
 template <size_t I>
@@ -145,40 +151,36 @@ template <size_t I>
 void fill(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a, uint32_t b) {
     const smb_flow_data *rec = smb2_record(slot);
     if (!rec) return;
-    const activity_field &f = kFields[I];
-    const smb_activity act = activity_of(rec);
-    if (f.text == Text::name) {
-        record_universal_get_array(output, act.rename_to, SMB_NAME_SIZE, a, 0);
-        return;
+    constexpr const activity_field &f = kFields[I];
+    if constexpr (f.text == Text::name) {
+        record_universal_get_array(output, rename_of(*rec), SMB_NAME_SIZE, a, 0);
+    } else {
+        const number_bytes n(f.value(*rec), f.size);
+        record_universal_get_num(output, n.bytes, f.size, a, b);
     }
-    const number_bytes n(f.value(act), f.size);
-    record_universal_get_num(output, n.bytes, f.size, a, b);
 }
 
 template <size_t I>
 void fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a, uint32_t b) {
     const smb_flow_data *rec = smb2_record(slot);
     if (!rec) return;
-    const activity_field &f = kFields[I];
-    const smb_activity act = activity_of(rec);
-    if (f.text == Text::name) {
-        record_universal_get_txt_string(output, act.rename_to, SMB_NAME_SIZE, a, 0);
-        return;
-    }
-    const uint64_t value = f.value(act);
-    if (f.text == Text::decimal) {
-        const number_bytes n(value, f.size);
+    constexpr const activity_field &f = kFields[I];
+    if constexpr (f.text == Text::name) {
+        record_universal_get_txt_string(output, rename_of(*rec), SMB_NAME_SIZE, a, 0);
+    } else if constexpr (f.text == Text::decimal) {
+        const number_bytes n(f.value(*rec), f.size);
         record_universal_get_txt_num(output, n.bytes, f.size, a, b);
-        return;
+    } else {
+        const uint64_t value = f.value(*rec);
+        char text[16];
+        if constexpr (f.text == Text::dialect)
+            dialect_text(static_cast<uint16_t>(value), text);
+        else
+            snprintf(text, sizeof text, "0x%08x", static_cast<uint32_t>(value));
+        uint8_t buffer[SMB_NAME_SIZE];
+        text_to_utf16(text, buffer);
+        record_universal_get_txt_string(output, buffer, SMB_NAME_SIZE, a, 0);
     }
-    char text[16];
-    if (f.text == Text::dialect)
-        dialect_text(static_cast<uint16_t>(value), text);
-    else
-        snprintf(text, sizeof text, "0x%08x", static_cast<uint32_t>(value));
-    uint8_t buffer[SMB_NAME_SIZE];
-    text_to_utf16(text, buffer);
-    record_universal_get_txt_string(output, buffer, SMB_NAME_SIZE, a, 0);
 }
 
 template <size_t... I>

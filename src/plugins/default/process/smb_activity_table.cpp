@@ -5,45 +5,31 @@
 #include "smb_activity.h"
 
 activitytable *activitytable_create(int32_t size) {
-    return smb::create_table<activitytable>(size);
+    auto *t = static_cast<activitytable *>(corvaneexp_malloc(sizeof(activitytable), 1));
+    const int64_t count = smb::slot_count(size);
+    t->slots = static_cast<pending_request *>(
+        corvaneexp_malloc(size_t(count) * sizeof(pending_request), 1));
+    t->size = static_cast<uint32_t>(count);
+    t->shift = 64 - static_cast<uint32_t>(__builtin_ctzll(static_cast<uint64_t>(count)));
+    return t;
 }
 
 void activitytable_free(activitytable *t) {
-    smb::free_table(t);
+    if (!t) return;
+    for (uint32_t i = 0; i < t->size; ++i)
+        free(t->slots[i].rename_to);
+    free(t->slots);
+    free(t);
 }
 
-void activitytable_put(activitytable *t, uint32_t client_addr32, uint16_t client_port,
-                       uint64_t message_id, uint64_t request_ns, const PendingSetInfo &set_info) {
-    const activity_key key{client_addr32, client_port, message_id};
-    // One hash per request: the slot's record is reused in place (a request id is used once
-    // per connection, so a repeat replaces the old entry).
-    activity_record *&r = t->slot(key);
-    if (!r) {
-        r = static_cast<activity_record *>(corvaneexp_malloc(sizeof(activity_record), 0));
-    } else {
-        if (r->pending && !(r->key == key)) ++t->dropped;
-        r->release();
+// The slot's rename name (of an earlier request) is freed; a rename keeps a copy of its own.
+void activitytable_put_rename(pending_request &r, const uint8_t *rename_to) {
+    free(r.rename_to);
+    r.rename_to = nullptr;
+    if (r.kind == SetInfoKind::rename && rename_to) {
+        r.rename_to = static_cast<uint8_t *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
+        memcpy(r.rename_to, rename_to, SMB_NAME_SIZE);
     }
-    r->key = key;
-    r->request_ns = request_ns;
-    r->pending = 1;
-    r->kind = set_info.kind;
-    if (set_info.kind == SetInfoKind::rename && set_info.rename_to) {
-        r->rename_to = static_cast<uint8_t *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
-        memcpy(r->rename_to, set_info.rename_to, SMB_NAME_SIZE);
-    }
-}
-
-bool activitytable_take(activitytable *t, uint32_t client_addr32, uint16_t client_port,
-                        uint64_t message_id, TakenRequest &out) {
-    activity_record *r = t->find({client_addr32, client_port, message_id});
-    if (!r || !r->pending) return out.found = false;
-    r->pending = 0;
-    out.found = true;
-    out.request_ns = r->request_ns;
-    out.kind = r->kind;
-    out.rename_to = r->rename_to;
-    return true;
 }
 
 conntable *conntable_create(int32_t size) {
@@ -64,11 +50,14 @@ conn_record &record_for(conntable *t, const conn_key &key) {
 
 }  // namespace
 
+void conn_record::release() {
+    smb_activity_free(parked);
+    parked = nullptr;
+}
+
 void conntable_park(conntable *t, uint32_t client_addr32, uint16_t client_port,
-                    const smb_activity &counters) {
-    conn_record &r = record_for(t, {client_addr32, client_port});
-    if (!r.parked) r.parked = static_cast<smb_activity *>(corvaneexp_malloc(sizeof counters, 0));
-    smb_activity_merge(r.parked, &counters);
+                    smb_activity &counters) {
+    smb_activity_park(record_for(t, {client_addr32, client_port}).parked, counters);
 }
 
 void conntable_note(conntable *t, uint32_t client_addr32, uint16_t client_port, uint16_t dialect,

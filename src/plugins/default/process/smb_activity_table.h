@@ -15,35 +15,42 @@
 #include <stdint.h>
 
 #include "smb.h"
+#include "smb_activity.h"
 #include "smb_table_scheme.h"
 
 enum class SetInfoKind : uint8_t { none = 0, rename = 1, remove = 2 };
 
-struct activity_key {
+// One request waiting for its final response, kept in its slot (no allocation but a rename's
+// name).
+struct pending_request {
+    uint64_t message_id;
+    uint64_t request_ns;
     uint32_t client_addr32;
     uint16_t client_port;
-    uint64_t message_id;
-
-    bool operator==(const activity_key &) const = default;
-    auto packed() const { return smb::pack_le(message_id, client_addr32, client_port); }
-};
-
-struct activity_record {
-    activity_key key;
-    uint64_t request_ns;
-    uint8_t pending;  // 1 until the final response took the record
+    uint8_t pending;  // 1 until the final response took it
     SetInfoKind kind;
     uint8_t *rename_to;  // 128 bytes of UTF-16LE for a rename, owned, or null
 
-    void release() {
-        free(rename_to);
-        rename_to = nullptr;
+    bool is(uint32_t addr, uint16_t port, uint64_t id) const {
+        return message_id == id && client_addr32 == addr && client_port == port;
     }
 };
 
-// Owned by one queue's thread; no lock.
-struct activitytable : smb::HashTable<activity_record> {
+// Owned by one queue's thread; no lock. Every request of the queue is put and every final
+// response takes, so the table is an array of records with one slot per key (no chaining,
+// probing or ageing, as the other tables) found by a multiplicative hash, which is cheaper
+// than the CRC of the shared tables.
+struct activitytable {
+    pending_request *slots;
+    uint32_t size;     // a power of two, as smb::slot_count gives it
+    uint32_t shift;    // 64 - log2(size)
     uint64_t dropped;  // pending requests pushed out before their response
+
+    pending_request &slot(uint32_t addr, uint16_t port, uint64_t id) {
+        const uint64_t conn = (uint64_t{addr} << 16) | port;
+        const uint64_t h = (id + conn * 0x9E3779B97F4A7C15ull) * 0xD6E8FEB86659FD93ull;
+        return slots[h >> shift];
+    }
 };
 
 // A SET_INFO request's part of a pending request.
@@ -55,20 +62,45 @@ struct PendingSetInfo {
 activitytable *activitytable_create(int32_t size);
 void activitytable_free(activitytable *t);
 
-void activitytable_put(activitytable *t, uint32_t client_addr32, uint16_t client_port,
-                       uint64_t message_id, uint64_t request_ns, const PendingSetInfo &set_info);
+// Remembers a request (a repeat of the key replaces it: a request id is used once per
+// connection).
+void activitytable_put_rename(pending_request &r, const uint8_t *rename_to);
+inline void activitytable_put(activitytable *t, uint32_t client_addr32, uint16_t client_port,
+                              uint64_t message_id, uint64_t request_ns,
+                              const PendingSetInfo &set_info) {
+    pending_request &r = t->slot(client_addr32, client_port, message_id);
+    if (r.pending && !r.is(client_addr32, client_port, message_id)) ++t->dropped;
+    r.message_id = message_id;
+    r.request_ns = request_ns;
+    r.client_addr32 = client_addr32;
+    r.client_port = client_port;
+    r.pending = 1;
+    r.kind = set_info.kind;
+    if (r.rename_to || set_info.kind == SetInfoKind::rename) [[unlikely]]
+        activitytable_put_rename(r, set_info.rename_to);
+}
 
 // What a final response takes from its request.
 struct TakenRequest {
     bool found = false;
     uint64_t request_ns = 0;
     SetInfoKind kind = SetInfoKind::none;
-    const uint8_t *rename_to = nullptr;  // 128 bytes or null; valid until the next put
+    uint8_t *rename_to = nullptr;  // 128 bytes or null, now owned by the caller
 };
 // Takes the pending request of `message_id` (found is false when there is none); the record
 // stays in its slot but is no longer pending.
-bool activitytable_take(activitytable *t, uint32_t client_addr32, uint16_t client_port,
-                        uint64_t message_id, TakenRequest &out);
+inline bool activitytable_take(activitytable *t, uint32_t client_addr32, uint16_t client_port,
+                               uint64_t message_id, TakenRequest &out) {
+    pending_request &r = t->slot(client_addr32, client_port, message_id);
+    if (!r.pending || !r.is(client_addr32, client_port, message_id)) return out.found = false;
+    r.pending = 0;
+    out.found = true;
+    out.request_ns = r.request_ns;
+    out.kind = r.kind;
+    out.rename_to = r.rename_to;
+    r.rename_to = nullptr;
+    return true;
+}
 
 struct conn_key {
     uint32_t client_addr32;
@@ -76,6 +108,12 @@ struct conn_key {
 
     bool operator==(const conn_key &) const = default;
     auto packed() const { return smb::pack_le(client_addr32, client_port); }
+    // Looked up for every NEGOTIATE, SMB1 message and parked response: a multiplicative hash,
+    // its high bits folded down to the slot bits.
+    uint32_t hash() const {
+        const uint64_t h = ((uint64_t{client_addr32} << 16) | client_port) * 0x9E3779B97F4A7C15ull;
+        return static_cast<uint32_t>(h >> 32) ^ static_cast<uint32_t>(h >> 17);
+    }
 };
 
 struct conn_record {
@@ -86,10 +124,7 @@ struct conn_record {
     // after counting it), owned, or null: handed to the next record of the connection.
     smb_activity *parked;
 
-    void release() {
-        free(parked);
-        parked = nullptr;
-    }
+    void release();
 };
 
 // Shared by all queues: hold `lock` (smb::SpinGuard) around every call.
@@ -105,9 +140,41 @@ void conntable_free(conntable *t);
 void conntable_note(conntable *t, uint32_t client_addr32, uint16_t client_port, uint16_t dialect,
                     uint8_t security);
 
-// Adds `counters` to the connection's parked counters (making its record when needed).
+// Adds `counters` to the connection's parked counters (making its record when needed); a
+// rename target moves over.
 void conntable_park(conntable *t, uint32_t client_addr32, uint16_t client_port,
-                    const smb_activity &counters);
+                    smb_activity &counters);
 
 // The connection's record, or null.
 conn_record *conntable_find(conntable *t, uint32_t client_addr32, uint16_t client_port);
+
+// A compound chain longer than the reassembly bound, followed through its later segments so
+// that every message of it counts (activity=1): the offset of the next header not yet counted
+// and, when a header and fixed part straddle two segments, the bytes of it seen so far.
+struct chain_cursor {
+    static constexpr uint32_t kHead = 384;  // a header and any fixed part that counting reads
+
+    uint32_t client_addr32;
+    uint16_t client_port;
+    uint8_t direction;  // 0 client to server, 1 server to client
+    uint8_t active;
+    uint32_t total;  // SMB2 bytes of the session message
+    uint32_t seen;   // SMB2 bytes of it that the segments so far held
+    uint32_t next;   // offset of the next header not yet counted
+    uint32_t held;   // bytes of that message gathered in head
+    uint8_t head[kHead];
+};
+
+// Per queue (both directions of a connection go to one queue), made with activity=1; one slot
+// per key, the newest chain wins.
+struct chaintable {
+    static constexpr uint32_t kSlots = 256;
+    chain_cursor slots[kSlots];
+    uint64_t dropped;  // chains pushed out by another before their end
+
+    chain_cursor &slot(uint32_t addr, uint16_t port, uint8_t direction) {
+        const uint64_t h =
+            ((uint64_t{addr} << 17) | (uint64_t{port} << 1) | direction) * 0x9E3779B97F4A7C15ull;
+        return slots[h >> 56];
+    }
+};

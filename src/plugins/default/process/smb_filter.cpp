@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "smb.h"
+#include "smb_activity.h"
 #include "smb_parser.h"
 #include "utils_alloc.h"
 
@@ -21,39 +22,92 @@ bool looks_like_smb(const uint8_t *payload, size_t length) {
     return length > 7 && payload[5] == 'S' && payload[6] == 'M' && payload[7] == 'B';
 }
 
-// Parses into a record allocated up front: for payloads that almost surely carry SMB.
-bool parse_in_place(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload, host_slot *slot) {
-    smb_flow_data *rec = smb_record_new();
-    if (keeps_record(smb_parse_packet(pkt, rec, q, payload))) {
-        *slot = rec;
-        return true;
-    }
-    if (rec->activity) smb_park_activity(pkt, rec, q);
-    host_slot discarded = rec;
-    smb_record_free(&discarded);
-    return false;
-}
-
-// Parses into a record on the stack and allocates only for a kept result, so that the many
-// packets without SMB cost no allocation.
-bool parse_on_stack(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload, host_slot *slot) {
-    smb_flow_data local;
-    smb_record_init(&local);
-    const bool keep = keeps_record(smb_parse_packet(pkt, &local, q, payload));
-    if (keep) {
-        // The heap record takes over the names that the parser may have attached.
-        auto *rec = static_cast<smb_flow_data *>(corvaneexp_malloc(sizeof local, 0));
-        memcpy(rec, &local, sizeof local);
-        *slot = rec;
-    } else {
-        if (local.activity) {
-            smb_park_activity(pkt, &local, q);
-            free(local.activity);
+// The filter's two parse steps, the plain ones and those that keep activity counters beside
+// the record (activity=1), chosen once per packet.
+struct Plain {
+    // Parses into a record allocated up front: for payloads that almost surely carry SMB.
+    static bool parse_in_place(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload,
+                               host_slot *slot) {
+        smb_flow_data *rec = smb_record_new();
+        if (keeps_record(smb_parse_packet(pkt, rec, q, payload))) {
+            *slot = rec;
+            return true;
         }
-        free(local.file_name);
-        free(local.tree_name);
+        host_slot discarded = rec;
+        smb_record_free(&discarded);
+        return false;
     }
-    return keep;
+
+    // Parses into a record on the stack and allocates only for a kept result, so that the
+    // many packets without SMB cost no allocation.
+    static bool parse_on_stack(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload,
+                               host_slot *slot) {
+        smb_flow_data local;
+        smb_record_init(&local);
+        const bool keep = keeps_record(smb_parse_packet(pkt, &local, q, payload));
+        if (keep) {
+            // The heap record takes over the names that the parser may have attached.
+            auto *rec = static_cast<smb_flow_data *>(corvaneexp_malloc(sizeof local, 0));
+            memcpy(rec, &local, sizeof local);
+            *slot = rec;
+        } else {
+            free(local.file_name);
+            free(local.tree_name);
+        }
+        return keep;
+    }
+};
+
+// A dropped record's counters are parked with the connection (smb_park_activity).
+struct Counting {
+    static bool parse_in_place(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload,
+                               host_slot *slot) {
+        smb_flow_data *rec = smb_record_new_with_activity();
+        if (keeps_record(smb_parse_packet(pkt, rec, q, payload))) {
+            *slot = rec;
+            return true;
+        }
+        smb_park_activity(pkt, rec, q);
+        host_slot discarded = rec;
+        smb_record_free(&discarded);
+        return false;
+    }
+
+    static bool parse_on_stack(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload,
+                               host_slot *slot) {
+        smb_record_block local;
+        smb_record_init(&local.rec);
+        local.activity = smb_activity{};
+        local.rec.activity = &local.activity;
+        const bool keep = keeps_record(smb_parse_packet(pkt, &local.rec, q, payload));
+        if (keep) {
+            *slot = smb_record_move_to_heap(&local.rec);
+        } else {
+            smb_park_activity(pkt, &local.rec, q);
+            smb_record_release(&local.rec);
+        }
+        return keep;
+    }
+};
+
+template <typename Steps>
+int filter(smb_queue_ctx *q, host_packet *pkt, host_slot *pkt_slot) {
+    const uint8_t *payload = pkt->data + pkt->payload_offset;
+    const size_t payload_length = pkt->length - pkt->payload_offset;
+
+    if (q->port == 0) {
+        // No port filtering: a packet counts as SMB once the parser made a record for it.
+        if (Steps::parse_on_stack(pkt, q, payload, pkt_slot))
+            pkt->flags |= HOST_FLAG_SMB_PORT | HOST_FLAG_SMB_RECORD;
+        return 0;
+    }
+    if (pkt->src_port != q->port && pkt->dst_port != q->port) return 0;
+    pkt->flags |= HOST_FLAG_SMB_PORT;
+    const bool kept = looks_like_smb(payload, payload_length)
+                          ? Steps::parse_in_place(pkt, q, payload, pkt_slot)
+                          : Steps::parse_on_stack(pkt, q, payload, pkt_slot);
+    if (kept) pkt->flags |= HOST_FLAG_SMB_RECORD;
+    return 0;
 }
 
 }  // namespace
@@ -66,20 +120,5 @@ int process_smb_filter(void *queue_ctx, host_packet *pkt, void *, host_slot *pkt
     if (pkt->protocol != kTcp) return 0;
 
     auto *q = static_cast<smb_queue_ctx *>(queue_ctx);
-    const uint8_t *payload = pkt->data + pkt->payload_offset;
-    const size_t payload_length = pkt->length - pkt->payload_offset;
-
-    if (q->port == 0) {
-        // No port filtering: a packet counts as SMB once the parser made a record for it.
-        if (parse_on_stack(pkt, q, payload, pkt_slot))
-            pkt->flags |= HOST_FLAG_SMB_PORT | HOST_FLAG_SMB_RECORD;
-        return 0;
-    }
-    if (pkt->src_port != q->port && pkt->dst_port != q->port) return 0;
-    pkt->flags |= HOST_FLAG_SMB_PORT;
-    const bool kept = looks_like_smb(payload, payload_length)
-                          ? parse_in_place(pkt, q, payload, pkt_slot)
-                          : parse_on_stack(pkt, q, payload, pkt_slot);
-    if (kept) pkt->flags |= HOST_FLAG_SMB_RECORD;
-    return 0;
+    return q->activity ? filter<Counting>(q, pkt, pkt_slot) : filter<Plain>(q, pkt, pkt_slot);
 }

@@ -33,7 +33,7 @@ void *attach_or_give_up(smb_queue_ctx *q, host_flow_record *flow, host_slot *pkt
 // The packet's activity counters (activity=1 only) are added whatever the version.
 void merge(smb_flow_data *flow_rec, smb_flow_data *pkt_rec, bool first_direction,
            const host_flow_record *flow) {
-    smb_activity_take(flow_rec, pkt_rec);
+    if (pkt_rec->activity) smb_activity_take(flow_rec, pkt_rec);
     smb_who_take(flow_rec, pkt_rec);
     flow_rec->security |= pkt_rec->security;
     if (pkt_rec->version == SMB_VERSION_1) {

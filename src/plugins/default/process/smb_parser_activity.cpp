@@ -4,6 +4,7 @@
 #include "smb_activity.h"
 #include "smb_activity_table.h"
 #include "smb_parser_internal.h"
+#include "utils_alloc.h"
 
 namespace smb::parser {
 
@@ -80,14 +81,23 @@ PendingSetInfo read_set_info(const Smb2Message &msg, uint8_t (&name)[SMB_NAME_SI
     return info;
 }
 
+// A SET_INFO request keeps what it asked for with its time; kept out of line, as its name
+// buffer would weigh on every other request.
+[[gnu::noinline]] void put_set_info(const host_packet *pkt, smb_queue_ctx *q,
+                                    const Smb2Message &msg, ConnKey key) {
+    uint8_t name[SMB_NAME_SIZE];
+    const PendingSetInfo info = read_set_info(msg, name);
+    activitytable_put(q->activitytable, key.addr, key.port, msg.message_id(), pkt->timestamp_ns,
+                      info);
+}
+
 void count_request(const host_packet *pkt, smb_queue_ctx *q, const Smb2Message &msg, ConnKey key) {
     const uint16_t command = msg.command();
     if (command == SMB2_CANCEL) return;  // answered by the cancelled request's response
-    uint8_t name[SMB_NAME_SIZE];
-    PendingSetInfo info;
-    if (command == SMB2_SET_INFO) info = read_set_info(msg, name);
+    if (command == SMB2_SET_INFO) [[unlikely]]
+        return put_set_info(pkt, q, msg, key);
     activitytable_put(q->activitytable, key.addr, key.port, msg.message_id(), pkt->timestamp_ns,
-                      info);
+                      PendingSetInfo{});
 }
 
 void count_latency(smb_activity *a, uint64_t request_ns, uint64_t response_ns) {
@@ -99,7 +109,7 @@ void count_latency(smb_activity *a, uint64_t request_ns, uint64_t response_ns) {
 }
 
 void count_success(smb_queue_ctx *q, smb_flow_data *rec, smb_activity *a, const Smb2Message &msg,
-                   ConnKey key, const TakenRequest &request) {
+                   ConnKey key, TakenRequest &request) {
     const ByteReader body = msg.body();
     switch (msg.command()) {
         case SMB2_NEGOTIATE: {
@@ -134,11 +144,11 @@ void count_success(smb_queue_ctx *q, smb_flow_data *rec, smb_activity *a, const 
                 ++a->deletes;
             } else if (request.kind == SetInfoKind::rename) {
                 ++a->renames;
-                a->has_rename = 1;
-                if (request.rename_to)
-                    memcpy(a->rename_to, request.rename_to, sizeof a->rename_to);
-                else
-                    memset(a->rename_to, 0, sizeof a->rename_to);
+                free(a->rename_to);
+                a->rename_to = request.rename_to;
+                request.rename_to = nullptr;
+                if (!a->rename_to)
+                    a->rename_to = static_cast<uint8_t *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
             }
             return;
         default:
@@ -147,29 +157,32 @@ void count_success(smb_queue_ctx *q, smb_flow_data *rec, smb_activity *a, const 
 }
 
 void count_response(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
-                    const Smb2Message &msg, ConnKey key) {
+                    const Smb2Message &msg, ConnKey key, smb_activity *into) {
     const uint32_t status = msg.status();
     // An interim response only says that the final one will follow.
     if (msg.is_async() && status == kStatusPending) return;
-    smb_activity *a = smb_activity_of(rec);
+    smb_activity *a = into ? into : smb_activity_of(rec);
+    a->counted = 1;
     if (msg.flags() & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
     TakenRequest request;
-    activitytable_take(q->activitytable, key.addr, key.port, msg.message_id(), request);
-    if (request.found) count_latency(a, request.request_ns, pkt->timestamp_ns);
+    if (activitytable_take(q->activitytable, key.addr, key.port, msg.message_id(), request))
+        count_latency(a, request.request_ns, pkt->timestamp_ns);
     if (is_error(status)) {
         ++a->errors;
         a->last_error = status;
     }
     if (status == 0) count_success(q, rec, a, msg, key, request);
+    if (request.rename_to) [[unlikely]]
+        free(request.rename_to);  // a rename that did not succeed
 }
 
 }  // namespace
 
 void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
-                       const Smb2Message &msg) {
+                       Smb2Message msg, smb_activity *into) {
     const ConnKey key = connection_key(pkt, msg.is_response());
     if (msg.is_response()) {
-        count_response(pkt, rec, q, msg, key);
+        count_response(pkt, rec, q, msg, key, into);
         return;
     }
     if (msg.flags() & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
@@ -188,11 +201,10 @@ void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
 void smb_park_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q) {
     // Flags alone are not parked: a request kept for its response (whose record is dropped)
     // is signed or not as its response is.
-    if (!rec->activity || !q->conntable || rec->is_response > 1) return;
+    smb_activity *a = rec->activity;
+    if (!a || !a->counted || !q->conntable || rec->is_response > 1) return;
     const smb::parser::ConnKey key = smb::parser::connection_key(pkt, rec->is_response);
-    smb_activity counters{};
-    if (rec->activity) counters = *rec->activity;
-    counters.security = rec->security;
+    a->security = rec->security;
     smb::parser::locked(q->conntable,
-                        [&](conntable *t) { conntable_park(t, key.addr, key.port, counters); });
+                        [&](conntable *t) { conntable_park(t, key.addr, key.port, *a); });
 }

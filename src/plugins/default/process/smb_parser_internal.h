@@ -141,25 +141,37 @@ struct CommandContext {
 int32_t parse_tree_connect(const CommandContext &ctx);
 int32_t parse_create(const CommandContext &ctx);
 
-// Activity counting (nothing with activity=0): one SMB2 message into `rec`, an SMB1 message
-// (`reply` from its Flags), a transform header.
-// The checks are inline so that activity=0 costs no call.
+// Activity counting (nothing with activity=0): one SMB2 message, whose counters go to `into`
+// (the record's own when null) and whose flags go to `rec`; an SMB1 message (`reply` from its
+// Flags); a transform header. The checks are inline so that activity=0 costs no call.
 void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
-                       const Smb2Message &msg);
+                       Smb2Message msg, smb_activity *into);
 void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply);
 inline void count_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
-                           const Smb2Message &msg) {
-    if (q->activity) {
-        count_activity_on(pkt, rec, q, msg);
+                           const Smb2Message &msg, smb_activity *into = nullptr) {
+    if (q->activity) [[unlikely]] {
+        count_activity_on(pkt, rec, q, msg, into);
         smb_who_note(pkt, rec, q, msg);
     }
 }
 inline void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        uint8_t reply) {
-    if (q->activity) count_smb1_on(pkt, rec, q, reply);
+    if (q->activity) [[unlikely]]
+        count_smb1_on(pkt, rec, q, reply);
 }
+// A message longer than its first segment (activity=1): for a compound chain, counts the later
+// messages that the segment holds and follows the chain into the later segments; for a single
+// message, ends the following of an earlier chain. `hdr` is the first header, `available` the
+// SMB2 bytes of the segment from there, `total` the SMB2 bytes of the session message.
+void follow_chain(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, ConnKey key,
+                  uint8_t direction, const uint8_t *hdr, uint32_t available, uint32_t total);
+// A later segment of such a message: counts the chain's messages that it completes.
+void continue_chain(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, ConnKey key,
+                    uint8_t direction, const ByteReader &payload);
+
 inline void count_transform(smb_flow_data *rec, smb_queue_ctx *q) {
-    if (q->activity) rec->security |= SMB_SEC_ENCRYPTED;
+    if (q->activity) [[unlikely]]
+        rec->security |= SMB_SEC_ENCRYPTED;
 }
 
 }  // namespace smb::parser

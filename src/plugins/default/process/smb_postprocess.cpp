@@ -50,6 +50,14 @@ void fold_masks(smb_flow_data *rec, const uint32_t masks[2]) {
     rec->commands[1 - to_server] |= masks[1];
 }
 
+// Counters parked with the connection join the record (activity=1).
+void add_parked(smb_flow_data *rec, smb_activity *counters) {
+    if (!counters) return;
+    smb_activity_merge(smb_activity_of(rec), counters);
+    rec->security |= counters->security;
+    smb_activity_free(counters);
+}
+
 // What the file part learned that the tree part still needs.
 struct file_outcome {
     bool names_share_root = false;  // the CREATE opened the share itself
@@ -131,11 +139,7 @@ void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_d
     rec->security |= security;
     if (dialect == 0 && !parked) return;
     smb_activity *a = smb_activity_of(rec);
-    if (parked) {
-        smb_activity_merge(a, parked);
-        rec->security |= parked->security;
-        free(parked);
-    }
+    add_parked(rec, parked);
     if (dialect) a->dialect = dialect;
 }
 

@@ -18,8 +18,10 @@ void *process_smb_init_queue(uint32_t plugin_id, void *plugin_ctx, uint32_t queu
     q->queue_id = queue_id;
     q->messagetable = messagetable_create(static_cast<int32_t>(q->messagetable_size));
     q->messagetable2 = messagetable2_create(static_cast<int32_t>(q->messagetable2_size));
-    if (q->activity)
+    if (q->activity) {
         q->activitytable = activitytable_create(static_cast<int32_t>(q->activitytable_size));
+        q->chaintable = static_cast<chaintable *>(corvaneexp_malloc(sizeof(chaintable), 0));
+    }
 
     corvane_hook_queue_filter(q, plugin_id, process_smb_filter);
     corvane_hook_queue_update(q, plugin_id, process_smb_update);
@@ -37,6 +39,13 @@ void process_smb_shutdown_queue(void *queue_ctx) {
                    "SMB plugin: queue %u dropped %llu pending requests from the activity table",
                    q->queue_id, static_cast<unsigned long long>(q->activitytable->dropped));
         activitytable_free(q->activitytable);
+    }
+    if (q->chaintable) {
+        if (q->chaintable->dropped)
+            CV_LOG(CVLOG_NOTICE,
+                   "SMB plugin: queue %u dropped %llu long compound chains before their end",
+                   q->queue_id, static_cast<unsigned long long>(q->chaintable->dropped));
+        free(q->chaintable);
     }
     free(q);
 }

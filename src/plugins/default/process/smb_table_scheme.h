@@ -8,8 +8,10 @@
 // by the table; later keys overwrite them in place.
 //
 // A record type is a plain struct whose first member is `key`, of a key type that compares
-// with == and packs itself with `packed()`. A record that owns memory of its own provides
-// `release()`, which frees it and leaves the record as if newly allocated.
+// with == and packs itself with `packed()`. A key of a table of the plug-in's own (not one of
+// the five) may bring a cheaper `hash()` of its own, whose low bits pick the slot. A record that
+// owns memory of its own provides `release()`, which frees it and leaves the record as if newly
+// allocated.
 //
 // The shared tables (tree, file, data) add a process-private spin lock to their handle. The
 // table operations never take it: callers hold it around each call with smb::SpinGuard and
@@ -87,8 +89,12 @@ struct HashTable {
     int32_t mask;
 
     static uint32_t hash(const Key &key) {
-        const auto bytes = key.packed();
-        return corvaneexp_crc32c(bytes.data(), bytes.size(), 0);
+        if constexpr (requires { key.hash(); }) {
+            return key.hash();
+        } else {
+            const auto bytes = key.packed();
+            return corvaneexp_crc32c(bytes.data(), bytes.size(), 0);
+        }
     }
 
     size_t index_of(const Key &key) const { return hash(key) & static_cast<uint32_t>(mask); }
