@@ -79,7 +79,7 @@ def ipfixdump_names(capture, rows, work):
     their values by name."""
     out = os.path.join(work, "flows.ipfix")
     smbflow(capture, "--ipfix", "file:" + out)
-    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "-i", out], check=True,
+    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "--hexdump=16", "-i", out], check=True,
                           capture_output=True, text=True).stdout
     trees = re.findall(r"^\s+\(32473/3\)\s+smbTree : \(len: \d+\) ?(.*)$", dump, re.M)
     names = re.findall(r"^\s+\(32473/4\)\s+smbFileName : \(len: \d+\) ?(.*)$", dump, re.M)
@@ -130,7 +130,7 @@ def ipfixdump_smb_values(capture, work):
     args = ["--inactive-timeout", str(timeouts[0]), "--active-timeout", str(timeouts[1])] \
         if timeouts else []
     smbflow(capture, *args, "--ipfix", "file:" + out)
-    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "-i", out], check=True,
+    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "--hexdump=16", "-i", out], check=True,
                           capture_output=True, text=True).stdout
     written = smbdiff.read_records(
         [smbdiff.json.dumps(r) for r in dump_records(dump)], smbdiff.model.Model().port)
@@ -158,11 +158,16 @@ def activity_elements():
     return out
 
 
+STRING_COLUMNS = ("smb_rename_to", "smb_user", "smb_domain", "smb_workstation")
+
+
 def as_ipfix_text(column, value):
     """A JSON value of an activity column as ipfixDump prints the element (absent: zero or
     empty, as a record that cannot leave an element out)."""
+    if column == "smb_rpc_interface":  # octets, dumped as hex (--hexdump=16)
+        return "0x" + (value.replace("-", "") if value else "0" * 32)
     if value is None:
-        return "0" if column != "smb_rename_to" else ""
+        return "" if column in STRING_COLUMNS else "0"
     if column == "smb_dialect" and isinstance(value, str):
         return str(DIALECTS.get(value) or int(value, 16))
     if isinstance(value, str) and value.startswith("0x"):
@@ -175,7 +180,7 @@ def ipfixdump_activity(capture, work):
     record."""
     out, js = os.path.join(work, "activity.ipfix"), os.path.join(work, "activity.json")
     smbflow(capture, "--params", "activity=1", "-F", "json", "-o", js, "--ipfix", "file:" + out)
-    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "-i", out], check=True,
+    dump = subprocess.run(["ipfixDump", "--rfc5610", "-d", "--hexdump=16", "-i", out], check=True,
                           capture_output=True, text=True).stdout
     with open(js) as f:
         rows = [json.loads(line) for line in f]

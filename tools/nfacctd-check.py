@@ -37,6 +37,9 @@ SCHEMA = """CREATE TABLE smb_flows (
     smb_op INT NOT NULL DEFAULT 0, packets INT NOT NULL, bytes BIGINT NOT NULL,
     stamp_inserted DATETIME, stamp_updated DATETIME)"""
 PROTO = {6: "tcp", 17: "udp", 1: "icmp", 58: "ipv6-icmp"}
+# The identity and remote-call primitives (activity=1), checked by a second nfacctd run with
+# the print plugin: strings and numbers as smbflow's JSON has them.
+WHO = ["smb_user", "smb_domain", "smb_workstation", "smb_rpc_opnums", "smb_rpc_calls"]
 
 
 def free_udp_port():
@@ -49,13 +52,15 @@ def number(v):
     return 0 if v is None else int(v, 16) if isinstance(v, str) else int(v)
 
 
-def expected_totals(records):
+def expected_totals(records, who=False):
     """smbflow's JSON records as nfacctd aggregates them: a record a direction, keyed by the
     flow and its SMB values (a record without them has nfacctd's empty values)."""
     out = collections.Counter()
     for r in records:
         smb = (number(r["smb_cmd_request"]), number(r["smb_cmd_response"]), r["smb_tree"] or "",
                r["smb_file_name"] or "", number(r["smb_file_type_code"]), number(r["smb_op_code"]))
+        if who:
+            smb += tuple(r[k] or "" for k in WHO[:3]) + tuple(number(r[k]) for k in WHO[3:])
         proto = PROTO.get(r["proto"], str(r["proto"]))
         fwd = (r["src_addr"], r["dst_addr"], r["src_port"], r["dst_port"], proto) + smb
         rev = (r["dst_addr"], r["src_addr"], r["dst_port"], r["src_port"], proto) + smb
@@ -67,12 +72,12 @@ def expected_totals(records):
     return out
 
 
-def totals_of(rows):
+def totals_of(rows, who=False):
     out = collections.Counter()
+    numbers = ("port_src", "port_dst", "smb_cmd_request", "smb_cmd_response", "smb_file_type",
+               "smb_op", "smb_rpc_opnums", "smb_rpc_calls")
     for r in rows:
-        key = tuple(int(r[k]) if k in ("port_src", "port_dst", "smb_cmd_request",
-                                        "smb_cmd_response", "smb_file_type", "smb_op")
-                    else r[k] for k in KEY)
+        key = tuple(int(r[k]) if k in numbers else r[k] for k in KEY + (WHO if who else []))
         out[key + ("packets",)] += int(r["packets"])
         out[key + ("bytes",)] += int(r["bytes"])
     return out
@@ -97,8 +102,12 @@ def db_rows(path):
     return rows
 
 
-def main():
+def check(who: bool) -> list[str]:
+    """One nfacctd fed with every capture: the six SMB primitives (print and SQLite plugins),
+    or with `who` those and the identity and remote-call ones (print plugin, activity=1)."""
     failures = []
+    primitives = PRIMITIVE_LIST + "".join(f", {k}" for k in WHO) if who else PRIMITIVE_LIST
+    params = "short-create=1,activity=1" if who else "short-create=1"
     with tempfile.TemporaryDirectory() as tmp:
         port = free_udp_port()
         out_json, db, log = (os.path.join(tmp, n) for n in ("nfacctd.json", "smb.db", "log"))
@@ -110,8 +119,8 @@ def main():
 nfacctd_ip: 127.0.0.1
 nfacctd_port: {port}
 aggregate_primitives: {PRIMITIVES}
-plugins: print[json], sqlite3[db]
-aggregate[json]: {PRIMITIVE_LIST}
+plugins: print[json]{"" if who else ", sqlite3[db]"}
+aggregate[json]: {primitives}
 print_output[json]: json
 print_output_file[json]: {out_json}
 print_output_file_append[json]: true
@@ -132,23 +141,24 @@ sql_refresh_time[db]: 1
                 if time.monotonic() > deadline or nfacctd.poll() is not None:
                     print(open(log, errors="replace").read())
                     print("FAILED  nfacctd did not start")
-                    return 1
+                    return ["start"]
                 time.sleep(0.05)
             expected = collections.Counter()
             records = 0
             for capture in CAPTURES:
                 run = subprocess.run(
-                    [SMBFLOW, "-q", "--no-progress", "--params", "short-create=1", "-F", "json",
+                    [SMBFLOW, "-q", "--no-progress", "--params", params, "-F", "json",
                      "--ipfix-uniflow", "--ipfix", f"udp://127.0.0.1:{port}", capture],
                     check=True, capture_output=True, text=True)
                 lines = [json.loads(line) for line in run.stdout.splitlines()]
                 records += len(lines)
-                expected += expected_totals(lines)
+                expected += expected_totals(lines, who)
             # nfacctd writes every second: wait until the packets have all arrived.
             want = sum(v for k, v in expected.items() if k[-1] == "packets")
             deadline = time.monotonic() + 60
             while True:
-                got_json, got_db = totals_of(json_rows(out_json)), totals_of(db_rows(db))
+                got_json = totals_of(json_rows(out_json), who)
+                got_db = got_json if who else totals_of(db_rows(db))
                 have = [sum(v for k, v in t.items() if k[-1] == "packets")
                         for t in (got_json, got_db)]
                 if have == [want, want] or time.monotonic() > deadline:
@@ -166,7 +176,14 @@ sql_refresh_time[db]: 1
         files = {k[8] for k in expected if k[8]}
         print(f"smbflow: {len(CAPTURES)} captures, {records} records, {want} packets, "
               f"{len(shares)} shares, {len(files)} file names")
-        for name, got in (("print plugin (JSON)", got_json), ("SQLite plugin", got_db)):
+        users = {k[11:14] for k in expected if who and k[11]}
+        if who:
+            print(f"with activity=1: {len(users)} identities, "
+                  f"{sum(1 for k in expected if k[-3] and k[-1] == 'packets')} aggregates "
+                  "with calls")
+        plugins = [("print plugin (JSON)", got_json)] + ([] if who else [("SQLite plugin",
+                                                                             got_db)])
+        for name, got in plugins:
             missing = expected - got
             extra = got - expected
             ok = not missing and not extra
@@ -178,7 +195,11 @@ sql_refresh_time[db]: 1
                 print("  unexpected", k, extra[k])
             if not ok:
                 failures.append(name)
-    return 1 if failures else 0
+    return failures
+
+
+def main():
+    return 1 if check(False) + check(True) else 0
 
 
 if __name__ == "__main__":

@@ -42,6 +42,11 @@ echo "traffic-check: activity counters, --params activity=1 and activity=1,short
 PYTHONDONTWRITEBYTECODE=1 python3 tools/smbdiff/activity.py --smbflow "$smbflow" \
   --plugin "$plugin" --queues 1,4 --params activity=1 --params activity=1,short-create=1 \
   "$out"/*.pcap || status=1
+# Identities per record and the interfaces and opnums of pipe records against tshark, at 1 and
+# 4 queues.
+echo "traffic-check: identities and remote calls, --params activity=1"
+PYTHONDONTWRITEBYTECODE=1 python3 tools/smbdiff/identity.py --smbflow "$smbflow" \
+  --plugin "$plugin" --queues 1,4 --params activity=1 "$out"/*.pcap || status=1
 if [ "$status" -eq 0 ] && grep -q '^# skipped' "$out/MANIFEST.txt"; then
   echo "traffic-check: SKIP: the generator left scenarios out:"
   grep '^# skipped' "$out/MANIFEST.txt"

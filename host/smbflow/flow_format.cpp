@@ -1,4 +1,5 @@
 #include "flow_format.h"
+#include "rpc_services.h"
 
 #include <arpa/inet.h>
 
@@ -149,6 +150,7 @@ std::vector<Column> output_columns(const std::vector<const FieldDef *> &fields) 
     FlowFormatter formatter(fields);
     for (const auto &e : formatter.extras())
         cols.push_back(plugin_column(*e.def));
+    if (formatter.has_service_column()) cols.push_back({kServiceColumn, false, true});
     return cols;
 }
 
@@ -334,6 +336,10 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         if (std::find(std::begin(index_), std::end(index_), static_cast<int>(i)) ==
             std::end(index_))
             extras_.push_back({static_cast<uint32_t>(i), fields[i]});
+    for (size_t i = 0; i < extras_.size(); ++i)
+        if (extras_[i].def->name == "SMB_RPC_INTERFACE" &&
+            extras_[i].def->type == CORVANE_FIELD_OCTETS)
+            interface_extra_ = static_cast<int>(i);
 }
 
 const FieldValue *FlowFormatter::extra_value(const ExportedFlow &flow, const Extra &extra) {
@@ -372,7 +378,7 @@ Row FlowFormatter::render(const ExportedFlow &flow) const {
 void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
     const host_flow_record &r = flow.rec;
     const bool tcp = r.protocol == 6;
-    row.resize(columns().size() + extras_.size());
+    row.resize(columns().size() + extras_.size() + (has_service_column() ? 1 : 0));
     Cell *c = row.data();
     auto num = [&](uint64_t v) { append_uint(value_of(*c++), v); };
 
@@ -439,6 +445,15 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
         else
             set_null(*c);
         ++c;
+    }
+    if (has_service_column()) {
+        const FieldValue *v = extra_value(flow, extras_[interface_extra_]);
+        const std::string_view name =
+            v && v->kind == FieldValue::Kind::Value ? rpc_service_name(v->text) : "";
+        if (name.empty())
+            set_null(*c);
+        else
+            value_of(*c) = name;
     }
 }
 

@@ -43,7 +43,11 @@ const std::vector<std::string> &host_rendered_fields();
 // lower case.
 Column plugin_column(const corvane_host::FieldDef &field);
 
-// Every column of a run: columns(), then one per other field of `fields`, in their order.
+// The display column that names the remote-call service of a record.
+inline constexpr const char *kServiceColumn = "smb_rpc_service";
+
+// Every column of a run: columns(), then one per other field of `fields`, in their order,
+// then the service column when the plug-in registers SMB_RPC_INTERFACE.
 std::vector<Column> output_columns(const std::vector<const corvane_host::FieldDef *> &fields);
 
 // The SMB plug-in's fields of one flow record; null for a field without a value.
@@ -71,6 +75,9 @@ class FlowFormatter {
         const corvane_host::FieldDef *def;
     };
     const std::vector<Extra> &extras() const { return extras_; }
+    // The display column behind the extras that names the service of SMB_RPC_INTERFACE
+    // (text outputs only: IPFIX carries the interface itself).
+    bool has_service_column() const { return interface_extra_ >= 0; }
     // Whether the flow has a value for an extra field to show: its own, or the field's
     // default when the field's plug-in had a record of the flow.
     static const corvane_host::FieldValue *extra_value(const corvane_host::ExportedFlow &flow,
@@ -80,6 +87,7 @@ class FlowFormatter {
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
     std::vector<Extra> extras_;
+    int interface_extra_ = -1;  // index into extras_ of SMB_RPC_INTERFACE
     bool nano_ = false;
 };
 

@@ -102,8 +102,10 @@ std::string smb_parameter_text(std::string_view help) {
            "packets, so that a connection's records add up to the wire (volume accounting), "
            "default 0"
            "\nactivity=<0,1>  opt-in: bytes, operations, errors, latency, dialect and security "
-           "fields, default 0"
-           "\nactivitytable-size=<unsigned int>   conntable-size=<unsigned int>";
+           "fields, the session's user, domain and workstation, and the remote calls on named "
+           "pipes, default 0"
+           "\nactivitytable-size=<unsigned int>   conntable-size=<unsigned int>"
+           "\nsessiontable-size=<unsigned int>   pipetable-size=<unsigned int>";
 }
 
 uint64_t memory_budget() {

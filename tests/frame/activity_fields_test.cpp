@@ -27,9 +27,13 @@ const registered kActivityFields[] = {
     {"SMB_RENAME_TO", 8, 128, 0},    {"SMB_DELETES", 1, 4, 4},
     {"SMB_LATENCY_COUNT", 1, 4, 4},  {"SMB_LATENCY_SUM_US", 1, 8, 8},
     {"SMB_LATENCY_MAX_US", 1, 4, 4}, {"SMB_SECURITY", 1, 1, 1},
+    // Identity and remote calls.
+    {"SMB_USER", 8, 128, 0},         {"SMB_DOMAIN", 8, 128, 0},
+    {"SMB_WORKSTATION", 8, 128, 0},  {"SMB_RPC_INTERFACE", 16, 16, 0},
+    {"SMB_RPC_OPNUMS", 1, 8, 8},     {"SMB_RPC_CALLS", 1, 4, 4},
 };
 
-TEST(ActivityParameter, RegistersTheFourteenFieldsAfterTheSixOnlyWhenOn) {
+TEST(ActivityParameter, RegistersItsFieldsAfterTheSixOnlyWhenOn) {
     for (const char *params : {"activity=0", "port=139", "activity=1"}) {
         SCOPED_TRACE(params);
         mini_host::reset();
@@ -39,7 +43,7 @@ TEST(ActivityParameter, RegistersTheFourteenFieldsAfterTheSixOnlyWhenOn) {
         EXPECT_EQ(ctx->activity, on ? 1u : 0u);
         EXPECT_EQ(ctx->conntable != nullptr, on);
         const auto &fields = mini_host::host().fields;
-        ASSERT_EQ(fields.size(), on ? 20u : 6u);
+        ASSERT_EQ(fields.size(), on ? 6 + std::size(kActivityFields) : 6u);
         for (size_t i = 6; i < fields.size(); ++i) {
             const registered &r = kActivityFields[i - 6];
             EXPECT_EQ(fields[i].name, r.name);

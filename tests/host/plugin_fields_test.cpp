@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "flow_format.h"
 #include "host.h"
 #include "ipfix_extra.h"
 #include "ipfix_record.h"
@@ -135,6 +136,48 @@ TEST(PluginFields, IpfixElementsTypedBySizeAndKind) {
     EXPECT_NE(dump.out.find("count: 14      tid:   260"), std::string::npos);
 }
 
+// The service column follows the plug-in's columns when it registers SMB_RPC_INTERFACE as
+// octets, and names the well-known interfaces only.
+TEST(PluginFields, ServiceColumnNamesKnownInterfaces) {
+    corvane_host::FieldDef interface, calls;
+    interface.name = "SMB_RPC_INTERFACE";
+    interface.type = CORVANE_FIELD_OCTETS;
+    interface.size = 16;
+    interface.fill_txt = [](void *, host_flow_record *, host_slot *, void *, uint32_t, uint32_t) {};
+    calls.name = "SMB_RPC_CALLS";
+    calls.type = CORVANE_FIELD_NUMBER;
+    calls.size = 4;
+    const std::vector<const corvane_host::FieldDef *> fields = {&interface, &calls};
+    const auto cols = smbflow::output_columns(fields);
+    ASSERT_GE(cols.size(), 3u);
+    EXPECT_EQ(cols[cols.size() - 3].name, "smb_rpc_interface");
+    EXPECT_EQ(cols.back().name, smbflow::kServiceColumn);
+
+    const std::pair<const char *, std::optional<std::string>> cases[] = {
+        {"367abb81-9844-35f1-ad32-98f038001003", "svcctl"},
+        {"86d35949-83c9-4044-b424-db363231fd0c", "ITaskSchedulerService"},
+        {"12345778-1234-abcd-ef00-0123456789ab", "lsarpc"},
+        {"12345778-1234-abcd-ef00-0123456789ac", "samr"},
+        {"00000000-0000-0000-0000-000000000000", std::nullopt},
+        {"", std::nullopt},  // a record without an interface
+    };
+    const smbflow::FlowFormatter formatter(fields);
+    for (const auto &[uuid, service] : cases) {
+        corvane_host::ExportedFlow flow;
+        flow.fields.resize(2);
+        if (*uuid) {
+            flow.fields[0].kind = corvane_host::FieldValue::Kind::Value;
+            flow.fields[0].text = uuid;
+        }
+        const smbflow::Row row = formatter.render(flow);
+        ASSERT_EQ(row.size(), cols.size());
+        EXPECT_EQ(row.back().value, service) << uuid;
+    }
+    // Without the interface field there is no service column.
+    const std::vector<const corvane_host::FieldDef *> only_calls = {&calls};
+    EXPECT_NE(smbflow::output_columns(only_calls).back().name, smbflow::kServiceColumn);
+}
+
 // Decimal texts are JSON numbers; anything else a number field's text may be is a string.
 TEST(PluginFields, OnlyDecimalTextsAreJsonNumbers) {
     const std::pair<const char *, bool> cases[] = {
@@ -254,7 +297,11 @@ TEST(PluginFields, ElementFileMatchesThePluginsRegistrations) {
         EXPECT_EQ(ie->ent, smbflow::ipfix::kDocumentationPen) << e.name;
         EXPECT_EQ(ie->num, e.id) << e.name;
         EXPECT_EQ(ie->type, e.type) << e.name;
-        EXPECT_EQ(ie->len, e.length) << e.name;
+        // An element file has no length: a fixed-size octet array reads as variable-length.
+        if (e.type == FB_OCTET_ARRAY)
+            EXPECT_EQ(ie->len, FB_IE_VARLEN) << e.name;
+        else
+            EXPECT_EQ(ie->len, e.length) << e.name;
     }
     // Nothing in the file beyond them (ids are consecutive from 1).
     const uint16_t next =

@@ -58,6 +58,11 @@ class Smb2Message:
     write_count: int | None = None  # WRITE response Count
     rename_to: bytes | None = None  # SET_INFO FileRenameInformation: the new name, UTF-16LE
     info_flags: int | None = None  # SET_INFO FileDispositionInformationEx: Flags
+    # What the identity and remote-call fields read:
+    session_id: int = 0
+    auth: tuple | None = None  # SESSION_SETUP request AUTHENTICATE: raw user, domain, host
+    ctl_code: int | None = None  # IOCTL request
+    rpc: list = field(default_factory=list)  # DcerpcPdu the message carries
 
     @property
     def is_response(self) -> bool:
@@ -77,6 +82,16 @@ class Smb2Message:
 
 
 @dataclass
+class DcerpcPdu:
+    """A connection-oriented DCE/RPC PDU as tshark dissects it."""
+    ptype: int
+    flags: int
+    contexts: list  # BIND / ALTER_CONTEXT: (context id, interface UUID text, tshark's name)
+    context_id: int | None = None  # REQUEST
+    opnum: int | None = None  # REQUEST
+
+
+@dataclass
 class Pdu:
     """One NetBIOS session message and what it carries."""
     kind: str  # "smb2", "smb1", "transform", "other"
@@ -86,6 +101,7 @@ class Pdu:
     messages: list[Smb2Message] = field(default_factory=list)
     smb1_command: int | None = None
     at_segment_start: bool = True  # begins at the first byte of its first segment
+    session_id: int = 0  # a transform header's SessionId
 
 
 @dataclass
@@ -165,6 +181,11 @@ def _smb2_message(proto: ET.Element, base: int) -> Smb2Message | None:
         next_command=_raw(fields, "smb2.chain_offset") or 0,
     )
     response = msg.is_response
+    msg.session_id = _raw(fields, "smb2.sesid") or 0
+    if msg.command == SESSION_SETUP and not response:
+        msg.auth = _ntlmssp_names(proto)
+    elif msg.command == IOCTL and not response:
+        msg.ctl_code = _raw(fields, "smb2.ioctl.function")
     if msg.command == TREE_CONNECT and not response:
         path = _first(fields, "smb2.tree", not_under="smb2.tid")
         msg.path = bytes.fromhex(path.get("value")) if path is not None else b""
@@ -198,6 +219,50 @@ def _smb2_message(proto: ET.Element, base: int) -> Smb2Message | None:
     elif response:
         _activity_response(fields, msg)
     return msg
+
+
+def _ntlmssp_names(proto: ET.Element) -> tuple | None:
+    """The raw UTF-16LE user, domain and workstation names of an NTLMSSP AUTHENTICATE message
+    anywhere in the message (raw or inside SPNEGO); b"" for an empty one."""
+    names = {}
+    auth = False
+    for f in proto.iter("field"):
+        name = f.get("name")
+        if name == "ntlmssp.messagetype" and f.get("show") == "0x00000003":
+            auth = True
+        elif auth and name in ("ntlmssp.auth.username", "ntlmssp.auth.domain",
+                               "ntlmssp.auth.hostname") and name not in names:
+            # A name that is there has its length as a child; an empty one shows the
+            # descriptor itself (tshark's "NULL").
+            there = any(c.get("name") == "ntlmssp.string.length" for c in f)
+            names[name] = bytes.fromhex(f.get("value", "")) if there else b""
+    if not auth:
+        return None
+    return tuple(names.get(f"ntlmssp.auth.{k}", b"") for k in ("username", "domain", "hostname"))
+
+
+def _dcerpc_pdu(proto: ET.Element) -> DcerpcPdu | None:
+    fields = _fields(proto)
+    ptype = _first(fields, "dcerpc.pkt_type")
+    if ptype is None:
+        return None
+    pdu = DcerpcPdu(ptype=_int(ptype.get("show")), flags=_int(
+        (_first(fields, "dcerpc.cn_flags") or ptype).get("show"), 0), contexts=[])
+    if pdu.ptype in (11, 14):
+        ctx = None
+        for name, _, e in fields:
+            if name == "dcerpc.cn_ctx_id":
+                ctx = _int(e.get("show"))
+            elif name == "dcerpc.cn_bind_to_uuid" and ctx is not None:
+                # showname: "Interface: SRVSVC UUID: 4b324fc8-...", or "Interface: 4b32..."
+                shown = e.get("showname", "").removeprefix("Interface: ").split(" UUID: ")
+                pdu.contexts.append((ctx, e.get("show"), shown[0] if len(shown) == 2 else None))
+                ctx = None
+    elif pdu.ptype == 0:
+        c, o = _first(fields, "dcerpc.cn_ctx_id"), _first(fields, "dcerpc.opnum")
+        pdu.context_id = _int(c.get("show")) if c is not None else None
+        pdu.opnum = _int(o.get("show")) if o is not None else None
+    return pdu
 
 
 def _activity_set_info(fields, msg: Smb2Message) -> None:
@@ -287,11 +352,16 @@ def parse_pdml(stream, port: int = 445) -> Capture:
                 pid = _first(_fields(p), "smb2.protocol_id")
                 if pid is not None and pid.get("value", "").lower() == "fd534d42":
                     current.kind = "transform"
+                    current.session_id = _raw(_fields(p), "smb2.sesid") or 0
                     continue
                 msg = _smb2_message(p, nbss_pos + 4)
                 if msg is not None:
                     current.kind = "smb2"
                     current.messages.append(msg)
+            elif pname == "dcerpc" and current is not None and current.messages:
+                rpc = _dcerpc_pdu(p)
+                if rpc is not None:
+                    current.messages[-1].rpc.append(rpc)
             elif pname == "smb" and current is not None:
                 current.kind = "smb1"
                 cmd = _first(_fields(p), "smb.cmd")

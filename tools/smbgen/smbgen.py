@@ -30,6 +30,11 @@ from pathlib import Path
 PASSWORD = "smbgen-Pa55"
 USER = "root"  # smbd maps the SMB user to a Unix account; root exists everywhere
 GUEST_USER = "smbgen_guest"  # unknown to the server, so mapped to its guest account
+# Two more accounts, which the server's username map maps to USER (with its password): the
+# NTLMSSP AUTHENTICATE messages name them, their domains and their workstations.
+ACCOUNTS = {"alice": ("SMBGEN", "WS-ALICE"), "bob": ("OTHERDOM", "WS-BOB")}
+ADMIN_SHARE = "ADMIN$"
+SAMBA_DCERPCD = "/usr/libexec/samba/samba-dcerpcd"
 SERVER_V4, CLIENT_V4 = "198.18.0.1", "198.18.0.2"
 SERVER_V6, CLIENT_V6 = "2001:db8::1", "2001:db8::2"
 
@@ -231,11 +236,13 @@ class Samba:
         self.client_conf = root / "client.conf"
         self.auth = root / "auth.txt"
         self.smbd: subprocess.Popen | None = None
+        self.dcerpcd: subprocess.Popen | None = None
         self.smb1 = False
 
     def shares(self) -> dict[str, Path]:
         return {SHARE: self.root / "share", SHARE_ENC: self.root / "secure",
-                SHARE_LONG: self.root / "long", SHARE_RO: self.root / "readonly"}
+                SHARE_LONG: self.root / "long", SHARE_RO: self.root / "readonly",
+                ADMIN_SHARE: self.root / "admin"}
 
     def write_config(self) -> None:
         r = self.root
@@ -266,6 +273,7 @@ class Samba:
    server role = standalone server
    security = user
    passdb backend = tdbsam:{r}/private/passdb.tdb
+   username map = {r}/users.map
    log file = {r}/log/smbd.%m.log
    log level = 1
    max log size = 0
@@ -299,13 +307,23 @@ class Samba:
 [{SHARE_RO}]
    path = {r}/readonly
    read only = yes
+
+[{ADMIN_SHARE}]
+   path = {r}/admin
+   read only = no
 """)
+        (r / "users.map").write_text(f"{USER} = {' '.join(ACCOUNTS)}\n")
         self.client_conf.write_text(f"""[global]
 {dirs("c")}   client min protocol = NT1
    client max protocol = SMB3
 """)
         self.auth.write_text(f"username = {USER}\npassword = {PASSWORD}\ndomain = SMBGEN\n")
         self.auth.chmod(0o600)
+        for user, (domain, _) in ACCOUNTS.items():
+            for tag, password in (("", PASSWORD), ("-wrong", PASSWORD + "-wrong")):
+                f = r / f"auth-{user}{tag}.txt"
+                f.write_text(f"username = {user}\npassword = {password}\ndomain = {domain}\n")
+                f.chmod(0o600)
         run(["smbpasswd", "-c", str(self.conf), "-L", "-s", "-a", USER],
             input=f"{PASSWORD}\n{PASSWORD}\n")
 
@@ -334,7 +352,28 @@ class Samba:
                 timeout=30)
         return r.returncode == 0
 
+    def start_rpc(self) -> None:
+        """The RPC servers behind the named pipes (smbd starts none on demand here)."""
+        if self.dcerpcd is not None:
+            return
+        out = open(self.root / "log" / "dcerpcd.stdout", "w")
+        self.dcerpcd = self.procs.start(
+            "samba-dcerpcd", self.net.server([SAMBA_DCERPCD, "--libexec-rpcds", "--foreground",
+                                              "--no-process-group", "--debug-stdout",
+                                              f"--configfile={self.conf}"]),
+            stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
+        deadline = time.time() + 20
+        while not any((self.root / "run" / "ncalrpc" / "np").glob("*")):
+            if self.dcerpcd.poll() is not None:
+                raise Fatal(f"samba-dcerpcd exited with {self.dcerpcd.returncode}")
+            if time.time() > deadline:
+                raise Fatal("samba-dcerpcd does not serve the named pipes")
+            time.sleep(0.2)
+
     def stop(self) -> None:
+        if self.dcerpcd is not None:
+            self.procs.stop(self.dcerpcd)
+            self.dcerpcd = None
         if self.smbd is not None:
             self.procs.stop(self.smbd)
             self.smbd = None
@@ -343,12 +382,25 @@ class Samba:
         host = self.net.server_v4 if family == 4 else self.net.server_v6
         return f"//{host}/{share}"
 
+    def credentials(self, account: str) -> list[str]:
+        """smbclient's and rpcclient's options for an account: "" the default user, "alice" or
+        "bob" (with ":wrong" a wrong password), "anonymous" none at all. Each named account
+        logs on from a workstation of its own."""
+        if account == "anonymous":
+            return ["-U", "%", "-N"]
+        if not account:
+            return ["-A", str(self.auth)]
+        user, _, wrong = account.partition(":")
+        return ["-A", str(self.root / f"auth-{user}{'-wrong' if wrong else ''}.txt"),
+                f"--netbiosname={ACCOUNTS[user][1]}"]
+
     def smbclient(self, share: str, proto: str, cmds: list[str], family: int = 4,
-                  protection: str = "", guest: bool = False) -> list[str]:
+                  protection: str = "", guest: bool = False, account: str = "") -> list[str]:
         """An smbclient session running cmds on the share; a guest one (a user name the server
-        does not know, mapped to guest) lists the server's shares instead."""
-        who = ["-U", f"{GUEST_USER}%x"] if guest else ["-A", str(self.auth)]
-        what = ["-L", self.unc("", family).rstrip("/")] if guest else [
+        does not know, mapped to guest) lists the server's shares instead, and so does one
+        without commands."""
+        who = ["-U", f"{GUEST_USER}%x"] if guest else self.credentials(account)
+        what = ["-L", self.unc("", family).rstrip("/")] if guest or not cmds else [
             self.unc(share, family), "-c", "; ".join(cmds)]
         argv = ["smbclient", "-s", str(self.client_conf), *who, "-m", proto, "--option",
                 f"client min protocol={proto}" if proto == "NT1" else
@@ -363,6 +415,17 @@ class Samba:
         extra = [SHARE_RO, str(HUGE_SIZE)] if activity else []
         return self.net.client([IMPACKET_PYTHON, str(Path(__file__).with_name("impacket_client.py")),
                                 host, share, USER, PASSWORD, dialect, tag, *extra])
+
+    def rpcclient(self, cmds: list[str], account: str = "") -> list[str]:
+        host = self.net.server_v4
+        return self.net.client(["rpcclient", "-s", str(self.client_conf),
+                                *self.credentials(account), "-c", "; ".join(cmds), host])
+
+    def impacket_rpc(self, account: str) -> list[str]:
+        """impacket's service control and task scheduler calls (impacket_rpc.py)."""
+        domain = ACCOUNTS[account][0]
+        return self.net.client([IMPACKET_PYTHON, str(Path(__file__).with_name("impacket_rpc.py")),
+                                self.net.server_v4, account, PASSWORD, domain])
 
     def smbtorture(self, share: str, tests: list[str]) -> list[str]:
         return self.net.client(["smbtorture", "-s", str(self.client_conf), "-A", str(self.auth),
@@ -412,7 +475,7 @@ class Capture:
 
 @dataclass
 class Session:
-    kind: str  # "smbclient", "smbtorture" or "impacket"
+    kind: str  # "smbclient", "smbtorture", "impacket", "rpcclient" or "impacket_rpc"
     share: str = SHARE
     proto: str = "SMB3"
     family: int = 4
@@ -423,6 +486,7 @@ class Session:
     tests: list[str] = field(default_factory=list)
     dialect: str = ""  # impacket: 1, 2.0.2, 2.1 or 3.0
     timeout: float = 60
+    account: str = ""  # see Samba.credentials
 
 
 @dataclass
@@ -432,6 +496,7 @@ class Scenario:
     sessions: list[Session]
     needs_smb1: bool = False
     needs_impacket: bool = False
+    needs_rpc: bool = False  # the RPC servers behind the named pipes
     mtu: int = 1500
 
 
@@ -522,6 +587,26 @@ SCENARIOS: list[Scenario] = [
              "FileDispositionInformation and its Ex form, access denied and not found",
              [Session("impacket", dialect="3.0", activity=True),
               Session("impacket", dialect="2.1", activity=True)], needs_impacket=True),
+    Scenario("identities", "sessions of two accounts in two domains from two workstations "
+             "(alice, bob), a failed logon (wrong password) and an anonymous session",
+             [Session("smbclient", proto="SMB3_11", account="alice",
+                      cmds=["put small.txt alice.txt", "ls", "rm alice.txt"]),
+              Session("smbclient", proto="SMB2_10", account="bob",
+                      cmds=["put small.txt bob.txt", "get bob.txt got_bob.txt", "rm bob.txt"]),
+              Session("smbclient", proto="SMB3_11", account="alice:wrong", cmds=["ls"]),
+              Session("smbclient", proto="SMB3_11", account="anonymous")], needs_rpc=True),
+    Scenario("rpc_rpcclient", "Samba's rpcclient over IPC$: srvsvc, wkssvc, samr and lsarpc "
+             "calls from two accounts",
+             [Session("rpcclient", account="alice",
+                      cmds=["srvinfo", "netshareenumall", "wkssvc_wkstagetinfo", "enumdomusers",
+                            "querydominfo", "lsaquery", "lookupnames root"]),
+              Session("rpcclient", account="bob",
+                      cmds=["netsharegetinfo share", "wkssvc_enumerateusers", "enumdomgroups",
+                            "lsaenumsid"])], needs_rpc=True),
+    Scenario("rpc_impacket", "impacket writes to ADMIN$ and calls svcctl (OpenSCManagerW, "
+             "CreateServiceW, OpenServiceW, StartServiceW, DeleteService), then binds and calls "
+             "ITaskSchedulerService and atsvc",
+             [Session("impacket_rpc", account="bob")], needs_impacket=True, needs_rpc=True),
 ]
 
 
@@ -552,12 +637,18 @@ def run_scenario(sc: Scenario, samba: Samba, net: Network, procs: Processes, out
     tmp = work / f"{sc.name}.pcap"
     tmp.unlink(missing_ok=True)
     results = []
+    if sc.needs_rpc:
+        samba.start_rpc()
     net.set_mtu(sc.mtu)
     with Capture(net, procs, tmp):
         for s in sc.sessions:
             if s.kind == "smbclient":
                 argv = samba.smbclient(s.share, s.proto, s.cmds, s.family, s.protection,
-                                       s.guest)
+                                       s.guest, s.account)
+            elif s.kind == "rpcclient":
+                argv = samba.rpcclient(s.cmds, s.account)
+            elif s.kind == "impacket_rpc":
+                argv = samba.impacket_rpc(s.account)
             elif s.kind == "impacket":
                 argv = samba.impacket(s.share, s.dialect, f"{sc.name}{len(results)}", s.activity)
             else:

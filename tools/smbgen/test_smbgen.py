@@ -38,7 +38,9 @@ class NamesTest(unittest.TestCase):
                 self.assertTrue(sc.sessions)
                 self.assertGreaterEqual(sc.mtu, 68)
                 for s in sc.sessions:
-                    what = {"smbclient": s.cmds or s.guest, "smbtorture": s.tests, "impacket": s.dialect}
+                    what = {"smbclient": s.cmds or s.guest or s.account, "smbtorture": s.tests,
+                            "impacket": s.dialect, "rpcclient": s.cmds,
+                            "impacket_rpc": s.account in smbgen.ACCOUNTS}
                     self.assertTrue(what[s.kind])
 
 

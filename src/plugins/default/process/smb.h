@@ -16,6 +16,9 @@ typedef struct activitytable activitytable;
 typedef struct conntable conntable;
 typedef struct chaintable chaintable;
 typedef struct smb_activity smb_activity;
+typedef struct sessiontable sessiontable;
+typedef struct pipetable pipetable;
+typedef struct smb_who smb_who;
 
 #define SMB_NAME_SIZE 128
 
@@ -95,6 +98,12 @@ typedef struct smb_flow_data {
     // own allocation behind it, or a block of their own; always null with activity=0, so that
     // the record keeps its size and work.
     smb_activity *activity;
+    // The session of the record's last message that names one, and that message's capture
+    // time (activity=1 only; 0 while none): the export resolves the session's identity.
+    uint64_t session_id;
+    uint64_t session_ns;
+    // Remote calls and the resolved identity (smb_who.h), owned, or null.
+    smb_who *who;
 } smb_flow_data;
 
 typedef struct smb_plugin_ctx {
@@ -124,6 +133,12 @@ typedef struct smb_plugin_ctx {
     struct activitytable *activitytable;
     struct conntable *conntable;
     struct chaintable *chaintable;  // per queue: compound chains too long to buffer
+    // With activity=1 too: the shared tables of session identities and of the interfaces
+    // bound on named pipes (smb_session_table.h).
+    uint32_t sessiontable_size;
+    uint32_t pipetable_size;
+    struct sessiontable *sessiontable;
+    struct pipetable *pipetable;
 } smb_plugin_ctx;
 
 // A queue's context has exactly the plug-in context's fields.

@@ -50,5 +50,8 @@ void smb_register_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx) {
         if (kFields[i].default_value)
             corvane_getter_set_default(handles[i], kFields[i].default_value, kFields[i].size);
     }
-    if (ctx && ctx->activity) smb_register_activity_fields(host, plugin_id, ctx);
+    if (ctx && ctx->activity) {
+        smb_register_activity_fields(host, plugin_id, ctx);
+        smb_register_who_fields(host, plugin_id, ctx);
+    }
 }

@@ -13,6 +13,10 @@ void smb_register_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx);
 // and the defaults of their numeric ones.
 void smb_register_activity_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx);
 
+// With activity=1, after those: SMB_USER, SMB_DOMAIN, SMB_WORKSTATION, SMB_RPC_INTERFACE,
+// SMB_RPC_OPNUMS and SMB_RPC_CALLS.
+void smb_register_who_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx);
+
 int validity_cmd_request(void *unused, host_flow_record *flow, host_slot *slot);
 int validity_cmd_response(void *unused, host_flow_record *flow, host_slot *slot);
 int validity_tree(void *unused, host_flow_record *flow, host_slot *slot);

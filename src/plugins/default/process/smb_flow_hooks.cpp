@@ -3,6 +3,7 @@
 // takes a lock: the records in a queue's slots belong to that queue.
 #include "smb.h"
 #include "smb_activity.h"
+#include "smb_who.h"
 
 namespace {
 
@@ -33,6 +34,7 @@ void *attach_or_give_up(smb_queue_ctx *q, host_flow_record *flow, host_slot *pkt
 void merge(smb_flow_data *flow_rec, smb_flow_data *pkt_rec, bool first_direction,
            const host_flow_record *flow) {
     if (pkt_rec->activity) smb_activity_take(flow_rec, pkt_rec);
+    smb_who_take(flow_rec, pkt_rec);
     flow_rec->security |= pkt_rec->security;
     if (pkt_rec->version == SMB_VERSION_1) {
         // SMB1 carries one command per message: the first answer from the other side is the

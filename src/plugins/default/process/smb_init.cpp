@@ -12,6 +12,7 @@
 #include "smb_activity_table.h"
 #include "smb_data_table.h"
 #include "smb_file_table.h"
+#include "smb_session_table.h"
 #include "smb_tree_table.h"
 #include "utils_alloc.h"
 #include "utils_config.h"
@@ -47,22 +48,28 @@ void set_defaults(smb_plugin_ctx *ctx) {
     ctx->datatable_size = 1024;
     ctx->activitytable_size = 65536;
     ctx->conntable_size = 4096;
+    ctx->sessiontable_size = 4096;
+    ctx->pipetable_size = 4096;
 }
 
-// The opt-in activity fields: "activity" (0 or 1) and the sizes of their two tables. They
-// follow "short-create" in the parameter table.
+// The opt-in activity fields: "activity" (0 or 1) and the sizes of their tables. They follow
+// "short-create" in the parameter table.
 struct activity_params {
     uint32_t activity = kUnset;
     uint32_t activitytable_size = kUnset;
     uint32_t conntable_size = kUnset;
+    uint32_t sessiontable_size = kUnset;
+    uint32_t pipetable_size = kUnset;
 };
 
-constexpr size_t kActivityParamCount = 3;
+constexpr size_t kActivityParamCount = 5;
 
 void add_activity_params(config_value_desc *cells, activity_params &p) {
     cells[0] = {"activity", &p.activity, CV_CONFIG_INT, 0};
     cells[1] = {"activitytable-size", &p.activitytable_size, CV_CONFIG_INT, 0};
     cells[2] = {"conntable-size", &p.conntable_size, CV_CONFIG_INT, 0};
+    cells[3] = {"sessiontable-size", &p.sessiontable_size, CV_CONFIG_INT, 0};
+    cells[4] = {"pipetable-size", &p.pipetable_size, CV_CONFIG_INT, 0};
 }
 
 int apply_activity_params(smb_plugin_ctx *ctx, const activity_params &p) {
@@ -75,6 +82,8 @@ int apply_activity_params(smb_plugin_ctx *ctx, const activity_params &p) {
     }
     if (p.activitytable_size != kUnset) ctx->activitytable_size = p.activitytable_size;
     if (p.conntable_size != kUnset) ctx->conntable_size = p.conntable_size;
+    if (p.sessiontable_size != kUnset) ctx->sessiontable_size = p.sessiontable_size;
+    if (p.pipetable_size != kUnset) ctx->pipetable_size = p.pipetable_size;
     return 0;
 }
 
@@ -135,7 +144,11 @@ void *process_smb_init(uint32_t plugin_id, const char *params, void *host, uint3
     ctx->treetable = treetable_create(static_cast<int32_t>(ctx->treetable_size));
     ctx->filetable = filetable_create(static_cast<int32_t>(ctx->filetable_size));
     ctx->datatable = datatable_create(static_cast<int32_t>(ctx->datatable_size));
-    if (ctx->activity) ctx->conntable = conntable_create(static_cast<int32_t>(ctx->conntable_size));
+    if (ctx->activity) {
+        ctx->conntable = conntable_create(static_cast<int32_t>(ctx->conntable_size));
+        ctx->sessiontable = sessiontable_create(static_cast<int32_t>(ctx->sessiontable_size));
+        ctx->pipetable = pipetable_create(static_cast<int32_t>(ctx->pipetable_size));
+    }
     return ctx;
 }
 
@@ -149,6 +162,18 @@ void process_smb_shutdown(void *plugin_ctx) {
             CV_LOG(CVLOG_NOTICE, "SMB plugin: %llu connections dropped from the connection table",
                    static_cast<unsigned long long>(ctx->conntable->dropped));
         conntable_free(ctx->conntable);
+    }
+    if (ctx->sessiontable) {
+        if (ctx->sessiontable->evicted)
+            CV_LOG(CVLOG_NOTICE, "SMB plugin: %llu sessions evicted from the session table",
+                   static_cast<unsigned long long>(ctx->sessiontable->evicted));
+        sessiontable_free(ctx->sessiontable);
+    }
+    if (ctx->pipetable) {
+        if (ctx->pipetable->evicted)
+            CV_LOG(CVLOG_NOTICE, "SMB plugin: %llu pipe contexts evicted from the pipe table",
+                   static_cast<unsigned long long>(ctx->pipetable->evicted));
+        pipetable_free(ctx->pipetable);
     }
     free(ctx);
     CV_LOG(CVLOG_INFO, "smb process plugin shutdown");

@@ -65,6 +65,8 @@ int32_t parse_transform(const Packet &p) {
     p.rec->commands[0] |= SMB_CMD_TRANSFORM;
     p.rec->version = SMB_VERSION_2;
     count_transform(p.rec, p.q);
+    if (p.q->activity)
+        smb_who_note_transform(p.pkt, p.rec, p.payload.from(SMB_SESSION_HEADER_SIZE));
     return SMB_PARSE_OK;
 }
 

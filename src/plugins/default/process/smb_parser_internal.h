@@ -15,6 +15,7 @@
 #include "smb_reader.h"
 #include "smb_table_scheme.h"
 #include "smb_tree_table.h"
+#include "smb_who.h"
 
 namespace smb::parser {
 
@@ -31,6 +32,7 @@ class Smb2Message {
     uint32_t next_command() const { return bytes_.le32(20); }
     uint64_t message_id() const { return bytes_.le64(24); }
     uint32_t tree_id() const { return bytes_.le32(36); }  // sync headers only
+    uint64_t session_id() const { return bytes_.le64(40); }
 
     uint8_t is_response() const { return flags() & SMB2_FLAGS_SERVER_TO_REDIR ? 1 : 0; }
     bool is_async() const { return (flags() & SMB2_FLAGS_ASYNC_COMMAND) != 0; }
@@ -147,8 +149,10 @@ void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx
 void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply);
 inline void count_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                            const Smb2Message &msg, smb_activity *into = nullptr) {
-    if (q->activity) [[unlikely]]
+    if (q->activity) [[unlikely]] {
         count_activity_on(pkt, rec, q, msg, into);
+        smb_who_note(pkt, rec, q, msg);
+    }
 }
 inline void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        uint8_t reply) {

@@ -13,6 +13,7 @@
 #include "smb_file_table.h"
 #include "smb_parser.h"
 #include "smb_tree_table.h"
+#include "smb_who.h"
 #include "utils_alloc.h"
 
 namespace {
@@ -107,17 +108,22 @@ void complete_tree(smb_plugin_ctx *ctx, smb_flow_data *rec, client_end client, f
     fold_masks(rec, masks);
 }
 
-// The connection's dialect and security facts go to every SMB2 record of the connection. The
-// client end is the one away from the SMB port (with port filtering off, the one that the
-// first record names).
-void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_data *rec) {
-    client_end client = client_of(flow, rec);
+// The client end of the connection: the one away from the SMB port (with port filtering off,
+// the one that the first record names).
+client_end connection_client(const smb_plugin_ctx *ctx, const host_flow_record *flow,
+                             const smb_flow_data *rec) {
     if (ctx->port != 0) {
         if (flow->dst_port == ctx->port)
-            client = {smb_client_addr32(&flow->src_addr, flow->ip_version), flow->src_port};
-        else if (flow->src_port == ctx->port)
-            client = {smb_client_addr32(&flow->dst_addr, flow->ip_version), flow->dst_port};
+            return {smb_client_addr32(&flow->src_addr, flow->ip_version), flow->src_port};
+        if (flow->src_port == ctx->port)
+            return {smb_client_addr32(&flow->dst_addr, flow->ip_version), flow->dst_port};
     }
+    return client_of(flow, rec);
+}
+
+// The connection's dialect and security facts go to every SMB2 record of the connection.
+void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_data *rec) {
+    const client_end client = connection_client(ctx, flow, rec);
     uint16_t dialect = 0;
     uint8_t security = 0;
     smb_activity *parked = nullptr;
@@ -137,13 +143,22 @@ void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_d
     if (dialect) a->dialect = dialect;
 }
 
+// Identity and remote calls, once the record knows its tree.
+void complete_who(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_data *rec) {
+    const client_end client = connection_client(ctx, flow, rec);
+    smb_who_complete(ctx, rec, client.addr32, client.port);
+}
+
 }  // namespace
 
 int process_smb_postprocess(void *plugin_ctx, host_flow_record *flow, host_slot *flow_slot) {
     auto *rec = static_cast<smb_flow_data *>(*flow_slot);
     if (rec && rec->version == SMB_VERSION_2 && static_cast<smb_plugin_ctx *>(plugin_ctx)->activity)
         complete_connection(static_cast<smb_plugin_ctx *>(plugin_ctx), flow, rec);
-    // Encrypted traffic names nothing; SMB1 keeps no tables.
+    // Encrypted traffic names nothing but its session; SMB1 keeps no tables.
+    if (rec && rec->version == SMB_VERSION_2 && (rec->commands[0] & SMB_CMD_TRANSFORM) &&
+        static_cast<smb_plugin_ctx *>(plugin_ctx)->activity)
+        complete_who(static_cast<smb_plugin_ctx *>(plugin_ctx), flow, rec);
     if (!rec || rec->version != SMB_VERSION_2 || (rec->commands[0] & SMB_CMD_TRANSFORM)) return 0;
 
     auto *ctx = static_cast<smb_plugin_ctx *>(plugin_ctx);
@@ -151,5 +166,6 @@ int process_smb_postprocess(void *plugin_ctx, host_flow_record *flow, host_slot 
     file_outcome file;
     if (rec->file_id != 0 && !rec->file_name) file = complete_file(ctx, rec, client);
     if (rec->tree_id != 0 && !rec->tree_name) complete_tree(ctx, rec, client, file);
+    if (ctx->activity) complete_who(ctx, flow, rec);
     return 0;
 }

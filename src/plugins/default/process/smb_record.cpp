@@ -5,6 +5,7 @@
 #include "../../../../lib/utils_alloc.h"
 #include "smb.h"
 #include "smb_activity.h"
+#include "smb_who.h"
 
 const uint32_t smb_cmd_invalid = SMB_CMD_INVALID;
 const uint8_t smb_type_invalid = SMB_TYPE_INVALID;
@@ -67,6 +68,7 @@ smb_flow_data *smb_record_copy(const smb_flow_data *src) {
     }
     rec->file_name = copy_name(src->file_name);
     rec->tree_name = copy_name(src->tree_name);
+    rec->who = smb_who_copy(src->who);
     return rec;
 }
 
@@ -78,6 +80,7 @@ inline void release_owned(smb_flow_data *rec) {
     free(rec->tree_name);
     if (smb_activity *a = rec->activity; a && (a->rename_to || !smb_activity_is_inline(rec)))
         smb_activity_drop(rec);
+    smb_who_free(rec->who);
 }
 
 }  // namespace
@@ -87,6 +90,7 @@ void smb_record_release(smb_flow_data *rec) {
     rec->file_name = nullptr;
     rec->tree_name = nullptr;
     rec->activity = nullptr;
+    rec->who = nullptr;
 }
 
 void smb_record_free(host_slot *slot) {

@@ -1,0 +1,54 @@
+#include "smb_session_table.h"
+
+namespace {
+
+// The record of `key`, pushing out (and counting) another key on its slot.
+template <typename Table, typename Key>
+auto &claim(Table *t, const Key &key) {
+    if (auto *r = t->find(key)) return *r;
+    if (t->slot(key)) ++t->evicted;
+    return t->replace(key);
+}
+
+}  // namespace
+
+sessiontable *sessiontable_create(int32_t size) {
+    return smb::create_table<sessiontable>(size);
+}
+
+void sessiontable_free(sessiontable *t) {
+    smb::free_table(t);
+}
+
+void sessiontable_put(sessiontable *t, uint32_t client_addr32, uint16_t client_port,
+                      uint64_t session_id, uint64_t auth_ns, bool anonymous,
+                      const smb::ntlmssp::Identity &names) {
+    session_record &r = claim(t, session_key{client_addr32, client_port, session_id});
+    r.auth_ns = auth_ns;
+    r.anonymous = anonymous ? 1 : 0;
+    r.names = names;
+}
+
+const session_record *sessiontable_find(sessiontable *t, uint32_t client_addr32,
+                                        uint16_t client_port, uint64_t session_id) {
+    return t->find({client_addr32, client_port, session_id});
+}
+
+pipetable *pipetable_create(int32_t size) {
+    return smb::create_table<pipetable>(size);
+}
+
+void pipetable_free(pipetable *t) {
+    smb::free_table(t);
+}
+
+void pipetable_bind(pipetable *t, uint32_t client_addr32, uint16_t client_port, uint64_t file_id,
+                    uint16_t context_id, const smb::dcerpc::Uuid &interface) {
+    claim(t, pipe_key{client_addr32, client_port, context_id, file_id}).interface = interface;
+}
+
+const smb::dcerpc::Uuid *pipetable_find(pipetable *t, uint32_t client_addr32, uint16_t client_port,
+                                        uint64_t file_id, uint16_t context_id) {
+    const pipe_record *r = t->find({client_addr32, client_port, context_id, file_id});
+    return r ? &r->interface : nullptr;
+}

@@ -1,0 +1,63 @@
+// Who and which remote call (activity=1): the NTLMSSP identity of a record's session and the
+// DCE/RPC interface, opnums and calls of a named pipe's record.
+//
+// A record keeps only a reference to its session (the SessionId of its last message that has
+// one, and that message's capture time, in smb_flow_data); the names stay in the shared
+// session table until the record is exported, when post-processing copies them into the
+// record's block. So the records in the flow cache stay small, and a name costs memory once
+// per session rather than once per record.
+#pragma once
+
+#include <stdint.h>
+
+#include "smb.h"
+#include "smb_dcerpc.h"
+#include "smb_ntlmssp.h"
+#include "smb_reader.h"
+
+struct smb_who {
+    // The remote calls of the record (named pipes only).
+    smb::dcerpc::Uuid request_interface;  // of the last REQUEST whose context was bound
+    smb::dcerpc::Uuid bound_interface;    // of the last context bound
+    uint64_t opnums;                      // bit n for opnum n, bit 63 for 63 and above
+    uint32_t calls;                       // REQUEST PDUs, first fragments only
+    uint8_t has_request_interface;
+    uint8_t has_bound_interface;
+    // The session's names, owned, or null: filled in at post-processing only, so that the
+    // block of a record in the flow cache stays small.
+    smb::ntlmssp::Identity *identity;
+};
+
+// The record's block, allocated zero-filled on first use.
+smb_who *smb_who_of(smb_flow_data *rec);
+smb_who *smb_who_copy(const smb_who *w);
+void smb_who_free(smb_who *w);
+
+// Moves the packet record's session reference and remote calls into the flow's record: the
+// later session wins, calls and opnums add up, the later interfaces win.
+void smb_who_take(smb_flow_data *into, smb_flow_data *from);
+
+// The interface that the record shows: of its last REQUEST, else of its last bound context;
+// null when it has neither.
+const smb::dcerpc::Uuid *smb_who_interface(const smb_who *w);
+
+// Post-processing: the session's names from the session table, and the remote calls dropped
+// from a record that is not on an IPC$ tree. `client_*` is the connection's client end.
+void smb_who_complete(smb_plugin_ctx *ctx, smb_flow_data *rec, uint32_t client_addr32,
+                      uint16_t client_port);
+
+// True for a UTF-16LE share path whose last component is IPC$ (any case).
+bool smb_is_ipc_share(const uint8_t *tree_name);
+
+namespace smb::parser {
+class Smb2Message;
+}
+
+// Parse time, one SMB2 message: the session reference, the identity of a SESSION_SETUP
+// request, the PDUs of a pipe WRITE or FSCTL_PIPE_TRANSCEIVE request.
+void smb_who_note(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                  const smb::parser::Smb2Message &msg);
+
+// Parse time, a transform header: its SessionId.
+void smb_who_note_transform(const host_packet *pkt, smb_flow_data *rec,
+                            const smb::ByteReader &transform);

@@ -1,0 +1,165 @@
+// The identity and remote-call fields (activity=1), registered after the activity fields:
+// SMB_USER, SMB_DOMAIN, SMB_WORKSTATION, SMB_RPC_INTERFACE, SMB_RPC_OPNUMS, SMB_RPC_CALLS.
+#include <string.h>
+
+#include <array>
+#include <utility>
+
+#include "smb_fields.h"
+#include "smb_who.h"
+
+namespace {
+
+constexpr uint32_t kAllQueues = 0xffffffffu;
+constexpr uint32_t kUuidSize = 16;
+const uint64_t kZero = 0;
+
+const smb_flow_data *smb2_record(host_slot *slot) {
+    const auto *rec = static_cast<const smb_flow_data *>(*slot);
+    return rec && rec->version == SMB_VERSION_2 ? rec : nullptr;
+}
+
+enum { kUser, kDomain, kWorkstation };
+
+bool has_text(const uint8_t *name) {
+    return name[0] || name[1];
+}
+
+// A name of the record's session, or null when it has none (Kerberos, anonymous, not seen).
+template <int Name>
+const uint8_t *name_of(host_slot *slot) {
+    const smb_flow_data *rec = smb2_record(slot);
+    if (!rec || !rec->who || !rec->who->identity) return nullptr;
+    const smb::ntlmssp::Identity &id = *rec->who->identity;
+    const uint8_t *name = Name == kUser ? id.user : Name == kDomain ? id.domain : id.workstation;
+    return has_text(name) ? name : nullptr;
+}
+
+template <int Name>
+int name_valid(void *, host_flow_record *, host_slot *slot) {
+    return name_of<Name>(slot) ? 1 : 0;
+}
+
+int name_length(void *, host_flow_record *, host_slot *slot) {
+    return *slot ? SMB_NAME_SIZE : 0;
+}
+
+template <int Name>
+void name_fill(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a, uint32_t) {
+    if (const uint8_t *name = name_of<Name>(slot))
+        record_universal_get_array(output, name, SMB_NAME_SIZE, a, 0);
+}
+
+template <int Name>
+void name_fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a,
+                   uint32_t) {
+    if (const uint8_t *name = name_of<Name>(slot))
+        record_universal_get_txt_string(output, name, SMB_NAME_SIZE, a, 0);
+}
+
+const smb::dcerpc::Uuid *interface_of(host_slot *slot) {
+    const smb_flow_data *rec = smb2_record(slot);
+    return rec ? smb_who_interface(rec->who) : nullptr;
+}
+
+int interface_valid(void *, host_flow_record *, host_slot *slot) {
+    return interface_of(slot) ? 1 : 0;
+}
+
+int interface_length(void *, host_flow_record *, host_slot *slot) {
+    return *slot ? kUuidSize : 0;
+}
+
+void interface_fill(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a,
+                    uint32_t) {
+    if (const auto *uuid = interface_of(slot))
+        record_universal_get_array(output, uuid->bytes, kUuidSize, a, 0);
+}
+
+void interface_fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a,
+                        uint32_t) {
+    const auto *uuid = interface_of(slot);
+    if (!uuid) return;
+    char text[37];
+    smb::dcerpc::uuid_text(*uuid, text);
+    uint8_t wide[SMB_NAME_SIZE] = {};
+    for (size_t i = 0; text[i]; ++i)
+        wide[2 * i] = static_cast<uint8_t>(text[i]);
+    record_universal_get_txt_string(output, wide, SMB_NAME_SIZE, a, 0);
+}
+
+// The counters have a value (0 when nothing was called) on every SMB2 record.
+int counter_valid(void *, host_flow_record *, host_slot *slot) {
+    return smb2_record(slot) ? 1 : 0;
+}
+
+template <uint32_t Size>
+int counter_length(void *, host_flow_record *, host_slot *slot) {
+    return *slot ? Size : 0;
+}
+
+uint64_t opnums_of(const smb_flow_data *rec) {
+    return rec->who ? rec->who->opnums : 0;
+}
+
+uint32_t calls_of(const smb_flow_data *rec) {
+    return rec->who ? rec->who->calls : 0;
+}
+
+template <bool Text>
+void opnums_fill(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a,
+                 uint32_t b) {
+    const smb_flow_data *rec = smb2_record(slot);
+    if (!rec) return;
+    const uint64_t v = opnums_of(rec);
+    if (Text)
+        record_universal_get_txt_num(output, &v, sizeof v, a, b);
+    else
+        record_universal_get_num(output, &v, sizeof v, a, b);
+}
+
+template <bool Text>
+void calls_fill(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a, uint32_t b) {
+    const smb_flow_data *rec = smb2_record(slot);
+    if (!rec) return;
+    const uint32_t v = calls_of(rec);
+    if (Text)
+        record_universal_get_txt_num(output, &v, sizeof v, a, b);
+    else
+        record_universal_get_num(output, &v, sizeof v, a, b);
+}
+
+struct who_field {
+    const char *name;
+    uint32_t type;
+    uint32_t size;
+    corvane_validity_fn validity;
+    corvane_length_fn length;
+    corvane_fill_fn fill;
+    corvane_fill_fn fill_txt;
+};
+
+const std::array<who_field, 6> kFields = {{
+    {"SMB_USER", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kUser>, name_length,
+     name_fill<kUser>, name_fill_txt<kUser>},
+    {"SMB_DOMAIN", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kDomain>, name_length,
+     name_fill<kDomain>, name_fill_txt<kDomain>},
+    {"SMB_WORKSTATION", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kWorkstation>, name_length,
+     name_fill<kWorkstation>, name_fill_txt<kWorkstation>},
+    {"SMB_RPC_INTERFACE", CORVANE_FIELD_OCTETS, kUuidSize, interface_valid, interface_length,
+     interface_fill, interface_fill_txt},
+    {"SMB_RPC_OPNUMS", CORVANE_FIELD_NUMBER, 8, counter_valid, counter_length<8>,
+     opnums_fill<false>, opnums_fill<true>},
+    {"SMB_RPC_CALLS", CORVANE_FIELD_NUMBER, 4, counter_valid, counter_length<4>, calls_fill<false>,
+     calls_fill<true>},
+}};
+
+}  // namespace
+
+void smb_register_who_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx) {
+    for (const who_field &f : kFields) {
+        void *handle = corvane_getter_add(host, plugin_id, kAllQueues, f.name, f.type, f.size, 0,
+                                          ctx, f.validity, f.length, f.fill, f.fill_txt, 0);
+        if (f.type == CORVANE_FIELD_NUMBER) corvane_getter_set_default(handle, &kZero, f.size);
+    }
+}
