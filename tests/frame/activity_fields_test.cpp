@@ -20,17 +20,27 @@ struct registered {
 };
 
 const registered kActivityFields[] = {
-    {"SMB_DIALECT", 1, 2, 2},        {"SMB_BYTES_READ", 1, 8, 8},
-    {"SMB_BYTES_WRITTEN", 1, 8, 8},  {"SMB_READS", 1, 4, 4},
-    {"SMB_WRITES", 1, 4, 4},         {"SMB_ERRORS", 1, 4, 4},
-    {"SMB_LAST_ERROR", 1, 4, 4},     {"SMB_RENAMES", 1, 4, 4},
-    {"SMB_RENAME_TO", 8, 128, 0},    {"SMB_DELETES", 1, 4, 4},
-    {"SMB_LATENCY_COUNT", 1, 4, 4},  {"SMB_LATENCY_SUM_US", 1, 8, 8},
-    {"SMB_LATENCY_MAX_US", 1, 4, 4}, {"SMB_SECURITY", 1, 1, 1},
+    {"SMB_DIALECT", 1, 2, 2},
+    {"SMB_BYTES_READ", 1, 8, 8},
+    {"SMB_BYTES_WRITTEN", 1, 8, 8},
+    {"SMB_READS", 1, 4, 4},
+    {"SMB_WRITES", 1, 4, 4},
+    {"SMB_ERRORS", 1, 4, 4},
+    {"SMB_LAST_ERROR", 1, 4, 4},
+    {"SMB_RENAMES", 1, 4, 4},
+    {"SMB_RENAME_TO", 8, 128, 0},
+    {"SMB_DELETES", 1, 4, 4},
+    {"SMB_LATENCY_COUNT", 1, 4, 4},
+    {"SMB_LATENCY_SUM_US", 1, 8, 8},
+    {"SMB_LATENCY_MAX_US", 1, 4, 4},
+    {"SMB_SECURITY", 1, 1, 1},
     // Identity and remote calls.
-    {"SMB_USER", 8, 128, 0},         {"SMB_DOMAIN", 8, 128, 0},
-    {"SMB_WORKSTATION", 8, 128, 0},  {"SMB_RPC_INTERFACE", 16, 16, 0},
-    {"SMB_RPC_OPNUMS", 1, 8, 8},     {"SMB_RPC_CALLS", 1, 4, 4},
+    {"SMB_USER", 8, 128, 0},
+    {"SMB_DOMAIN", 8, 128, 0},
+    {"SMB_WORKSTATION", 8, 128, 0},
+    {"SMB_RPC_INTERFACE", 16, 16, 0},
+    {"SMB_RPC_OPNUMS", 1, 8, 8},
+    {"SMB_RPC_CALLS", 1, 4, 4},
 };
 
 TEST(ActivityParameter, RegistersItsFieldsAfterTheSixOnlyWhenOn) {

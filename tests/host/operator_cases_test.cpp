@@ -29,7 +29,9 @@ struct OperatorCase {
 };
 
 // ctest lists a case by its name, not by a byte dump of the struct.
-void PrintTo(const OperatorCase &c, std::ostream *os) { *os << c.name; }
+void PrintTo(const OperatorCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 // Cases give only the fields they need.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
