@@ -378,8 +378,10 @@ def check_capture(cap: wire.Capture, path: str, run: Run, args):
     return totals, info, diffs, rules
 
 
-def main(argv=None) -> int:
-    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+def command_line(name: str, description: str, argv):
+    """The command line shared by the checks that run smbflow with activity=1: the arguments
+    and the runs (parameters x queues), or the exit status when they cannot go on."""
+    ap = argparse.ArgumentParser(description=description)
     ap.add_argument("captures", nargs="+")
     ap.add_argument("--smbflow")
     ap.add_argument("--plugin")
@@ -392,15 +394,22 @@ def main(argv=None) -> int:
     try:
         runs = [Run(p, int(q)) for p in args.params or [""] for q in args.queues.split(",")]
     except ValueError:
-        print(f"activity: cannot read {args.params!r} / {args.queues!r}", file=sys.stderr)
-        return 2
+        print(f"{name}: cannot read {args.params!r} / {args.queues!r}", file=sys.stderr)
+        return args, None, 2
     if shutil.which(args.tshark) is None:
-        print(f"activity: SKIP: {args.tshark} is not installed", file=sys.stderr)
-        return smbdiff.SKIP
+        print(f"{name}: SKIP: {args.tshark} is not installed", file=sys.stderr)
+        return args, None, smbdiff.SKIP
     args.smbflow = smbdiff.find_smbflow(args.smbflow)
     if args.smbflow is None:
-        print("activity: SKIP: smbflow not found", file=sys.stderr)
-        return smbdiff.SKIP
+        print(f"{name}: SKIP: smbflow not found", file=sys.stderr)
+        return args, None, smbdiff.SKIP
+    return args, runs, 0
+
+
+def main(argv=None) -> int:
+    args, runs, status = command_line("activity", __doc__.split("\n\n")[0], argv)
+    if runs is None:
+        return status
     sums = {i: (Counter(), Counter(), Counter(), [0]) for i in range(len(runs))}
     for path in args.captures:
         try:

@@ -20,9 +20,7 @@ when tshark or smbflow is missing.
 
 from __future__ import annotations
 
-import argparse
 import json
-import shutil
 import subprocess
 import sys
 from collections import Counter, defaultdict
@@ -319,29 +317,9 @@ def describe(info: Counter) -> str:
 
 
 def main(argv=None) -> int:
-    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    ap.add_argument("captures", nargs="+")
-    ap.add_argument("--smbflow")
-    ap.add_argument("--plugin")
-    ap.add_argument("--params", action="append",
-                    help="plug-in parameters (activity=1 is added); repeat for several runs")
-    ap.add_argument("--tshark", default="tshark")
-    ap.add_argument("--queues", default="1",
-                    help="smbflow's queues, or a comma-separated list: one run each")
-    args = ap.parse_args(argv)
-    try:
-        runs = [activity.Run(p, int(q)) for p in args.params or [""]
-                for q in args.queues.split(",")]
-    except ValueError:
-        print(f"identity: cannot read {args.params!r} / {args.queues!r}", file=sys.stderr)
-        return 2
-    if shutil.which(args.tshark) is None:
-        print(f"identity: SKIP: {args.tshark} is not installed", file=sys.stderr)
-        return smbdiff.SKIP
-    args.smbflow = smbdiff.find_smbflow(args.smbflow)
-    if args.smbflow is None:
-        print("identity: SKIP: smbflow not found", file=sys.stderr)
-        return smbdiff.SKIP
+    args, runs, status = activity.command_line("identity", __doc__.split("\n\n")[0], argv)
+    if runs is None:
+        return status
     sums = [(Counter(), Counter(), [0]) for _ in runs]
     for path in args.captures:
         try:
