@@ -1,6 +1,5 @@
 // The opt-in activity fields (activity=1): registered after the six fields, in this order.
 // Every field reads the flow record's activity block; a record without one reads as all zero.
-#include <stdio.h>
 #include <string.h>
 
 #include <array>
@@ -105,6 +104,16 @@ struct number_bytes {
     }
 };
 
+// "0x" and `digits` lower-case hexadecimal digits of `value`.
+void hex_text(uint32_t value, int digits, char (&text)[16]) {
+    static const char kHex[] = "0123456789abcdef";
+    text[0] = '0';
+    text[1] = 'x';
+    for (int i = 0; i < digits; ++i)
+        text[2 + i] = kHex[(value >> (4 * (digits - 1 - i))) & 15];
+    text[2 + digits] = 0;
+}
+
 // ASCII text as the zero-filled UTF-16LE buffer that the string fill takes.
 void text_to_utf16(const char *text, uint8_t (&out)[SMB_NAME_SIZE]) {
     memset(out, 0, sizeof out);
@@ -112,27 +121,31 @@ void text_to_utf16(const char *text, uint8_t (&out)[SMB_NAME_SIZE]) {
         out[2 * i] = static_cast<uint8_t>(text[i]);
 }
 
+// Called for every record: texts made without printf.
 void dialect_text(uint16_t dialect, char (&text)[16]) {
+    const char *known = nullptr;
     switch (dialect) {
         case 0x0202:
-            snprintf(text, sizeof text, "2.0.2");
+            known = "2.0.2";
             break;
         case 0x0210:
-            snprintf(text, sizeof text, "2.1");
+            known = "2.1";
             break;
         case 0x0300:
-            snprintf(text, sizeof text, "3.0");
+            known = "3.0";
             break;
         case 0x0302:
-            snprintf(text, sizeof text, "3.0.2");
+            known = "3.0.2";
             break;
         case 0x0311:
-            snprintf(text, sizeof text, "3.1.1");
-            break;
-        default:
-            snprintf(text, sizeof text, "0x%04x", dialect);
+            known = "3.1.1";
             break;
     }
+    if (known) {
+        memcpy(text, known, strlen(known) + 1);
+        return;
+    }
+    hex_text(dialect, 4, text);
 }
 
 template <size_t I>
@@ -176,7 +189,7 @@ void fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_
         if constexpr (f.text == Text::dialect)
             dialect_text(static_cast<uint16_t>(value), text);
         else
-            snprintf(text, sizeof text, "0x%08x", static_cast<uint32_t>(value));
+            hex_text(static_cast<uint32_t>(value), 8, text);
         uint8_t buffer[SMB_NAME_SIZE];
         text_to_utf16(text, buffer);
         record_universal_get_txt_string(output, buffer, SMB_NAME_SIZE, a, 0);
