@@ -3,21 +3,11 @@
 #include <stddef.h>
 
 #include <array>
+#include <vector>
 
 #include "smb_fields.h"
 
 namespace {
-
-struct field_desc {
-    const char *name;
-    uint32_t type;
-    uint32_t size;
-    corvane_validity_fn validity;
-    corvane_length_fn length;
-    corvane_fill_fn fill;
-    corvane_fill_fn fill_txt;
-    const void *default_value;  // null: the field has no default
-};
 
 constexpr uint32_t kAllQueues = 0xffffffffu;
 
@@ -38,18 +28,22 @@ const std::array<field_desc, 6> kFields = {{
 
 }  // namespace
 
-void smb_register_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx) {
-    std::array<void *, kFields.size()> handles{};
-    for (size_t i = 0; i < kFields.size(); ++i) {
-        const field_desc &f = kFields[i];
+void smb_register_field_descs(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx,
+                              const field_desc *fields, size_t count) {
+    std::vector<void *> handles(count);
+    for (size_t i = 0; i < count; ++i) {
+        const field_desc &f = fields[i];
         handles[i] = corvane_getter_add(host, plugin_id, kAllQueues, f.name, f.type, f.size, 0, ctx,
                                         f.validity, f.length, f.fill, f.fill_txt, 0);
     }
-    // The default of a numeric field is as wide as the field itself.
-    for (size_t i = 0; i < kFields.size(); ++i) {
-        if (kFields[i].default_value)
-            corvane_getter_set_default(handles[i], kFields[i].default_value, kFields[i].size);
-    }
+    // Defaults after every field is known, as the host lists them.
+    for (size_t i = 0; i < count; ++i)
+        if (fields[i].default_value)
+            corvane_getter_set_default(handles[i], fields[i].default_value, fields[i].size);
+}
+
+void smb_register_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx) {
+    smb_register_field_descs(host, plugin_id, ctx, kFields.data(), kFields.size());
     if (ctx && ctx->activity) {
         smb_register_activity_fields(host, plugin_id, ctx);
         smb_register_who_fields(host, plugin_id, ctx);

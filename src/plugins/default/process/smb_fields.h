@@ -1,9 +1,26 @@
 // The six flow fields that the plug-in exports: their callbacks and their registration.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "smb.h"
+
+// One exported field: what the host is told of it and its callbacks.
+struct field_desc {
+    const char *name;
+    uint32_t type;
+    uint32_t size;
+    corvane_validity_fn validity;
+    corvane_length_fn length;
+    corvane_fill_fn fill;
+    corvane_fill_fn fill_txt;
+    const void *default_value;  // as wide as the field; null: the field has no default
+};
+
+// Registers `fields` in their order, then the defaults of those that have one.
+void smb_register_field_descs(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx,
+                              const field_desc *fields, size_t count);
 
 // Registers SMB_CMD_REQUEST, SMB_CMD_RESPONSE, SMB_TREE, SMB_FILE_TYPE, SMB_FILE_NAME and SMB_OP
 // with the host, then the defaults of the four numeric fields.

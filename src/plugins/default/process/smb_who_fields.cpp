@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr uint32_t kAllQueues = 0xffffffffu;
 constexpr uint32_t kUuidSize = 16;
 const uint64_t kZero = 0;
 
@@ -129,37 +128,23 @@ void calls_fill(void *, host_flow_record *, host_slot *slot, void *output, uint3
         record_universal_get_num(output, &v, sizeof v, a, b);
 }
 
-struct who_field {
-    const char *name;
-    uint32_t type;
-    uint32_t size;
-    corvane_validity_fn validity;
-    corvane_length_fn length;
-    corvane_fill_fn fill;
-    corvane_fill_fn fill_txt;
-};
-
-const std::array<who_field, 6> kFields = {{
+const std::array<field_desc, 6> kFields = {{
     {"SMB_USER", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kUser>, name_length,
-     name_fill<kUser>, name_fill_txt<kUser>},
+     name_fill<kUser>, name_fill_txt<kUser>, nullptr},
     {"SMB_DOMAIN", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kDomain>, name_length,
-     name_fill<kDomain>, name_fill_txt<kDomain>},
+     name_fill<kDomain>, name_fill_txt<kDomain>, nullptr},
     {"SMB_WORKSTATION", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kWorkstation>, name_length,
-     name_fill<kWorkstation>, name_fill_txt<kWorkstation>},
+     name_fill<kWorkstation>, name_fill_txt<kWorkstation>, nullptr},
     {"SMB_RPC_INTERFACE", CORVANE_FIELD_OCTETS, kUuidSize, interface_valid, interface_length,
-     interface_fill, interface_fill_txt},
+     interface_fill, interface_fill_txt, nullptr},
     {"SMB_RPC_OPNUMS", CORVANE_FIELD_NUMBER, 8, counter_valid, counter_length<8>,
-     opnums_fill<false>, opnums_fill<true>},
+     opnums_fill<false>, opnums_fill<true>, &kZero},
     {"SMB_RPC_CALLS", CORVANE_FIELD_NUMBER, 4, counter_valid, counter_length<4>, calls_fill<false>,
-     calls_fill<true>},
+     calls_fill<true>, &kZero},
 }};
 
 }  // namespace
 
 void smb_register_who_fields(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx) {
-    for (const who_field &f : kFields) {
-        void *handle = corvane_getter_add(host, plugin_id, kAllQueues, f.name, f.type, f.size, 0,
-                                          ctx, f.validity, f.length, f.fill, f.fill_txt, 0);
-        if (f.type == CORVANE_FIELD_NUMBER) corvane_getter_set_default(handle, &kZero, f.size);
-    }
+    smb_register_field_descs(host, plugin_id, ctx, kFields.data(), kFields.size());
 }
