@@ -1,13 +1,21 @@
 #include "exporter.h"
 
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
 #include "utf16.h"
 
 namespace corvane_host {
 
 uint64_t FieldValue::number() const {
     uint64_t v = 0;
-    for (size_t i = 0; i < binary.size() && i < 8; ++i)
-        v |= static_cast<uint64_t>(binary[i]) << (8 * i);
+    if constexpr (std::endian::native == std::endian::little) {
+        if (!binary.empty()) memcpy(&v, binary.data(), std::min<size_t>(binary.size(), 8));
+    } else {
+        for (size_t i = 0; i < binary.size() && i < 8; ++i)
+            v |= static_cast<uint64_t>(binary[i]) << (8 * i);
+    }
     return v;
 }
 

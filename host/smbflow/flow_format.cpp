@@ -1,9 +1,11 @@
 #include "flow_format.h"
 #include "rpc_services.h"
+#include "writers.h"
 
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstring>
 #include <ctime>
@@ -28,57 +30,86 @@ const char *const kSmb2Commands[] = {
 constexpr const char *kFieldNames[] = {"SMB_CMD_REQUEST", "SMB_CMD_RESPONSE", "SMB_TREE",
                                        "SMB_FILE_TYPE",   "SMB_FILE_NAME",    "SMB_OP"};
 
-// The cell's value, emptied for a new record; its buffer is kept. Only the protocol column
-// has a display text, and it sets that itself.
-std::string &value_of(Cell &c) {
-    if (c.value)
-        c.value->clear();
-    else
-        c.value.emplace();
-    return *c.value;
-}
-
-void set_null(Cell &c) {
-    c.value.reset();
-}
-
-// Dotted quad by hand: the C library formats each byte through printf.
-void append_ipv4(std::string &out, uint32_t wire_order) {
-    uint8_t b[4];
-    memcpy(b, &wire_order, 4);
-    char buf[16];
-    char *p = buf;
-    for (int i = 0; i < 4; ++i) {
-        if (i) *p++ = '.';
-        const unsigned v = b[i];
+// Texts of small codes, made once at compile time: the decimal text of every byte value
+// (for dotted quads), the two hex digits of every byte and the eight flag letters of every
+// TCP flags byte. A table look-up and a fixed-size copy beat digit loops and printf.
+struct ByteText {
+    char text[4];
+    uint8_t len;
+};
+constexpr auto kDecimalBytes = [] {
+    std::array<ByteText, 256> t{};
+    for (unsigned v = 0; v < 256; ++v) {
+        char *p = t[v].text;
         if (v >= 100) *p++ = static_cast<char>('0' + v / 100);
         if (v >= 10) *p++ = static_cast<char>('0' + v / 10 % 10);
         *p++ = static_cast<char>('0' + v % 10);
+        t[v].len = static_cast<uint8_t>(p - t[v].text);
     }
-    out.append(buf, p);
+    return t;
+}();
+constexpr auto kHexBytes = [] {
+    std::array<std::array<char, 2>, 256> t{};
+    for (unsigned v = 0; v < 256; ++v)
+        t[v] = {"0123456789abcdef"[v >> 4], "0123456789abcdef"[v & 15]};
+    return t;
+}();
+constexpr auto kTcpFlagTexts = [] {
+    std::array<std::array<char, 8>, 256> t{};
+    for (unsigned v = 0; v < 256; ++v)
+        for (int i = 0; i < 8; ++i)
+            t[v][i] = v & (0x80 >> i) ? "CEUAPRSF"[i] : '.';  // bit 7 down to bit 0
+    return t;
+}();
+
+// Dotted quad by hand: the C library formats each byte through printf.
+char *write_ipv4(char *p, uint32_t wire_order) {
+    uint8_t b[4];
+    memcpy(b, &wire_order, 4);
+    for (int i = 0; i < 4; ++i) {
+        const ByteText &t = kDecimalBytes[b[i]];
+        memcpy(p, t.text, 4);  // room for 4 bytes a byte; the end follows the length
+        p[t.len] = '.';
+        p += t.len + 1;
+    }
+    return p - 1;
 }
 
 // Numbers by hand as well: fmt's format strings are parsed again for every call, which for
 // the dozen numbers of each record cost more than the rest of its formatting.
-void append_uint(std::string &out, uint64_t v) {
+void append_uint(TextBuffer &out, uint64_t v) {
+    char *p = out.room(20);
+    if (v < 10) {
+        *p = static_cast<char>('0' + v);
+        out.commit(p + 1);
+        return;
+    }
     const fmt::format_int digits(v);
-    out.append(digits.data(), digits.size());
+    memcpy(p, digits.data(), digits.size());
+    out.commit(p + digits.size());
 }
 
-// "0x" and `digits` lowercase hex digits, zero-padded.
-void append_hex(std::string &out, uint32_t v, int digits) {
-    static const char hex[] = "0123456789abcdef";
-    char buf[10] = {'0', 'x'};
-    for (int i = digits - 1; i >= 0; --i, v >>= 4)
-        buf[2 + i] = hex[v & 15];
-    out.append(buf, 2 + digits);
+// "0x" and `digits` (2 or 8) lowercase hex digits, zero-padded.
+void append_hex(TextBuffer &out, uint32_t v, int digits) {
+    char *p = out.room(10);
+    p[0] = '0';
+    p[1] = 'x';
+    for (int i = digits - 2; i >= 0; i -= 2, v >>= 8)
+        memcpy(p + 2 + i, kHexBytes[v & 0xff].data(), 2);
+    out.commit(p + 2 + digits);
+}
+
+void append_tcp_flags(TextBuffer &out, uint8_t flags) {
+    char *p = out.room(8);
+    memcpy(p, kTcpFlagTexts[flags].data(), 8);
+    out.commit(p + 8);
 }
 
 // inet_ntop formats an IPv6 address through printf, several thousand instructions; a
 // connection's records repeat its two addresses, so each thread keeps the last few it made.
-void append_addr(std::string &out, const host_addr &addr, uint8_t ip_version) {
+void append_addr(TextBuffer &out, const host_addr &addr, uint8_t ip_version) {
     if (ip_version == 4) {
-        append_ipv4(out, addr.v4);
+        out.commit(write_ipv4(out.room(20), addr.v4));
         return;
     }
     struct Made {
@@ -99,6 +130,40 @@ void append_addr(std::string &out, const host_addr &addr, uint8_t ip_version) {
     memcpy(m.addr, addr.v6, 16);
     m.len = strlen(inet_ntop(AF_INET6, addr.v6, m.text, sizeof m.text));
     out.append(m.text, m.len);
+}
+
+std::string make_op_word(uint8_t op);
+std::string make_protocol_name(uint8_t protocol);
+
+// Words of the codes, made once: a table of 256 for the operation byte and the protocol.
+template <std::string (*make)(uint8_t)>
+std::string_view word_of(uint8_t code) {
+    static const std::array<std::string, 256> table = [] {
+        std::array<std::string, 256> t;
+        for (unsigned i = 0; i < 256; ++i)
+            t[i] = make(static_cast<uint8_t>(i));
+        return t;
+    }();
+    return table[code];
+}
+
+std::string_view op_text(uint8_t op) {
+    return word_of<make_op_word>(op);
+}
+
+std::string_view protocol_text(uint8_t protocol) {
+    return word_of<make_protocol_name>(protocol);
+}
+
+std::string_view file_type_text(uint8_t type) {
+    switch (type) {
+        case 1:
+            return "directory";
+        case 2:
+            return "file";
+        default:
+            return "unknown";
+    }
 }
 
 }  // namespace
@@ -154,30 +219,35 @@ std::vector<Column> output_columns(const std::vector<const FieldDef *> &fields) 
     return cols;
 }
 
-void append_field_text(std::string &out, const FieldDef &def, const FieldValue &value) {
+void append_field_text(TextBuffer &out, const FieldDef &def, const FieldValue &value) {
     // A default, or a value from a fill that writes no text: the binary form speaks.
-    if (value.kind == FieldValue::Kind::Value && def.fill_txt) {
+    if ((value.kind == FieldValue::Kind::Value && def.fill_txt) ||
+        value.kind == FieldValue::Kind::Default) {
         out += value.text;
         return;
     }
-    if (value.kind == FieldValue::Kind::Default) {
-        out += value.text;
-        return;
-    }
-    if (def.type == CORVANE_FIELD_STRING) {
-        append_utf16le_as_utf8(out, value.binary.data(), value.binary.size());
-        return;
-    }
-    if (def.type == CORVANE_FIELD_NUMBER && !value.binary.empty() && value.binary.size() <= 8)
+    if (def.type == CORVANE_FIELD_NUMBER && !value.binary.empty() && value.binary.size() <= 8) {
         append_uint(out, value.number());
+        return;
+    }
+    std::string text;
+    if (def.type == CORVANE_FIELD_STRING)
+        append_utf16le_as_utf8(text, value.binary.data(), value.binary.size());
     else
-        append_hex_octets(out, value.binary.data(), value.binary.size());
+        append_hex_octets(text, value.binary.data(), value.binary.size());
+    out += text;
+}
+
+void append_field_text(std::string &out, const FieldDef &def, const FieldValue &value) {
+    TextBuffer text;
+    append_field_text(text, def, value);
+    out += text.view();
 }
 
 // Records come in time order, so the calendar part of a timestamp rarely changes from one to
 // the next. A record's start and end often fall in different seconds, so each thread keeps
 // the last two seconds it formatted: one alone would be formatted again for every field.
-void append_time(std::string &out, uint64_t ns, bool nanoseconds) {
+void append_time(TextBuffer &out, uint64_t ns, bool nanoseconds) {
     struct Second {
         time_t secs = -1;
         char text[24];
@@ -195,40 +265,40 @@ void append_time(std::string &out, uint64_t ns, bool nanoseconds) {
         hit->len = strftime(hit->text, sizeof hit->text, "%Y-%m-%dT%H:%M:%S", &tm);
         hit->secs = secs;
     }
-    out.append(hit->text, hit->len);
-    const int digits = nanoseconds ? 9 : 6;
-    auto frac = static_cast<uint32_t>(ns % 1'000'000'000ull / (nanoseconds ? 1 : 1000));
-    char buf[11];
-    buf[0] = '.';
-    for (int i = digits; i > 0; --i, frac /= 10)
-        buf[i] = static_cast<char>('0' + frac % 10);
-    buf[digits + 1] = 'Z';
-    out.append(buf, digits + 2);
-}
-
-std::string format_time(uint64_t ns) {
-    std::string out;
-    append_time(out, ns);
-    return out;
-}
-
-std::string format_addr(const host_addr &addr, uint8_t ip_version) {
-    std::string out;
-    append_addr(out, addr, ip_version);
-    return out;
-}
-
-std::string format_tcp_flags(uint8_t flags) {
-    static const char letters[] = "CEUAPRSF";  // bit 7 down to bit 0
-    std::string out(8, '.');
-    for (int i = 0; i < 8; ++i)
-        if (flags & (0x80 >> i)) out[i] = letters[i];
-    return out;
+    char *p = out.room(sizeof hit->text + 11);
+    memcpy(p, hit->text, sizeof hit->text);  // the whole array: a fixed-size copy
+    p += hit->len;
+    *p++ = '.';
+    // The fraction's digits two at a time from the digit pairs of 0..99.
+    static constexpr auto kPairs = [] {
+        std::array<std::array<char, 2>, 100> t{};
+        for (unsigned v = 0; v < 100; ++v)
+            t[v] = {static_cast<char>('0' + v / 10), static_cast<char>('0' + v % 10)};
+        return t;
+    }();
+    auto frac = static_cast<uint32_t>(ns % 1'000'000'000ull);
+    int last_pair = 4;
+    if (nanoseconds) {
+        p[8] = static_cast<char>('0' + frac % 10);
+        frac /= 10;
+        last_pair = 6;
+    } else {
+        frac /= 1000;
+    }
+    for (int i = last_pair; i >= 0; i -= 2, frac /= 100)
+        memcpy(p + i, kPairs[frac % 100].data(), 2);
+    p += nanoseconds ? 9 : 6;
+    *p++ = 'Z';
+    out.commit(p);
 }
 
 namespace {
 
-void make_command_names(std::string &out, uint32_t word) {
+std::string to_string(const TextBuffer &text) {
+    return std::string(text.view());
+}
+
+void make_command_names(TextBuffer &out, uint32_t word) {
     const size_t start = out.size();
     auto add = [&](std::string_view name) {
         if (out.size() > start) out += '|';
@@ -244,53 +314,7 @@ void make_command_names(std::string &out, uint32_t word) {
     if (word & 0x80000000u) add("ENCRYPTED");
 }
 
-}  // namespace
-
-// A capture's records carry few distinct command words, and each record two of them: the
-// names of the last few words are kept per thread instead of being put together again.
-void append_command_names(std::string &out, uint32_t word) {
-    struct Made {
-        uint32_t word = 0;
-        bool set = false;
-        std::string names;
-    };
-    constexpr unsigned kMade = 8;
-    thread_local Made made[kMade];
-    thread_local unsigned next = 0;
-    for (const Made &m : made)
-        if (m.set && m.word == word) {
-            out += m.names;
-            return;
-        }
-    Made &m = made[next];
-    next = (next + 1) % kMade;
-    m.names.clear();
-    make_command_names(m.names, word);
-    m.word = word;
-    m.set = true;
-    out += m.names;
-}
-
-std::string command_names(uint32_t word) {
-    std::string out;
-    append_command_names(out, word);
-    return out;
-}
-
-std::string file_type_word(uint8_t type) {
-    switch (type) {
-        case 1:
-            return "directory";
-        case 2:
-            return "file";
-        default:
-            return "unknown";
-    }
-}
-
-// Codes 0 to 3 of a successful exchange are those of the CREATE response's CreateAction;
-// a failed one carries the request's CreateDisposition with 3 and 4 exchanged.
-std::string op_word(uint8_t op) {
+std::string make_op_word(uint8_t op) {
     static const char *const done[] = {"superseded",  "opened",    "created",
                                        "overwritten", "overwrite", "overwrite-if"};
     static const char *const failed[] = {"supersede", "open",    "create",
@@ -307,7 +331,7 @@ std::string op_word(uint8_t op) {
     return out.empty() ? "unknown" : out;
 }
 
-std::string protocol_name(uint8_t protocol) {
+std::string make_protocol_name(uint8_t protocol) {
     switch (protocol) {
         case 1:
             return "icmp";
@@ -326,6 +350,67 @@ std::string protocol_name(uint8_t protocol) {
     }
 }
 
+}  // namespace
+
+std::string format_time(uint64_t ns) {
+    TextBuffer out;
+    append_time(out, ns);
+    return to_string(out);
+}
+
+std::string format_addr(const host_addr &addr, uint8_t ip_version) {
+    TextBuffer out;
+    append_addr(out, addr, ip_version);
+    return to_string(out);
+}
+
+std::string format_tcp_flags(uint8_t flags) {
+    TextBuffer out;
+    append_tcp_flags(out, flags);
+    return to_string(out);
+}
+
+// A capture's records carry few distinct command words, and each record two of them: the
+// names of a word are kept per thread in a small direct-mapped cache instead of being put
+// together again.
+void append_command_names(TextBuffer &out, uint32_t word) {
+    struct Made {
+        uint32_t word = 0;
+        bool set = false;
+        TextBuffer names;
+    };
+    constexpr unsigned kMade = 64;
+    thread_local Made made[kMade];
+    Made &m = made[(word * 0x9e3779b1u) >> 26];
+    if (!m.set || m.word != word) {
+        m.names.clear();
+        make_command_names(m.names, word);
+        m.word = word;
+        m.set = true;
+    }
+    out += m.names.view();
+}
+
+std::string command_names(uint32_t word) {
+    TextBuffer out;
+    append_command_names(out, word);
+    return to_string(out);
+}
+
+std::string file_type_word(uint8_t type) {
+    return std::string(file_type_text(type));
+}
+
+// Codes 0 to 3 of a successful exchange are those of the CREATE response's CreateAction;
+// a failed one carries the request's CreateDisposition with 3 and 4 exchanged.
+std::string op_word(uint8_t op) {
+    return std::string(op_text(op));
+}
+
+std::string protocol_name(uint8_t protocol) {
+    return std::string(protocol_text(protocol));
+}
+
 FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
     for (int k = 0; k < kSmbFields; ++k) {
         index_[k] = -1;
@@ -340,6 +425,11 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         if (extras_[i].def->name == "SMB_RPC_INTERFACE" &&
             extras_[i].def->type == CORVANE_FIELD_OCTETS)
             interface_extra_ = static_cast<int>(i);
+    for (const Column &c : columns())
+        verbatim_.push_back(c.verbatim);
+    for (const Extra &e : extras_)
+        verbatim_.push_back(plugin_column(*e.def).verbatim);
+    if (has_service_column()) verbatim_.push_back(true);
 }
 
 const FieldValue *FlowFormatter::extra_value(const ExportedFlow &flow, const Extra &extra) {
@@ -375,31 +465,103 @@ Row FlowFormatter::render(const ExportedFlow &flow) const {
     return row;
 }
 
-void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
-    const host_flow_record &r = flow.rec;
-    const bool tcp = r.protocol == 6;
-    row.resize(columns().size() + extras_.size() + (has_service_column() ? 1 : 0));
-    Cell *c = row.data();
-    auto num = [&](uint64_t v) { append_uint(value_of(*c++), v); };
+namespace {
 
-    append_time(value_of(*c++), r.first_ns, nano_);
-    append_time(value_of(*c++), r.last_ns, nano_);
-    append_addr(value_of(*c++), r.src_addr, r.ip_version);
+// Where render_to() puts a record's columns, one after the other: open() before a column's
+// text is appended to text(), close() after it; skip() for a null column.
+class RowSink {
+  public:
+    explicit RowSink(Row &row) : row_(row) {}
+    TextBuffer &text() { return row_.text(); }
+    uint32_t open(size_t) { return row_.mark(); }
+    void close(size_t k, uint32_t from) { row_.close(k, from); }
+    // An empty text stands for no value (a command word with no command bit).
+    void close_unless_empty(size_t k, uint32_t from) {
+        if (row_.mark() != from) row_.close(k, from);
+    }
+    void skip(size_t) {}
+    void display(size_t k, std::string_view text) { row_.set_display(k, text); }
+
+  private:
+    Row &row_;
+};
+
+// A CSV line of every column in order (RFC 4180): the text goes straight into the line; a
+// column whose values may hold a separator or quote is looked at once written and, in the
+// rare case it needs it, quoted in place.
+class CsvSink {
+  public:
+    CsvSink(TextBuffer &line, const std::vector<uint8_t> &verbatim)
+        : line_(line), verbatim_(verbatim) {}
+    TextBuffer &text() { return line_; }
+    uint32_t open(size_t k) {
+        if (k) line_ += ',';
+        return static_cast<uint32_t>(line_.size());
+    }
+    void close(size_t k, uint32_t from) {
+        if (!verbatim_[k]) quote_if_needed(from);
+    }
+    void close_unless_empty(size_t k, uint32_t from) { close(k, from); }
+    void skip(size_t k) { open(k); }
+    void display(size_t, std::string_view) {}
+
+  private:
+    void quote_if_needed(uint32_t from) {
+        const std::string_view v = line_.view(from, line_.size());
+        if (!needs_csv_quotes(v)) return;
+        std::string quoted;
+        append_csv_field(quoted, v);
+        line_.truncate(from);
+        line_ += quoted;
+    }
+
+    TextBuffer &line_;
+    const std::vector<uint8_t> &verbatim_;
+};
+
+}  // namespace
+
+void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
+    row.reset(column_count());
+    RowSink sink(row);
+    render_to(flow, sink);
+}
+
+void FlowFormatter::render_csv(const ExportedFlow &flow, TextBuffer &line) const {
+    CsvSink sink(line, verbatim_);
+    render_to(flow, sink);
+}
+
+template <typename Sink>
+void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
+    const host_flow_record &r = flow.rec;
+    TextBuffer &t = sink.text();
+    size_t k = 0;
+    auto cell = [&](auto write) {
+        const uint32_t from = sink.open(k);
+        write();
+        sink.close(k++, from);
+    };
+    auto null = [&] { sink.skip(k++); };
+    auto num = [&](uint64_t v) { cell([&] { append_uint(t, v); }); };
+
+    cell([&] { append_time(t, r.first_ns, nano_); });
+    cell([&] { append_time(t, r.last_ns, nano_); });
+    cell([&] { append_addr(t, r.src_addr, r.ip_version); });
     num(r.src_port);
-    append_addr(value_of(*c++), r.dst_addr, r.ip_version);
+    cell([&] { append_addr(t, r.dst_addr, r.ip_version); });
     num(r.dst_port);
-    c->display = protocol_name(r.protocol);  // value_of leaves display alone
+    sink.display(k, protocol_text(r.protocol));
     num(r.protocol);
     num(r.dir_counters[0].packets);
     num(r.dir_counters[0].bytes);
     num(r.dir_counters[1].packets);
     num(r.dir_counters[1].bytes);
     for (int dir = 0; dir < 2; ++dir) {
-        if (tcp)
-            value_of(*c) = format_tcp_flags(r.tcp_flags[dir]);
+        if (r.protocol == 6)
+            cell([&] { append_tcp_flags(t, r.tcp_flags[dir]); });
         else
-            set_null(*c);
-        ++c;
+            null();
     }
 
     SmbValues smb;
@@ -407,53 +569,51 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
     for (const FieldValue *v : {smb.cmd_request, smb.cmd_response}) {
         if (v) {
             const auto word = static_cast<uint32_t>(v->number());
-            append_hex(value_of(*c++), word, 8);
-            std::string &names = value_of(*c);
-            append_command_names(names, word);
-            if (names.empty()) set_null(*c);
-            ++c;
+            cell([&] { append_hex(t, word, 8); });
+            const uint32_t from = sink.open(k);
+            append_command_names(t, word);
+            sink.close_unless_empty(k++, from);
         } else {
-            set_null(*c++);
-            set_null(*c++);
+            null();
+            null();
         }
     }
     for (const FieldValue *v : {smb.tree, smb.file_name}) {
         if (v)
-            value_of(*c++) += v->text;
+            cell([&] { t += v->text; });
         else
-            set_null(*c++);
+            null();
     }
     if (const FieldValue *v = smb.file_type) {
         const auto type = static_cast<uint8_t>(v->number());
-        value_of(*c++) = file_type_word(type);
+        cell([&] { t += file_type_text(type); });
         num(type);
     } else {
-        set_null(*c++);
-        set_null(*c++);
+        null();
+        null();
     }
     if (const FieldValue *v = smb.op) {
         const auto op = static_cast<uint8_t>(v->number());
-        value_of(*c++) = op_word(op);
-        append_hex(value_of(*c++), op, 2);
+        cell([&] { t += op_text(op); });
+        cell([&] { append_hex(t, op, 2); });
     } else {
-        set_null(*c++);
-        set_null(*c++);
+        null();
+        null();
     }
     for (const Extra &e : extras_) {
         if (const FieldValue *v = extra_value(flow, e))
-            append_field_text(value_of(*c), *e.def, *v);
+            cell([&] { append_field_text(t, *e.def, *v); });
         else
-            set_null(*c);
-        ++c;
+            null();
     }
     if (has_service_column()) {
         const FieldValue *v = extra_value(flow, extras_[interface_extra_]);
         const std::string_view name =
             v && v->kind == FieldValue::Kind::Value ? rpc_service_name(v->text) : "";
         if (name.empty())
-            set_null(*c);
+            null();
         else
-            value_of(*c) = name;
+            cell([&] { t += name; });
     }
 }
 

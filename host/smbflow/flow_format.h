@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "exporter.h"
+#include "row.h"
 
 namespace smbflow {
 
@@ -24,14 +25,6 @@ struct Column {
     // string (the text is the plug-in's: a status in hex, a version); right-aligned.
     bool number_text = false;
 };
-
-// A rendered value; null for a value the record does not have.
-struct Cell {
-    std::optional<std::string> value;
-    std::optional<std::string> display;  // shown in the text table instead of value
-};
-
-using Row = std::vector<Cell>;
 
 // smbflow's own columns (flow columns and the SMB plug-in's six fields).
 const std::vector<Column> &columns();
@@ -64,8 +57,13 @@ class FlowFormatter {
     bool smb_values(const corvane_host::ExportedFlow &flow, SmbValues &out) const;
     explicit FlowFormatter(const std::vector<const corvane_host::FieldDef *> &fields);
     Row render(const corvane_host::ExportedFlow &flow) const;
-    // The same into `row`, reusing its strings (no allocation per record once they have grown).
+    // The same into `row`, reusing its buffers (no allocation per record once they have grown).
     void render(const corvane_host::ExportedFlow &flow, Row &row) const;
+    // Appends the record's CSV line (every column, in order, without the line end) to `line`:
+    // what a CSV writer of render()'s row writes, made without the row.
+    void render_csv(const corvane_host::ExportedFlow &flow, TextBuffer &line) const;
+    // The number of columns of render()'s rows (output_columns() of the fields).
+    size_t column_count() const { return verbatim_.size(); }
     // Timestamps with nine fractional digits instead of six (the capture has them).
     void set_nanoseconds(bool on) { nano_ = on; }
 
@@ -84,21 +82,27 @@ class FlowFormatter {
                                                        const Extra &extra);
 
   private:
+    template <typename Sink>
+    void render_to(const corvane_host::ExportedFlow &flow, Sink &sink) const;
+
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
     std::vector<Extra> extras_;
-    int interface_extra_ = -1;  // index into extras_ of SMB_RPC_INTERFACE
+    int interface_extra_ = -1;       // index into extras_ of SMB_RPC_INTERFACE
+    std::vector<uint8_t> verbatim_;  // by column: 1 for a column no output quotes
     bool nano_ = false;
 };
 
 // The text of an extra field's value: what its text fill wrote, or when it has none the
 // binary value in decimal (numbers) or hex (octets).
+void append_field_text(TextBuffer &out, const corvane_host::FieldDef &def,
+                       const corvane_host::FieldValue &value);
 void append_field_text(std::string &out, const corvane_host::FieldDef &def,
                        const corvane_host::FieldValue &value);
 
 // Pieces, exposed for tests. The append_ forms add to `out`.
-void append_time(std::string &out, uint64_t ns, bool nanoseconds = false);
-void append_command_names(std::string &out, uint32_t word);
+void append_time(TextBuffer &out, uint64_t ns, bool nanoseconds = false);
+void append_command_names(TextBuffer &out, uint32_t word);
 std::string format_time(uint64_t ns);
 std::string format_addr(const host_addr &addr, uint8_t ip_version);
 std::string format_tcp_flags(uint8_t flags);

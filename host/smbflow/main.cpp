@@ -295,18 +295,9 @@ int run(const Options &opts) {
             host, opts.queues, config,
             [&](const corvane_host::ExportedFlow &as_cached) {
                 const corvane_host::ExportedFlow &flow = client_first(as_cached);
-                if (writer) {
-                    formatter.render(flow, row);
-                    writer->write(row);
-                }
-                if (out_file) {
-                    formatter.render(flow, row);
-                    out_file->write(row);
-                }
-                if (rotating) {
-                    formatter.render(flow, row);
-                    rotating->write(row, flow.rec.last_ns);
-                }
+                if (writer) writer->write(formatter, flow, row);
+                if (out_file) out_file->write(formatter, flow, row);
+                if (rotating) rotating->write(formatter, flow, row);
                 if (!exports.empty()) {
                     to_ipfix(flow, formatter, ipfix_row, extras);
                     for (auto &e : exports)

@@ -53,6 +53,12 @@ void OutputFile::write(const Row &row) {
     if (writer_) writer_->write(row);
 }
 
+void OutputFile::write(const FlowFormatter &formatter, const corvane_host::ExportedFlow &flow,
+                       Row &scratch) {
+    std::lock_guard lock(mutex_);
+    if (writer_) writer_->write(formatter, flow, scratch);
+}
+
 bool OutputFile::close_file() {
     if (!file_) return true;
     writer_->finish();

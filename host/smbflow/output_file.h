@@ -34,6 +34,8 @@ class OutputFile {
     bool open();
     // write() and reopen() may be called from different threads.
     void write(const Row &row);
+    void write(const FlowFormatter &formatter, const corvane_host::ExportedFlow &flow,
+               Row &scratch);
     // When the name no longer leads to the open file, closes it and opens the name anew (a
     // file that logrotate created in its place is appended to). False when that fails; the
     // records that follow are then lost, and the end of the run says so.

@@ -53,6 +53,20 @@ bool RotatingOutput::close_current() {
 
 bool RotatingOutput::write(const Row &row, uint64_t end_ns) {
     std::lock_guard lock(mutex_);
+    if (!file_for(end_ns)) return false;
+    writer_->write(row);
+    return true;
+}
+
+bool RotatingOutput::write(const FlowFormatter &formatter, const corvane_host::ExportedFlow &flow,
+                           Row &scratch) {
+    std::lock_guard lock(mutex_);
+    if (!file_for(flow.rec.last_ns)) return false;
+    writer_->write(formatter, flow, scratch);
+    return true;
+}
+
+bool RotatingOutput::file_for(uint64_t end_ns) {
     uint64_t slot = end_ns / 1'000'000'000ull / interval_s_;
     if (started_ && slot < slot_) slot = slot_;  // a file once closed is not opened again
     if (!open_ || slot > slot_) {
@@ -75,7 +89,6 @@ bool RotatingOutput::write(const Row &row, uint64_t end_ns) {
         writer_ = make_(file_);
         open_ = true;
     }
-    writer_->write(row);
     return true;
 }
 

@@ -26,6 +26,9 @@ class RotatingOutput {
 
     // False when the record's file cannot be opened (said through `error`, once a file).
     bool write(const Row &row, uint64_t end_ns);
+    // The same for a flow record as `formatter` renders it (the record's end time decides).
+    bool write(const FlowFormatter &formatter, const corvane_host::ExportedFlow &flow,
+               Row &scratch);
     // SIGHUP: the open file, once renamed away (logrotate), is closed, and the next record opens
     // its name again. write() and reopen() may be called from different threads.
     void reopen();
@@ -38,6 +41,9 @@ class RotatingOutput {
     static std::string file_name(const std::string &pattern, uint64_t start_s);
 
   private:
+    // The file of a record that ends at `end_ns`, opened when it is not; false when it cannot be.
+    bool file_for(uint64_t end_ns);
+
     bool close_current();
 
     std::string pattern_;

@@ -38,10 +38,8 @@ class TextTableWriter : public RecordWriter {
         std::vector<std::string> texts;
         texts.reserve(pick_.size());
         // Names come from the wire: control characters are shown, never sent to the terminal.
-        for (size_t k : pick_) {
-            const Cell &c = row[k];
-            texts.push_back(visible_text(c.display ? *c.display : c.value ? *c.value : kNullText));
-        }
+        for (size_t k : pick_)
+            texts.push_back(visible_text(row.shown(k).value_or(kNullText)));
         if (started_) {
             print(texts);
             return;
@@ -114,19 +112,34 @@ class LineWriter : public RecordWriter {
     bool live_;
     ColumnPick pick_;
     std::vector<Column> cols_;
-    std::string line_;  // reused from row to row
+    TextBuffer line_;  // reused from row to row
 };
 
 class CsvWriter : public LineWriter {
   public:
     CsvWriter(FILE *out, bool live, ColumnPick pick, const std::vector<Column> &cols)
         : LineWriter(out, live, std::move(pick), cols) {
-        for (size_t k : pick_) {
+        every_column_ = pick_.size() == cols_.size();
+        for (size_t i = 0; i < pick_.size(); ++i) {
+            every_column_ &= pick_[i] == i;
             if (!line_.empty()) line_ += ',';
-            line_ += cols_[k].name;
+            line_ += cols_[pick_[i]].name;
         }
         emit();
     }
+
+    // Every column in order: the formatter writes the line itself, without a row between.
+    void write(const FlowFormatter &formatter, const corvane_host::ExportedFlow &flow,
+               Row &scratch) override {
+        if (!every_column_ || formatter.column_count() != cols_.size()) {
+            RecordWriter::write(formatter, flow, scratch);
+            return;
+        }
+        line_.clear();
+        formatter.render_csv(flow, line_);
+        emit();
+    }
+    using RecordWriter::write;
 
     void write(const Row &row) override {
         line_.clear();
@@ -134,15 +147,17 @@ class CsvWriter : public LineWriter {
         for (size_t i = 0; i < pick_.size(); ++i) {
             if (i) line_ += ',';
             const size_t k = pick_[i];
-            if (const auto &v = row[k].value) {
-                if (cols[k].verbatim)
-                    line_ += *v;
-                else
-                    append_csv_field(line_, *v);
-            }
+            if (!row.has_value(k)) continue;
+            if (cols[k].verbatim)
+                line_ += row.value(k);
+            else
+                append_csv_field(line_, row.value(k));
         }
         emit();
     }
+
+  private:
+    bool every_column_ = false;
 };
 
 class JsonWriter : public LineWriter {
@@ -150,7 +165,8 @@ class JsonWriter : public LineWriter {
     using LineWriter::LineWriter;
 
     void write(const Row &row) override {
-        line_.assign(1, '{');
+        line_.clear();
+        line_ += '{';
         const auto &cols = cols_;
         for (size_t i = 0; i < pick_.size(); ++i) {
             const size_t k = pick_[i];
@@ -158,14 +174,18 @@ class JsonWriter : public LineWriter {
             line_ += '"';
             line_ += cols[k].name;
             line_ += "\":";
-            if (!row[k].value)
+            const std::string_view v = row.value(k);
+            if (!row.has_value(k)) {
                 line_ += "null";
-            else if (cols[k].number || (cols[k].number_text && is_json_integer(*row[k].value)))
-                line_ += *row[k].value;
-            else if (cols[k].verbatim)
-                line_.append(1, '"').append(*row[k].value).append(1, '"');
-            else
-                append_json_string(line_, *row[k].value);
+            } else if (cols[k].number || (cols[k].number_text && is_json_integer(v))) {
+                line_ += v;
+            } else if (cols[k].verbatim) {
+                line_ += '"';
+                line_ += v;
+                line_ += '"';
+            } else {
+                append_json_string(line_, v);
+            }
         }
         line_ += '}';
         emit();
@@ -183,9 +203,14 @@ constexpr auto kCsvSpecial = [] {
     return t;
 }();
 
-void append_csv_field(std::string &out, std::string_view s) {
-    if (std::none_of(s.begin(), s.end(),
-                     [](char c) { return kCsvSpecial[static_cast<unsigned char>(c)]; })) {
+bool needs_csv_quotes(std::string_view s) {
+    return std::any_of(s.begin(), s.end(),
+                       [](char c) { return kCsvSpecial[static_cast<unsigned char>(c)]; });
+}
+
+template <typename Out>
+void csv_field(Out &out, std::string_view s) {
+    if (!needs_csv_quotes(s)) {
         out += s;
         return;
     }
@@ -197,7 +222,8 @@ void append_csv_field(std::string &out, std::string_view s) {
     out += '"';
 }
 
-void append_json_string(std::string &out, std::string_view s) {
+template <typename Out>
+void json_string_to(Out &out, std::string_view s) {
     out += '"';
     size_t plain = 0;  // start of the run of bytes that need no escape
     for (size_t i = 0; i < s.size(); ++i) {
@@ -222,11 +248,24 @@ void append_json_string(std::string &out, std::string_view s) {
                 out += "\\t";
                 break;
             default:
-                fmt::format_to(std::back_inserter(out), "\\u{:04x}", c);
+                out += std::string_view(fmt::format("\\u{:04x}", c));
         }
     }
     out.append(s.data() + plain, s.size() - plain);
     out += '"';
+}
+
+void append_csv_field(std::string &out, std::string_view s) {
+    csv_field(out, s);
+}
+void append_csv_field(TextBuffer &out, std::string_view s) {
+    csv_field(out, s);
+}
+void append_json_string(std::string &out, std::string_view s) {
+    json_string_to(out, s);
+}
+void append_json_string(TextBuffer &out, std::string_view s) {
+    json_string_to(out, s);
 }
 
 std::string csv_quote(const std::string &s) {

@@ -27,6 +27,13 @@ class RecordWriter {
   public:
     virtual ~RecordWriter() = default;
     virtual void write(const Row &row) = 0;
+    // A flow record as `formatter` renders it (into `scratch`, unless the writer can do
+    // without a row).
+    virtual void write(const FlowFormatter &formatter, const corvane_host::ExportedFlow &flow,
+                       Row &scratch) {
+        formatter.render(flow, scratch);
+        write(scratch);
+    }
     // Rows so far should reach the output now (a live capture went quiet).
     virtual void flush() {}
     // End of output.
@@ -41,8 +48,12 @@ std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live = 
                                           const std::vector<Column> &cols = columns());
 
 // Pieces, exposed for tests. The append_ forms add to `out`.
+// Whether a CSV field needs quotes (RFC 4180: it holds a comma, quote or line break).
+bool needs_csv_quotes(std::string_view s);
 void append_csv_field(std::string &out, std::string_view s);
+void append_csv_field(TextBuffer &out, std::string_view s);
 void append_json_string(std::string &out, std::string_view s);
+void append_json_string(TextBuffer &out, std::string_view s);
 std::string csv_quote(const std::string &s);
 std::string json_string(const std::string &s);
 // Whether a text is a JSON number as written: decimal digits, no leading zero.

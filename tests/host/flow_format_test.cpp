@@ -105,8 +105,8 @@ TEST(FlowFormat, WritersQuoteEveryColumnThatCanHoldSeparators) {
     Row row(columns().size());
     for (size_t k = 0; k < row.size(); ++k) {
         const std::string name = columns()[k].name;
-        if (name == "smb_op") row[k].value = op_word(0x41);  // "opened,delete"
-        if (name == "smb_tree" || name == "smb_file_name") row[k].value = "a,\"b\"";
+        if (name == "smb_op") row.set(k, op_word(0x41));  // "opened,delete"
+        if (name == "smb_tree" || name == "smb_file_name") row.set(k, "a,\"b\"");
     }
     for (Format format : {Format::Csv, Format::Json}) {
         char *text = nullptr;

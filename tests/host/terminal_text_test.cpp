@@ -57,8 +57,7 @@ TEST(TerminalText, DisplayWidthCountsColumns) {
 TEST(TerminalText, TableWritesHostileNamesAsOneVisibleRow) {
     Row row(columns().size());
     for (size_t k = 0; k < row.size(); ++k)
-        if (std::string(columns()[k].name) == "smb_file_name")
-            row[k].value = "a\x1b]2;pwn\x07\r\nb";
+        if (std::string(columns()[k].name) == "smb_file_name") row.set(k, "a\x1b]2;pwn\x07\r\nb");
     char *text = nullptr;
     size_t size = 0;
     FILE *out = open_memstream(&text, &size);
