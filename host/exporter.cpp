@@ -32,7 +32,7 @@ uint8_t forms_of(const FieldDef &field, FillForms forms,
         case CORVANE_FIELD_NUMBER:
             for (const std::string &name : host_rendered)
                 if (name == field.name) return kBinaryForm;
-            return kBinaryForm | kTextForm;
+            return forms == FillForms::Text && field.fill_txt ? kTextForm : kBinaryForm | kTextForm;
         default:
             return kBinaryForm | kTextForm;
     }

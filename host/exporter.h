@@ -41,6 +41,8 @@ enum class FillForms : uint8_t {
                // the text form of a string field, both of an octets field; number fields the
                // program does not render itself are asked for their text as well (their
                // presentation is the plug-in's)
+    Text,      // what text outputs alone need: as Readable, but a number field that the program
+               // does not render itself and that has a text fill is asked for its text only
 };
 
 class Exporter {

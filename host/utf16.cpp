@@ -1,5 +1,8 @@
 #include "utf16.h"
 
+#include <bit>
+#include <cstring>
+
 namespace corvane_host {
 
 namespace {
@@ -55,7 +58,23 @@ void append_utf16le_as_utf8(std::string &out, const uint8_t *buf, size_t size) {
     char *const base = out.data() + start;
     char *p = base;
     auto unit = [buf](size_t i) -> uint32_t { return buf[2 * i] | (buf[2 * i + 1] << 8); };
-    for (size_t i = 0; i < units; ++i) {
+    size_t i = 0;
+    if constexpr (std::endian::native == std::endian::little) {
+        // Names are mostly ASCII: four units at a time while none is 0x80 or more and none is
+        // the terminating zero (with every unit below 0x80, a unit minus one borrows into its
+        // top bit only when it is zero); the loop below takes over at the first that is.
+        constexpr uint64_t kHigh = 0xff80ff80ff80ff80ull, kOnes = 0x0001000100010001ull,
+                           kTops = 0x8000800080008000ull;
+        for (uint64_t x; i + 4 <= units; i += 4, p += 4) {
+            memcpy(&x, buf + 2 * i, 8);
+            if ((x & kHigh) || ((x - kOnes) & ~x & kTops)) break;
+            p[0] = static_cast<char>(x);
+            p[1] = static_cast<char>(x >> 16);
+            p[2] = static_cast<char>(x >> 32);
+            p[3] = static_cast<char>(x >> 48);
+        }
+    }
+    for (; i < units; ++i) {
         const uint32_t u = unit(i);
         if (u == 0) break;
         if (u < 0x80) {

@@ -304,7 +304,8 @@ int run(const Options &opts) {
                         e->write(IpfixFlow(ipfix_row));
                 }
             },
-            need);
+            need,
+            exports.empty() ? corvane_host::FillForms::Text : corvane_host::FillForms::Readable);
         InputStats &in = summary.input;
         Frame frame;
         corvane_host::DecodedPacket packet;

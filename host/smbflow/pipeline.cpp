@@ -75,8 +75,8 @@ struct Pipeline::Worker {
 };
 
 Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallback on_record,
-                   PayloadNeed need)
-    : host_(host), on_record_(std::move(on_record)), need_(need) {
+                   PayloadNeed need, FillForms forms)
+    : host_(host), on_record_(std::move(on_record)), need_(need), forms_(forms) {
     queues = std::max(queues, 1u);
     spare_ = std::make_unique<Channel<std::unique_ptr<Batch>>>(queues * (kBatchesInFlight + 2));
     export_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
@@ -199,7 +199,7 @@ void Pipeline::export_one(const ExportedFlow &flow) {
 }
 
 void Pipeline::exporter_main() {
-    Exporter exporter(host_, FillForms::Readable, host_rendered_fields());
+    Exporter exporter(host_, forms_, host_rendered_fields());
     ExportedFlow out;
     std::vector<FlowHandoff> at_end;
     size_t finals = 0;

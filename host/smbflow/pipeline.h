@@ -32,8 +32,11 @@ using RecordCallback = std::function<void(const corvane_host::ExportedFlow &)>;
 
 class Pipeline {
   public:
+    // `forms`: which fill callbacks the export asks (FillForms::Text when no output needs the
+    // binary form of the plug-ins' number fields).
     Pipeline(corvane_host::Host &host, unsigned queues, corvane_host::QueueConfig config,
-             RecordCallback on_record, PayloadNeed need = PayloadNeed::all());
+             RecordCallback on_record, PayloadNeed need = PayloadNeed::all(),
+             corvane_host::FillForms forms = corvane_host::FillForms::Readable);
     ~Pipeline();
     Pipeline(const Pipeline &) = delete;
     Pipeline &operator=(const Pipeline &) = delete;
@@ -73,6 +76,7 @@ class Pipeline {
     corvane_host::Host &host_;
     RecordCallback on_record_;
     PayloadNeed need_;
+    corvane_host::FillForms forms_;
     std::vector<std::unique_ptr<Worker>> workers_;
     std::unique_ptr<Channel<std::unique_ptr<Batch>>> spare_;
     std::unique_ptr<Channel<ExportMsg>> export_;

@@ -28,6 +28,27 @@ TEST(Utf16, RendersAsUtf8) {
         {{0xd800, 0xd83d, 0xde00}, 0, "\xef\xbf\xbd\xf0\x9f\x98\x80"},
         {std::vector<uint16_t>(64, 'z'), 128, std::string(64, 'z')},  // full, no zero
         {{'a', 'b'}, 3, "a"},  // odd byte count: the last byte is ignored
+        // ASCII is taken four units at a time: the first unit that is not, at each position of
+        // a group, and groups cut by the end of the buffer.
+        {{'a', 'b', 'c', 0xe9, 'd', 'e', 'f', 'g', 'h'},
+         0,
+         "abc\xc3\xa9"
+         "defgh"},
+        {{'a', 'b', 'c', 'd', 'e', 0, 'x', 'y'}, 128, "abcde"},
+        {{0x7f, 'a', 'b', 'c', 0x80},
+         0,
+         "\x7f"
+         "abc\xc2\x80"},
+        {{'a', 'b', 'c', 'd', 0x0100, 'e'},
+         0,
+         "abcd\xc4\x80"
+         "e"},
+        {{'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 0xd83d, 0xde00}, 0, "abcdefgh\xf0\x9f\x98\x80"},
+        {{'a', 'b', 'c', 'd', 'e', 'f', 'g'}, 0, "abcdefg"},
+        {{0x4100, 'b', 'c', 'd'},
+         0,
+         "\xe4\x84\x80"
+         "bcd"},  // a zero low byte is no terminator
     };
     for (const auto &c : cases) {
         std::vector<uint8_t> b(c.buffer_size ? c.buffer_size : c.units.size() * 2, 0);

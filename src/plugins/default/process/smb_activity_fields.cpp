@@ -114,11 +114,14 @@ void hex_text(uint32_t value, int digits, char (&text)[16]) {
     text[2 + digits] = 0;
 }
 
-// ASCII text as the zero-filled UTF-16LE buffer that the string fill takes.
-void text_to_utf16(const char *text, uint8_t (&out)[SMB_NAME_SIZE]) {
-    memset(out, 0, sizeof out);
-    for (size_t i = 0; text[i] && 2 * i + 1 < SMB_NAME_SIZE - 2; ++i)
+// ASCII text as the UTF-16LE units that the string fill takes; returns their size in bytes.
+uint32_t text_to_utf16(const char *text, uint8_t (&out)[SMB_NAME_SIZE]) {
+    size_t i = 0;
+    for (; text[i] && 2 * i + 1 < SMB_NAME_SIZE - 2; ++i) {
         out[2 * i] = static_cast<uint8_t>(text[i]);
+        out[2 * i + 1] = 0;
+    }
+    return static_cast<uint32_t>(2 * i);
 }
 
 // Called for every record: texts made without printf.
@@ -191,8 +194,7 @@ void fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_
         else
             hex_text(static_cast<uint32_t>(value), 8, text);
         uint8_t buffer[SMB_NAME_SIZE];
-        text_to_utf16(text, buffer);
-        record_universal_get_txt_string(output, buffer, SMB_NAME_SIZE, a, 0);
+        record_universal_get_txt_string(output, buffer, text_to_utf16(text, buffer), a, 0);
     }
 }
 
