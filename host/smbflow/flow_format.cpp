@@ -432,15 +432,6 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
     if (has_service_column()) verbatim_.push_back(true);
 }
 
-const FieldValue *FlowFormatter::extra_value(const ExportedFlow &flow, const Extra &extra) {
-    if (extra.position >= flow.fields.size()) return nullptr;
-    const FieldValue &v = flow.fields[extra.position];
-    const bool had_record = (flow.plugin_records >> extra.def->plugin_index) & 1;
-    if (v.kind == FieldValue::Kind::Value || (v.kind == FieldValue::Kind::Default && had_record))
-        return &v;
-    return nullptr;
-}
-
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
     auto value = [&](Smb which) -> const FieldValue * {
         const int i = index_[which];
@@ -537,13 +528,19 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     const host_flow_record &r = flow.rec;
     TextBuffer &t = sink.text();
     size_t k = 0;
-    auto cell = [&](auto write) {
+    // Inlined: a record has a few dozen columns, and a call per column costs as much as the
+    // bookkeeping it wraps.
+    auto cell = [&](auto write) __attribute__((always_inline)) {
         const uint32_t from = sink.open(k);
         write();
         sink.close(k++, from);
     };
-    auto null = [&] { sink.skip(k++); };
-    auto num = [&](uint64_t v) { cell([&] { append_uint(t, v); }); };
+    auto null = [&]() __attribute__((always_inline)) {
+        sink.skip(k++);
+    };
+    auto num = [&](uint64_t v) __attribute__((always_inline)) {
+        cell([&] { append_uint(t, v); });
+    };
 
     cell([&] { append_time(t, r.first_ns, nano_); });
     cell([&] { append_time(t, r.last_ns, nano_); });

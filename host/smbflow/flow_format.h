@@ -79,7 +79,13 @@ class FlowFormatter {
     // Whether the flow has a value for an extra field to show: its own, or the field's
     // default when the field's plug-in had a record of the flow.
     static const corvane_host::FieldValue *extra_value(const corvane_host::ExportedFlow &flow,
-                                                       const Extra &extra);
+                                                       const Extra &extra) {
+        if (extra.position >= flow.fields.size()) return nullptr;
+        const corvane_host::FieldValue &v = flow.fields[extra.position];
+        if (v.kind == corvane_host::FieldValue::Kind::Value) return &v;
+        const bool had_record = (flow.plugin_records >> extra.def->plugin_index) & 1;
+        return v.kind == corvane_host::FieldValue::Kind::Default && had_record ? &v : nullptr;
+    }
 
   private:
     template <typename Sink>

@@ -194,20 +194,6 @@ class JsonWriter : public LineWriter {
 
 }  // namespace
 
-// Characters that make a CSV field need quotes (RFC 4180), as one table: one look-up a byte,
-// where a search for any of several characters tests each byte against each of them.
-constexpr auto kCsvSpecial = [] {
-    std::array<bool, 256> t{};
-    for (unsigned char c : {',', '"', '\r', '\n'})
-        t[c] = true;
-    return t;
-}();
-
-bool needs_csv_quotes(std::string_view s) {
-    return std::any_of(s.begin(), s.end(),
-                       [](char c) { return kCsvSpecial[static_cast<unsigned char>(c)]; });
-}
-
 template <typename Out>
 void csv_field(Out &out, std::string_view s) {
     if (!needs_csv_quotes(s)) {

@@ -151,11 +151,14 @@ void dialect_text(uint16_t dialect, char (&text)[16]) {
     hex_text(dialect, 4, text);
 }
 
+// A decimal counter at zero is left to the field's default, which is zero as well: the host
+// then skips the fill callbacks of the many counters that most records leave at zero.
 template <size_t I>
 int validity(void *, host_flow_record *, host_slot *slot) {
     const smb_flow_data *rec = smb2_record(slot);
-    if (!rec) return 0;
-    return kFields[I].present(*rec) ? 1 : 0;
+    if (!rec || !kFields[I].present(*rec)) return 0;
+    if constexpr (kFields[I].text == Text::decimal) return kFields[I].value(*rec) != 0 ? 1 : 0;
+    return 1;
 }
 
 template <size_t I>
