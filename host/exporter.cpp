@@ -69,34 +69,42 @@ Exporter::Exporter(const Host &host, FillForms forms, const std::vector<std::str
 
 void Exporter::evaluate(const FieldDef &field, uint32_t position, host_flow_record &rec,
                         host_slot *slot, FieldValue &value) {
-    value.kind = FieldValue::Kind::Absent;
-    value.binary.clear();
-    value.text.clear();
     const int valid = field.validity ? field.validity(field.ctx, &rec, slot) : 1;
-    if (valid) {
-        if (field.length) field.length(field.ctx, &rec, slot);
-        binary_.clear();
-        text_.clear();
-        const uint8_t forms = forms_[position];
-        if (field.fill && (forms & kBinaryForm))
-            field.fill(field.ctx, &rec, slot, &binary_, position, kByteOrderHost);
-        if (field.fill_txt && (forms & kTextForm))
-            field.fill_txt(field.ctx, &rec, slot, &text_, position, kByteOrderHost);
-        // A valid field whose fill writes nothing has no value for this flow, and its
-        // default does not stand in for it either.
-        if (binary_.writes == 0 && text_.writes == 0) return;
-        // Exchanged, not copied: the fill's buffers become the value's, and the value's old
-        // buffers are emptied for the next fill.
-        value.kind = FieldValue::Kind::Value;
-        value.binary.swap(binary_.binary);
-        value.text.swap(text_.text);
+    if (!valid) {
+        if (!field.has_default) {
+            value.kind = FieldValue::Kind::Absent;
+            value.binary.clear();
+            value.text.clear();
+        } else if (value.kind != FieldValue::Kind::Default) {
+            // `value` is this position's of the record before: a default it holds already
+            // (the common case of counters at zero) is not copied again.
+            value.kind = FieldValue::Kind::Default;
+            value.binary.assign(field.default_value.begin(), field.default_value.end());
+            value.text.assign(default_texts_[position]);
+        }
         return;
     }
-    if (field.has_default) {
-        value.kind = FieldValue::Kind::Default;
-        value.binary.assign(field.default_value.begin(), field.default_value.end());
-        value.text.assign(default_texts_[position]);
+    if (field.length) field.length(field.ctx, &rec, slot);
+    binary_.clear();
+    text_.clear();
+    const uint8_t forms = forms_[position];
+    if (field.fill && (forms & kBinaryForm))
+        field.fill(field.ctx, &rec, slot, &binary_, position, kByteOrderHost);
+    if (field.fill_txt && (forms & kTextForm))
+        field.fill_txt(field.ctx, &rec, slot, &text_, position, kByteOrderHost);
+    // A valid field whose fill writes nothing has no value for this flow, and its default
+    // does not stand in for it either.
+    if (binary_.writes == 0 && text_.writes == 0) {
+        value.kind = FieldValue::Kind::Absent;
+        value.binary.clear();
+        value.text.clear();
+        return;
     }
+    // Exchanged, not copied: the fill's buffers become the value's, and the value's old
+    // buffers are emptied for the next fill.
+    value.kind = FieldValue::Kind::Value;
+    value.binary.swap(binary_.binary);
+    value.text.swap(text_.text);
 }
 
 ExportedFlow Exporter::run(FlowHandoff &flow) {

@@ -87,9 +87,11 @@ void interface_fill_txt(void *, host_flow_record *, host_slot *slot, void *outpu
     record_universal_get_txt_string(output, wide, SMB_NAME_SIZE, a, 0);
 }
 
-// The counters have a value (0 when nothing was called) on every SMB2 record.
+// The counters have a value (0 when nothing was called) on every SMB2 record; at zero it is
+// the field's default, which the host shows without asking the fill callbacks.
 int counter_valid(void *, host_flow_record *, host_slot *slot) {
-    return smb2_record(slot) ? 1 : 0;
+    const smb_flow_data *rec = smb2_record(slot);
+    return rec && rec->who && (rec->who->calls || rec->who->opnums) ? 1 : 0;
 }
 
 template <uint32_t Size>
