@@ -3,6 +3,9 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
+#include <ctime>
+
 #include "flow_format.h"
 #include "writers.h"
 
@@ -87,6 +90,135 @@ TEST(FlowFormat, SmallPieces) {
             inet_ntop(AF_INET6, a.v6, want, sizeof want);
             EXPECT_EQ(format_addr(a, 6), want) << "round " << round;
         }
+}
+
+// Timestamps against the C library's calendar and printf's digits, with six and nine
+// fractional digits, across second boundaries and in rounds (the formatter keeps seconds).
+TEST(FlowFormat, TimesAsTheCLibraryWritesThem) {
+    const uint64_t base = 1709632800'000'000'000ull;
+    const uint64_t offsets[] = {0,
+                                1,
+                                999,
+                                1000,
+                                999'999,
+                                1'000'000,
+                                123'456'789,
+                                999'999'999,
+                                1'000'000'000,
+                                86'399'999'999'999ull,
+                                5'000'000'007ull};
+    for (int round = 0; round < 2; ++round)
+        for (uint64_t off : offsets)
+            for (bool nano : {false, true}) {
+                const uint64_t ns = base + off;
+                const time_t secs = static_cast<time_t>(ns / 1'000'000'000ull);
+                struct tm tm;
+                gmtime_r(&secs, &tm);
+                char date[32], want[48];
+                strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &tm);
+                const auto frac = static_cast<unsigned>(ns % 1'000'000'000ull);
+                if (nano)
+                    snprintf(want, sizeof want, "%s.%09uZ", date, frac);
+                else
+                    snprintf(want, sizeof want, "%s.%06uZ", date, frac / 1000);
+                TextBuffer got;
+                append_time(got, ns, nano);
+                EXPECT_EQ(got.view(), want) << ns;
+            }
+}
+
+// The CSV line made straight from a record is the line the CSV writer makes from its row,
+// for records with and without SMB values, names that need quoting, UDP and plug-in fields.
+TEST(FlowFormat, CsvLineIsTheRowWrittenAsCsv) {
+    using corvane_host::ExportedFlow;
+    using corvane_host::FieldDef;
+    using corvane_host::FieldValue;
+    std::vector<FieldDef> defs(9);
+    const char *names[] = {"SMB_CMD_REQUEST", "SMB_CMD_RESPONSE", "SMB_TREE",
+                           "SMB_FILE_TYPE",   "SMB_FILE_NAME",    "SMB_OP",
+                           "SMB_BYTES_READ",  "SMB_RENAME_TO",    "SMB_LAST_ERROR"};
+    const uint32_t types[] = {CORVANE_FIELD_NUMBER, CORVANE_FIELD_NUMBER, CORVANE_FIELD_STRING,
+                              CORVANE_FIELD_NUMBER, CORVANE_FIELD_STRING, CORVANE_FIELD_NUMBER,
+                              CORVANE_FIELD_NUMBER, CORVANE_FIELD_STRING, CORVANE_FIELD_NUMBER};
+    std::vector<const FieldDef *> fields;
+    for (size_t i = 0; i < defs.size(); ++i) {
+        defs[i].name = names[i];
+        defs[i].type = types[i];
+        defs[i].fill_txt = [](void *, host_flow_record *, host_slot *, void *, uint32_t, uint32_t) {
+        };
+        fields.push_back(&defs[i]);
+    }
+    auto number = [](uint64_t v, size_t size) {
+        FieldValue f;
+        f.kind = FieldValue::Kind::Value;
+        for (size_t i = 0; i < size; ++i)
+            f.binary.push_back(static_cast<uint8_t>(v >> (8 * i)));
+        return f;
+    };
+    auto text = [](const char *t) {
+        FieldValue f;
+        f.kind = FieldValue::Kind::Value;
+        f.text = t;
+        return f;
+    };
+    std::vector<ExportedFlow> flows(4);
+    for (size_t i = 0; i < flows.size(); ++i) {
+        ExportedFlow &f = flows[i];
+        f.rec.ip_version = 4;
+        f.rec.protocol = i == 3 ? 17 : 6;
+        f.rec.first_ns = 1709632800'000'000'000ull + i * 1'500'000'000ull;
+        f.rec.last_ns = f.rec.first_ns + 999'999;
+        f.rec.src_port = static_cast<uint16_t>(40000 + i);
+        f.rec.dst_port = 445;
+        f.rec.dir_counters[0] = {3 + i, 1000 * i};
+        f.rec.tcp_flags[0] = 0x1b;
+        f.plugin_records = i < 3 ? 1 : 0;
+        f.fields.resize(defs.size());
+    }
+    flows[0].fields = {number(0x000060ff, 4), number(0x000060ff, 4),      text(R"(\\srv\a,b)"),
+                       number(2, 1),          text("say \"hi\"\r\n.txt"), number(0x41, 1),
+                       text("4294967296"),    text("new,\"name\""),       text("0xc0000022")};
+    flows[1].fields = {number(0x000003ff, 4),
+                       number(0x000000ff, 4),
+                       text(R"(\\srv\ipc$)"),
+                       number(0xff, 1),
+                       text(""),
+                       number(0x3f, 1),
+                       FieldValue{},
+                       FieldValue{},
+                       FieldValue{}};
+    flows[2].fields[6].kind = FieldValue::Kind::Default;  // shown: the plug-in had a record
+    flows[2].fields[6].text = "0";
+    flows[3].fields[6].kind = FieldValue::Kind::Default;  // not shown: no record of the flow
+    flows[3].fields[6].text = "0";
+
+    const FlowFormatter formatter(fields);
+    const std::vector<Column> cols = output_columns(fields);
+    auto csv_of = [&](bool straight) {
+        char *out_text = nullptr;
+        size_t size = 0;
+        FILE *out = open_memstream(&out_text, &size);
+        auto writer = make_writer(Format::Csv, out, false, {}, cols);
+        Row scratch;
+        for (const ExportedFlow &f : flows) {
+            if (straight)
+                writer->write(formatter, f, scratch);
+            else
+                writer->write(formatter.render(f));
+        }
+        writer->finish();
+        fclose(out);
+        std::string csv(out_text, size);
+        free(out_text);
+        return csv;
+    };
+    const std::string straight = csv_of(true);
+    EXPECT_EQ(straight, csv_of(false));
+    EXPECT_NE(straight.find(R"("\\srv\a,b","say ""hi"")"), std::string::npos) << straight;
+    EXPECT_NE(straight.find(R"("opened,delete",0x41,4294967296,"new,""name""",0xc0000022)"),
+              std::string::npos)
+        << straight;
+    EXPECT_EQ(std::count(straight.begin(), straight.end(), '\n'), 5 + 1) << "a quoted line break";
 }
 
 TEST(FlowFormat, Quoting) {
