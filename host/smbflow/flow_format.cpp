@@ -54,6 +54,12 @@ constexpr auto kHexBytes = [] {
         t[v] = {"0123456789abcdef"[v >> 4], "0123456789abcdef"[v & 15]};
     return t;
 }();
+constexpr auto kDigitPairs = [] {
+    std::array<std::array<char, 2>, 100> t{};
+    for (unsigned v = 0; v < 100; ++v)
+        t[v] = {static_cast<char>('0' + v / 10), static_cast<char>('0' + v % 10)};
+    return t;
+}();
 constexpr auto kTcpFlagTexts = [] {
     std::array<std::array<char, 8>, 256> t{};
     for (unsigned v = 0; v < 256; ++v)
@@ -73,20 +79,6 @@ char *write_ipv4(char *p, uint32_t wire_order) {
         p += t.len + 1;
     }
     return p - 1;
-}
-
-// Numbers by hand as well: fmt's format strings are parsed again for every call, which for
-// the dozen numbers of each record cost more than the rest of its formatting.
-void append_uint(TextBuffer &out, uint64_t v) {
-    char *p = out.room(20);
-    if (v < 10) {
-        *p = static_cast<char>('0' + v);
-        out.commit(p + 1);
-        return;
-    }
-    const fmt::format_int digits(v);
-    memcpy(p, digits.data(), digits.size());
-    out.commit(p + digits.size());
 }
 
 // "0x" and `digits` (2 or 8) lowercase hex digits, zero-padded.
@@ -167,6 +159,44 @@ std::string_view file_type_text(uint8_t type) {
 }
 
 }  // namespace
+
+// Numbers by hand as well: fmt's format strings are parsed again for every call, which for
+// the dozen numbers of each record cost more than the rest of its formatting.
+void append_uint(TextBuffer &out, uint64_t v) {
+    char *p = out.room(20);
+    if (v < 10) {
+        *p = static_cast<char>('0' + v);
+        out.commit(p + 1);
+        return;
+    }
+    if (v >= 100'000'000) {
+        const fmt::format_int digits(v);
+        memcpy(p, digits.data(), digits.size());
+        out.commit(p + digits.size());
+        return;
+    }
+    // Ports and the counters of short flows: up to eight digits, two at a time from the
+    // back.
+    const int n = v < 100          ? 2
+                  : v < 1000       ? 3
+                  : v < 10'000     ? 4
+                  : v < 100'000    ? 5
+                  : v < 1'000'000  ? 6
+                  : v < 10'000'000 ? 7
+                                   : 8;
+    char *q = p + n;
+    while (v >= 100) {
+        q -= 2;
+        memcpy(q, kDigitPairs[v % 100].data(), 2);
+        v /= 100;
+    }
+    if (v >= 10) {
+        memcpy(q - 2, kDigitPairs[v].data(), 2);
+    } else {
+        q[-1] = static_cast<char>('0' + v);
+    }
+    out.commit(p + n);
+}
 
 const std::vector<Column> &columns() {
     static const std::vector<Column> cols = {
@@ -269,13 +299,7 @@ void append_time(TextBuffer &out, uint64_t ns, bool nanoseconds) {
     memcpy(p, hit->text, sizeof hit->text);  // the whole array: a fixed-size copy
     p += hit->len;
     *p++ = '.';
-    // The fraction's digits two at a time from the digit pairs of 0..99.
-    static constexpr auto kPairs = [] {
-        std::array<std::array<char, 2>, 100> t{};
-        for (unsigned v = 0; v < 100; ++v)
-            t[v] = {static_cast<char>('0' + v / 10), static_cast<char>('0' + v % 10)};
-        return t;
-    }();
+    // The fraction's digits two at a time.
     auto frac = static_cast<uint32_t>(ns % 1'000'000'000ull);
     int last_pair = 4;
     if (nanoseconds) {
@@ -286,7 +310,7 @@ void append_time(TextBuffer &out, uint64_t ns, bool nanoseconds) {
         frac /= 1000;
     }
     for (int i = last_pair; i >= 0; i -= 2, frac /= 100)
-        memcpy(p + i, kPairs[frac % 100].data(), 2);
+        memcpy(p + i, kDigitPairs[frac % 100].data(), 2);
     p += nanoseconds ? 9 : 6;
     *p++ = 'Z';
     out.commit(p);
@@ -433,20 +457,17 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
 }
 
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
-    auto value = [&](Smb which) -> const FieldValue * {
-        const int i = index_[which];
-        if (i < 0 || static_cast<size_t>(i) >= flow.fields.size()) return nullptr;
-        return &flow.fields[i];
-    };
+    const FieldValue *v[kSmbFields];
     bool smb = false;
-    for (int which = 0; which < kSmbFields; ++which)
-        if (const FieldValue *v = value(Smb(which))) smb |= v->kind == FieldValue::Kind::Value;
-    auto field = [&](Smb which) -> const FieldValue * {
-        const FieldValue *v = value(which);
-        return smb && v && v->present() ? v : nullptr;
-    };
-    out = {field(CmdRequest), field(CmdResponse), field(Tree),
-           field(FileType),   field(FileName),    field(Op)};
+    for (int which = 0; which < kSmbFields; ++which) {
+        const int i = index_[which];
+        v[which] =
+            i >= 0 && static_cast<size_t>(i) < flow.fields.size() ? &flow.fields[i] : nullptr;
+        smb |= v[which] && v[which]->kind == FieldValue::Kind::Value;
+    }
+    for (const FieldValue *&f : v)
+        if (!smb || (f && !f->present())) f = nullptr;
+    out = {v[CmdRequest], v[CmdResponse], v[Tree], v[FileType], v[FileName], v[Op]};
     return smb;
 }
 
@@ -485,11 +506,11 @@ class CsvSink {
     CsvSink(TextBuffer &line, const std::vector<uint8_t> &verbatim)
         : line_(line), verbatim_(verbatim) {}
     TextBuffer &text() { return line_; }
-    uint32_t open(size_t k) {
+    __attribute__((always_inline)) uint32_t open(size_t k) {
         if (k) line_ += ',';
         return static_cast<uint32_t>(line_.size());
     }
-    void close(size_t k, uint32_t from) {
+    __attribute__((always_inline)) void close(size_t k, uint32_t from) {
         if (!verbatim_[k]) quote_if_needed(from);
     }
     void close_unless_empty(size_t k, uint32_t from) { close(k, from); }

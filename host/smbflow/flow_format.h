@@ -108,6 +108,7 @@ void append_field_text(std::string &out, const corvane_host::FieldDef &def,
 
 // Pieces, exposed for tests. The append_ forms add to `out`.
 void append_time(TextBuffer &out, uint64_t ns, bool nanoseconds = false);
+void append_uint(TextBuffer &out, uint64_t v);
 void append_command_names(TextBuffer &out, uint32_t word);
 std::string format_time(uint64_t ns);
 std::string format_addr(const host_addr &addr, uint8_t ip_version);

@@ -127,6 +127,22 @@ TEST(FlowFormat, TimesAsTheCLibraryWritesThem) {
             }
 }
 
+// Decimal numbers at every change of their digit count, as the standard library writes them.
+TEST(FlowFormat, NumbersAsTheStandardLibraryWritesThem) {
+    std::vector<uint64_t> values = {0, UINT64_MAX};
+    for (uint64_t p = 10; p != 0 && p <= UINT64_MAX / 10; p *= 10)
+        for (uint64_t v : {p - 1, p, p + 1, 3 * p + 7})
+            values.push_back(v);
+    TextBuffer all;
+    std::string want;
+    for (uint64_t v : values) {
+        append_uint(all, v);
+        all += ' ';
+        want += std::to_string(v) + ' ';
+    }
+    EXPECT_EQ(all.view(), want);
+}
+
 // The CSV line made straight from a record is the line the CSV writer makes from its row,
 // for records with and without SMB values, names that need quoting, UDP and plug-in fields.
 TEST(FlowFormat, CsvLineIsTheRowWrittenAsCsv) {
