@@ -249,13 +249,7 @@ std::vector<Column> output_columns(const std::vector<const FieldDef *> &fields) 
     return cols;
 }
 
-void append_field_text(TextBuffer &out, const FieldDef &def, const FieldValue &value) {
-    // A default, or a value from a fill that writes no text: the binary form speaks.
-    if ((value.kind == FieldValue::Kind::Value && def.fill_txt) ||
-        value.kind == FieldValue::Kind::Default) {
-        out += value.text;
-        return;
-    }
+void append_field_text_from_binary(TextBuffer &out, const FieldDef &def, const FieldValue &value) {
     if (def.type == CORVANE_FIELD_NUMBER && !value.binary.empty() && value.binary.size() <= 8) {
         append_uint(out, value.number());
         return;
@@ -518,11 +512,12 @@ class CsvSink {
     void display(size_t, std::string_view) {}
 
   private:
-    void quote_if_needed(uint32_t from) {
-        const std::string_view v = line_.view(from, line_.size());
-        if (!needs_csv_quotes(v)) return;
+    __attribute__((always_inline)) void quote_if_needed(uint32_t from) {
+        if (needs_csv_quotes(line_.view(from, line_.size()))) quote(from);
+    }
+    __attribute__((noinline)) void quote(uint32_t from) {
         std::string quoted;
-        append_csv_field(quoted, v);
+        append_csv_field(quoted, line_.view(from, line_.size()));
         line_.truncate(from);
         line_ += quoted;
     }

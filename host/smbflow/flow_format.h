@@ -101,8 +101,17 @@ class FlowFormatter {
 
 // The text of an extra field's value: what its text fill wrote, or when it has none the
 // binary value in decimal (numbers) or hex (octets).
-void append_field_text(TextBuffer &out, const corvane_host::FieldDef &def,
-                       const corvane_host::FieldValue &value);
+void append_field_text_from_binary(TextBuffer &out, const corvane_host::FieldDef &def,
+                                   const corvane_host::FieldValue &value);
+inline void append_field_text(TextBuffer &out, const corvane_host::FieldDef &def,
+                              const corvane_host::FieldValue &value) {
+    // A default, or a value from a fill that writes no text: the binary form speaks.
+    if ((value.kind == corvane_host::FieldValue::Kind::Value && def.fill_txt) ||
+        value.kind == corvane_host::FieldValue::Kind::Default)
+        out += value.text;
+    else
+        append_field_text_from_binary(out, def, value);
+}
 void append_field_text(std::string &out, const corvane_host::FieldDef &def,
                        const corvane_host::FieldValue &value);
 
