@@ -332,6 +332,8 @@ void make_command_names(TextBuffer &out, uint32_t word) {
     if (word & 0x80000000u) add("ENCRYPTED");
 }
 
+// Codes 0 to 3 of a successful exchange are those of the CREATE response's CreateAction;
+// a failed one carries the request's CreateDisposition with 3 and 4 exchanged.
 std::string make_op_word(uint8_t op) {
     static const char *const done[] = {"superseded",  "opened",    "created",
                                        "overwritten", "overwrite", "overwrite-if"};
@@ -419,8 +421,6 @@ std::string file_type_word(uint8_t type) {
     return std::string(file_type_text(type));
 }
 
-// Codes 0 to 3 of a successful exchange are those of the CREATE response's CreateAction;
-// a failed one carries the request's CreateDisposition with 3 and 4 exchanged.
 std::string op_word(uint8_t op) {
     return std::string(op_text(op));
 }
