@@ -8,3 +8,13 @@
 CV_EXPORT void *corvaneexp_malloc_noexit(size_t size, int aligned);
 CV_EXPORT void *corvaneexp_malloc(size_t size, int aligned);
 CV_EXPORT void *corvaneexp_realloc(void *ptr, size_t size);
+
+#ifdef __cplusplus
+namespace cv::alloc {
+
+// An allocation left as the system allocator hands it out (not zeroed), for callers that
+// write every byte themselves; exhaustion is logged and fatal as for corvaneexp_malloc.
+void *allocate_uninitialised(size_t size);
+
+}  // namespace cv::alloc
+#endif
