@@ -28,6 +28,7 @@
 #include <concepts>
 
 #include "crc.h"
+#include "crc_fixed.h"
 #include "utils_alloc.h"
 
 namespace smb {
@@ -92,8 +93,7 @@ struct HashTable {
         if constexpr (requires { key.hash(); }) {
             return key.hash();
         } else {
-            const auto bytes = key.packed();
-            return corvaneexp_crc32c(bytes.data(), bytes.size(), 0);
+            return cv::crc::crc32c_fixed(key.packed(), 0);
         }
     }
 
