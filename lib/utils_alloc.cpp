@@ -63,6 +63,17 @@ void *cv::alloc::allocate_uninitialised(size_t size) {
     return p;
 }
 
+void *cv::alloc::allocate_zeroed(size_t size) {
+    void *p = calloc(1, size);
+    if (!p) {
+        CV_LOG(CVLOG_WARN, "Unable to malloc: %lu KiB", (unsigned long)(size / 1024));
+        CvLog_BackTrace(kBackTraceDepth);
+        CV_LOG(CVLOG_ERROR, "corvaneexp_malloc() failed");
+        exit(-666);
+    }
+    return p;
+}
+
 void *corvaneexp_realloc(void *ptr, size_t size) {
     void *p = cv::alloc::system_allocator().realloc(ptr, size);
     if (!p) {

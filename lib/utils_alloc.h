@@ -16,5 +16,10 @@ namespace cv::alloc {
 // write every byte themselves; exhaustion is logged and fatal as for corvaneexp_malloc.
 void *allocate_uninitialised(size_t size);
 
+// A zeroed allocation from calloc, which takes large blocks from fresh pages that the kernel
+// zeroes only when they are first touched: a big, sparsely used array costs no memset. No
+// alignment beyond the C library's. Exhaustion is logged and fatal as for corvaneexp_malloc.
+void *allocate_zeroed(size_t size);
+
 }  // namespace cv::alloc
 #endif
