@@ -24,8 +24,10 @@
 #include <stdlib.h>
 
 #include <array>
+#include <bit>
 #include <cmath>
 #include <concepts>
+#include <cstring>
 
 #include "crc.h"
 #include "crc_fixed.h"
@@ -51,6 +53,12 @@ constexpr std::array<uint8_t, (sizeof(Field) + ... + 0)> pack_le(Field... fields
     std::array<uint8_t, (sizeof(Field) + ... + 0)> out{};
     size_t pos = 0;
     auto put = [&](auto value) {
+        // Every lookup packs its key: on a little-endian machine each field is one store.
+        if (!std::is_constant_evaluated() && std::endian::native == std::endian::little) {
+            std::memcpy(out.data() + pos, &value, sizeof value);
+            pos += sizeof value;
+            return;
+        }
         for (size_t i = 0; i < sizeof(value); ++i)
             out[pos++] = uint8_t(value >> (8 * i));
     };
