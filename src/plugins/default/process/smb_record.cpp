@@ -4,6 +4,8 @@
 #include <pthread.h>
 #include <stdlib.h>
 
+#include <atomic>
+
 #include "../../../../lib/utils_alloc.h"
 #include "smb.h"
 #include "smb_activity.h"
@@ -44,6 +46,7 @@ __attribute__((tls_model("initial-exec"))) thread_local bool retired;
 
 pthread_key_t exit_key;
 pthread_once_t exit_key_once = PTHREAD_ONCE_INIT;
+std::atomic<bool> exit_key_made{false};
 
 void release_stacks(void *p) {
     auto *s = static_cast<Stacks *>(p);
@@ -58,7 +61,9 @@ void release_stacks(void *p) {
 // Null when caching is off or the thread is ending.
 [[gnu::noinline]] Stacks *attach_stacks() {
     if (kDepth == 0 || retired) return nullptr;
-    pthread_once(&exit_key_once, [] { pthread_key_create(&exit_key, release_stacks); });
+    pthread_once(&exit_key_once,
+                 [] { exit_key_made = pthread_key_create(&exit_key, release_stacks) == 0; });
+    if (!exit_key_made.load(std::memory_order_acquire)) return nullptr;
     auto *s = static_cast<Stacks *>(calloc(1, sizeof(Stacks)));
     if (!s) return nullptr;
     if (pthread_setspecific(exit_key, s) != 0) {
@@ -67,6 +72,15 @@ void release_stacks(void *p) {
     }
     thread_stacks = s;
     return s;
+}
+
+// When the module is unloaded (or the process ends), threads that end later must not call
+// into it: the key goes, and with it the release of their stacks (a bounded leak for each
+// thread still running then), and threads without stacks get none from now on. The calling
+// thread's stacks are released here.
+[[gnu::destructor]] void forget_threads() {
+    if (exit_key_made.exchange(false)) pthread_key_delete(exit_key);
+    if (thread_stacks) release_stacks(thread_stacks);
 }
 
 inline Stacks *stacks() {
