@@ -15,3 +15,30 @@ CV_EXPORT uint64_t corvaneexp_crc64(const void *data, int32_t length, uint64_t s
 
 // Four 256-entry tables: reflected CRC-64/ECMA-182 (the CRC-64/XZ table) and its slices.
 CV_EXPORT_DATA const uint64_t corvaneexp_crc64_table[4][256];
+
+#ifdef __cplusplus
+namespace cv::crc {
+
+// The two steps of corvaneexp_crc64, for callers that fold fixed groups of integers without
+// laying them out as bytes first. A call over n bytes is ((n - 1) / 4) word steps over the
+// little-endian words from the start, then a byte step for each byte left (1 to 4).
+inline uint64_t crc64_word_step(uint64_t c, uint32_t word) {
+    const auto &t = corvaneexp_crc64_table;
+    const uint32_t x = word ^ static_cast<uint32_t>(c);
+    return (c << 32) ^ t[3][x & 0xff] ^ t[2][(x >> 8) & 0xff] ^ t[1][(x >> 16) & 0xff] ^
+           t[0][x >> 24];
+}
+
+inline uint64_t crc64_byte_step(uint64_t c, uint8_t byte) {
+    return (c << 8) ^ corvaneexp_crc64_table[0][(byte ^ (c >> 56)) & 0xff];
+}
+
+// Four byte steps over a word's little-endian bytes: how every call ends.
+inline uint64_t crc64_tail_bytes(uint64_t c, uint32_t word) {
+    for (int i = 0; i < 4; ++i)
+        c = crc64_byte_step(c, static_cast<uint8_t>(word >> (8 * i)));
+    return c;
+}
+
+}  // namespace cv::crc
+#endif

@@ -51,6 +51,29 @@ void *corvaneexp_malloc(size_t size, int aligned) {
     return p;
 }
 
+void *cv::alloc::allocate_uninitialised(size_t size) {
+    void *p = system_allocator().malloc(size);
+    if (!p) {
+        // The same messages and exit status as an exhausted corvaneexp_malloc.
+        CV_LOG(CVLOG_WARN, "Unable to malloc: %lu KiB", (unsigned long)(size / 1024));
+        CvLog_BackTrace(kBackTraceDepth);
+        CV_LOG(CVLOG_ERROR, "corvaneexp_malloc() failed");
+        exit(-666);
+    }
+    return p;
+}
+
+void *cv::alloc::allocate_zeroed(size_t size) {
+    void *p = calloc(1, size);
+    if (!p) {
+        CV_LOG(CVLOG_WARN, "Unable to malloc: %lu KiB", (unsigned long)(size / 1024));
+        CvLog_BackTrace(kBackTraceDepth);
+        CV_LOG(CVLOG_ERROR, "corvaneexp_malloc() failed");
+        exit(-666);
+    }
+    return p;
+}
+
 void *corvaneexp_realloc(void *ptr, size_t size) {
     void *p = cv::alloc::system_allocator().realloc(ptr, size);
     if (!p) {

@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "crc.h"
+#include "crc_fixed.h"
 #include "crc_paths.h"
 #include "cv_log.h"
 
@@ -107,6 +110,54 @@ TEST(Crc64, SplitIntoTwoCallsGivesAnotherValue) {
     auto d = digits();
     uint64_t first = corvaneexp_crc64(d.data(), 5, 0);
     EXPECT_EQ(corvaneexp_crc64(d.data() + 5, 4, first), 0x48C332F21DEC618Cull);
+}
+
+// The inline forms that fold integers must give what the general functions give over the same
+// little-endian bytes, for every key length the tables use and across the hash's word/byte split.
+template <size_t N>
+void expect_fixed_matches(const uint8_t *pattern) {
+    std::array<uint8_t, N> key;
+    std::memcpy(key.data(), pattern, N);
+    for (uint32_t seed : {0u, 0xFFFFFFFFu, 0x9E3779B9u})
+        EXPECT_EQ(cv::crc::crc32c_fixed(key, seed), corvaneexp_crc32c(key.data(), N, seed))
+            << "length " << N << " seed " << seed;
+}
+
+TEST(Crc32cFixed, EveryKeyLengthMatchesTheGeneralFunction) {
+    uint8_t pattern[24];
+    for (size_t i = 0; i < sizeof pattern; ++i)
+        pattern[i] = uint8_t(0xF1 - 37 * i);
+    [&]<size_t... N>(std::index_sequence<N...>) {
+        (expect_fixed_matches<N + 1>(pattern), ...);
+    }
+    (std::make_index_sequence<sizeof pattern>{});
+}
+
+TEST(Crc64Steps, IntegerFoldsMatchTheByteFunction) {
+    const struct {
+        uint64_t seed;
+        uint32_t word;
+        uint64_t wide;
+    } cases[] = {{0, 0, 0},
+                 {~0ull, 0xFFFFFFFFu, ~0ull},
+                 {0xC0FFA656E4ABEF82ull, 0x00000001u, 0x8000000000000001ull},
+                 {0x1234, 0xA1B2C3D4u, 0x0102030405060708ull}};
+    for (const auto &c : cases) {
+        uint8_t bytes[12];
+        for (int i = 0; i < 4; ++i)
+            bytes[i] = uint8_t(c.word >> (8 * i));
+        for (int i = 0; i < 8; ++i)
+            bytes[4 + i] = uint8_t(c.wide >> (8 * i));
+        // Four bytes: byte steps only. Eight: one word step, then bytes. Twelve: two, then bytes.
+        EXPECT_EQ(cv::crc::crc64_tail_bytes(c.seed, c.word), corvaneexp_crc64(bytes, 4, c.seed));
+        uint64_t eight = cv::crc::crc64_word_step(c.seed, uint32_t(c.wide));
+        eight = cv::crc::crc64_tail_bytes(eight, uint32_t(c.wide >> 32));
+        EXPECT_EQ(eight, corvaneexp_crc64(bytes + 4, 8, c.seed));
+        uint64_t twelve = cv::crc::crc64_word_step(c.seed, c.word);
+        twelve = cv::crc::crc64_word_step(twelve, uint32_t(c.wide));
+        twelve = cv::crc::crc64_tail_bytes(twelve, uint32_t(c.wide >> 32));
+        EXPECT_EQ(twelve, corvaneexp_crc64(bytes, 12, c.seed));
+    }
 }
 
 }  // namespace

@@ -170,6 +170,11 @@ CV_EXTERN_C smb_flow_data *smb_record_new_with_activity(void);
 CV_EXTERN_C smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src);
 // Frees what the record owns (names, counters), not the record itself.
 CV_EXTERN_C void smb_record_release(smb_flow_data *rec);
+// A name buffer of SMB_NAME_SIZE bytes, not initialised: the caller writes all of it. Such a
+// buffer may also be released with free().
+CV_EXTERN_C char *smb_name_new(void);
+// Frees a name buffer (null is ignored).
+CV_EXTERN_C void smb_name_free(char *name);
 
 // Lifecycle hooks.
 CV_EXPORT void *process_smb_init(uint32_t plugin_id, const char *params, void *host,

@@ -6,7 +6,6 @@
 #include "smb.h"
 #include "smb_activity.h"
 #include "smb_parser.h"
-#include "utils_alloc.h"
 
 namespace {
 
@@ -47,12 +46,10 @@ struct Plain {
         const bool keep = keeps_record(smb_parse_packet(pkt, &local, q, payload));
         if (keep) {
             // The heap record takes over the names that the parser may have attached.
-            auto *rec = static_cast<smb_flow_data *>(corvaneexp_malloc(sizeof local, 0));
-            memcpy(rec, &local, sizeof local);
-            *slot = rec;
+            *slot = smb_record_move_to_heap(&local);
         } else {
-            free(local.file_name);
-            free(local.tree_name);
+            smb_name_free(local.file_name);
+            smb_name_free(local.tree_name);
         }
         return keep;
     }

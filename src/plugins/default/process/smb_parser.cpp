@@ -54,9 +54,8 @@ int32_t parse_smb1(const Packet &p) {
     p.rec->version = SMB_VERSION_1;
     p.rec->commands[0] = p.payload.u8(kSmb1CommandOffset);
     count_smb1(p.pkt, p.rec, p.q, p.payload.u8(kSmb1FlagsOffset) & kSmb1FlagsReply ? 1 : 0);
-    uint8_t word[4];
-    put_le(word, p.rec->commands[0]);
-    p.pkt->flow_hash = corvaneexp_crc64(word, sizeof word, p.pkt->flow_hash);
+    // corvaneexp_crc64 over the command word's four little-endian bytes.
+    p.pkt->flow_hash = cv::crc::crc64_tail_bytes(p.pkt->flow_hash, p.rec->commands[0]);
     return SMB_PARSE_OK;
 }
 

@@ -3,7 +3,6 @@
 // the queue's message table until the response moves it into the shared tree or file table.
 #include <cstring>
 
-#include "../../../../lib/utils_alloc.h"
 #include "smb_parser_internal.h"
 
 namespace smb::parser {
@@ -122,8 +121,7 @@ int32_t create_failure(const CommandContext &ctx) {
         ctx.q->messagetable, ctx.key.addr, ctx.key.port, rec->message_id, &request_op,
         ctx.state->async ? &rec->tree_id : nullptr, &chain_commands, nullptr);
     if (name && !name_is_empty(name)) {
-        if (rec->file_name == nullptr)
-            rec->file_name = static_cast<char *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
+        if (rec->file_name == nullptr) rec->file_name = smb_name_new();
         std::memcpy(rec->file_name, name, SMB_NAME_SIZE);
     }
     rec->op = failure_op(request_op, rec->op);

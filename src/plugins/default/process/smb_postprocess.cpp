@@ -14,7 +14,6 @@
 #include "smb_parser.h"
 #include "smb_tree_table.h"
 #include "smb_who.h"
-#include "utils_alloc.h"
 
 namespace {
 
@@ -37,7 +36,7 @@ bool names_something(const uint8_t *name) {
 }
 
 char *copy_name(const uint8_t *name) {
-    auto *copy = static_cast<char *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
+    char *copy = smb_name_new();
     memcpy(copy, name, SMB_NAME_SIZE);
     return copy;
 }

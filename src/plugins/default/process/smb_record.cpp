@@ -1,6 +1,10 @@
-// Fresh record, deep copy and free of the per-packet and per-flow SMB record.
+// Fresh record, deep copy and free of the per-packet and per-flow SMB record, and the
+// per-thread reuse of their memory.
 #include <string.h>
+#include <pthread.h>
 #include <stdlib.h>
+
+#include <atomic>
 
 #include "../../../../lib/utils_alloc.h"
 #include "smb.h"
@@ -11,30 +15,136 @@ const uint32_t smb_cmd_invalid = SMB_CMD_INVALID;
 const uint8_t smb_type_invalid = SMB_TYPE_INVALID;
 const uint8_t smb_op_invalid = SMB_OP_INVALID;
 
+namespace {
+
+// Every parsed packet makes a record and almost every one is freed a moment later, when the
+// update hook has merged it into its flow's record; names come and go with the exported
+// records. A few freed blocks of each size stay with the thread that freed them and serve its
+// next allocation of that size without the allocator. The stacks are per thread because the
+// hooks of a queue and the export run on different threads, and bounded because one thread
+// may free far more than it allocates (the export frees the records the queues made).
+enum Kind { kPlainRecord, kBlockRecord, kName, kKinds };
+constexpr size_t kSizes[kKinds] = {sizeof(smb_flow_data), sizeof(smb_record_block), SMB_NAME_SIZE};
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kDepth = 0;  // every block goes back at once, so that a use after free is seen
+#else
+constexpr int kDepth = 32;
+#endif
+
+struct Stacks {
+    void *items[kKinds][kDepth > 0 ? kDepth : 1];
+    int count[kKinds];
+};
+
+// The thread's stacks, made on its first allocation or free of a record. Only the pointer is
+// thread-local, and in the initial-exec model (eight bytes of the static TLS that the C
+// library keeps for modules loaded later), so that reaching it is a load rather than a call
+// into the dynamic linker. `retired` is set once the thread's stacks were released at its end:
+// blocks freed after that go straight back to the allocator.
+__attribute__((tls_model("initial-exec"))) thread_local Stacks *thread_stacks;
+__attribute__((tls_model("initial-exec"))) thread_local bool retired;
+
+pthread_key_t exit_key;
+pthread_once_t exit_key_once = PTHREAD_ONCE_INIT;
+std::atomic<bool> exit_key_made{false};
+
+void release_stacks(void *p) {
+    auto *s = static_cast<Stacks *>(p);
+    for (int k = 0; k < kKinds; ++k)
+        while (s->count[k] > 0)
+            free(s->items[k][--s->count[k]]);
+    free(s);
+    thread_stacks = nullptr;
+    retired = true;
+}
+
+// Null when caching is off or the thread is ending.
+[[gnu::noinline]] Stacks *attach_stacks() {
+    if (kDepth == 0 || retired) return nullptr;
+    pthread_once(&exit_key_once,
+                 [] { exit_key_made = pthread_key_create(&exit_key, release_stacks) == 0; });
+    if (!exit_key_made.load(std::memory_order_acquire)) return nullptr;
+    auto *s = static_cast<Stacks *>(calloc(1, sizeof(Stacks)));
+    if (!s) return nullptr;
+    if (pthread_setspecific(exit_key, s) != 0) {
+        free(s);
+        return nullptr;
+    }
+    thread_stacks = s;
+    return s;
+}
+
+// When the module is unloaded (or the process ends), threads that end later must not call
+// into it: the key goes, and with it the release of their stacks (a bounded leak for each
+// thread still running then), and threads without stacks get none from now on. The calling
+// thread's stacks are released here.
+[[gnu::destructor]] void forget_threads() {
+    if (exit_key_made.exchange(false)) pthread_key_delete(exit_key);
+    if (thread_stacks) release_stacks(thread_stacks);
+}
+
+inline Stacks *stacks() {
+    Stacks *s = thread_stacks;
+    return s ? s : attach_stacks();
+}
+
+// Uninitialised memory of the kind's size.
+void *take(Kind kind) {
+    Stacks *s = stacks();
+    if (s && s->count[kind] > 0) return s->items[kind][--s->count[kind]];
+    return cv::alloc::allocate_uninitialised(kSizes[kind]);
+}
+
+void give_back(Kind kind, void *p) {
+    if (!p) return;
+    Stacks *s = stacks();
+    if (s && s->count[kind] < kDepth) {
+        s->items[kind][s->count[kind]++] = p;
+        return;
+    }
+    free(p);
+}
+
+}  // namespace
+
+char *smb_name_new(void) {
+    return static_cast<char *>(take(kName));
+}
+
+void smb_name_free(char *name) {
+    give_back(kName, name);
+}
+
 void smb_record_init(smb_flow_data *rec) {
-    memset(rec, 0, sizeof *rec);
-    rec->is_response = 0xff;
-    rec->commands[0] = SMB_CMD_INVALID;
-    rec->commands[1] = SMB_CMD_INVALID;
-    rec->op = SMB_OP_INVALID;
+    // One copy of a constant rather than a memset and four stores: this runs for every packet.
+    static constexpr smb_flow_data kFresh = [] {
+        smb_flow_data r{};
+        r.is_response = 0xff;
+        r.commands[0] = SMB_CMD_INVALID;
+        r.commands[1] = SMB_CMD_INVALID;
+        r.op = SMB_OP_INVALID;
+        return r;
+    }();
+    *rec = kFresh;
 }
 
 smb_flow_data *smb_record_new(void) {
-    auto *rec = static_cast<smb_flow_data *>(corvaneexp_malloc(sizeof(smb_flow_data), 0));
+    auto *rec = static_cast<smb_flow_data *>(take(kPlainRecord));
     smb_record_init(rec);
     return rec;
 }
 
 static char *copy_name(const char *name) {
     if (!name) return nullptr;
-    auto *copy = static_cast<char *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
+    char *copy = smb_name_new();
     memcpy(copy, name, SMB_NAME_SIZE);
     return copy;
 }
 
 smb_flow_data *smb_record_new_with_activity(void) {
-    auto *block = static_cast<smb_record_block *>(corvaneexp_malloc(sizeof(smb_record_block), 0));
+    auto *block = static_cast<smb_record_block *>(take(kBlockRecord));
     smb_record_init(&block->rec);
+    block->activity = smb_activity{};
     block->rec.activity = &block->activity;
     return &block->rec;
 }
@@ -43,11 +153,11 @@ smb_flow_data *smb_record_new_with_activity(void) {
 // stay inline.
 smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src) {
     if (!src->activity) {
-        auto *rec = static_cast<smb_flow_data *>(corvaneexp_malloc(sizeof(smb_flow_data), 0));
+        auto *rec = static_cast<smb_flow_data *>(take(kPlainRecord));
         *rec = *src;
         return rec;
     }
-    auto *block = static_cast<smb_record_block *>(corvaneexp_malloc(sizeof(smb_record_block), 0));
+    auto *block = static_cast<smb_record_block *>(take(kBlockRecord));
     block->rec = *src;
     block->activity = *src->activity;
     if (!smb_activity_is_inline(src)) free(src->activity);
@@ -58,12 +168,13 @@ smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src) {
 smb_flow_data *smb_record_copy(const smb_flow_data *src) {
     smb_flow_data *rec;
     if (src->activity) {
-        rec = smb_record_new_with_activity();
-        *rec = *src;
-        rec->activity = &reinterpret_cast<smb_record_block *>(rec)->activity;
-        smb_activity_copy_into(rec->activity, *src->activity);
+        auto *block = static_cast<smb_record_block *>(take(kBlockRecord));
+        block->rec = *src;
+        block->rec.activity = &block->activity;
+        smb_activity_copy_into(&block->activity, *src->activity);
+        rec = &block->rec;
     } else {
-        rec = static_cast<smb_flow_data *>(corvaneexp_malloc(sizeof(smb_flow_data), 0));
+        rec = static_cast<smb_flow_data *>(take(kPlainRecord));
         *rec = *src;
     }
     rec->file_name = copy_name(src->file_name);
@@ -76,8 +187,8 @@ namespace {
 
 // What a record owns. Inline counters own nothing but a rename target, mostly null.
 inline void release_owned(smb_flow_data *rec) {
-    free(rec->file_name);
-    free(rec->tree_name);
+    smb_name_free(rec->file_name);
+    smb_name_free(rec->tree_name);
     if (smb_activity *a = rec->activity; a && (a->rename_to || !smb_activity_is_inline(rec)))
         smb_activity_drop(rec);
     smb_who_free(rec->who);
@@ -96,7 +207,9 @@ void smb_record_release(smb_flow_data *rec) {
 void smb_record_free(host_slot *slot) {
     auto *rec = static_cast<smb_flow_data *>(*slot);
     if (!rec) return;
+    // Decided before the release: a separate block of counters is dropped with it.
+    const Kind kind = rec->activity && smb_activity_is_inline(rec) ? kBlockRecord : kPlainRecord;
     release_owned(rec);
-    free(rec);
+    give_back(kind, rec);
     *slot = nullptr;
 }

@@ -24,10 +24,13 @@
 #include <stdlib.h>
 
 #include <array>
+#include <bit>
 #include <cmath>
 #include <concepts>
+#include <cstring>
 
 #include "crc.h"
+#include "crc_fixed.h"
 #include "utils_alloc.h"
 
 namespace smb {
@@ -50,6 +53,12 @@ constexpr std::array<uint8_t, (sizeof(Field) + ... + 0)> pack_le(Field... fields
     std::array<uint8_t, (sizeof(Field) + ... + 0)> out{};
     size_t pos = 0;
     auto put = [&](auto value) {
+        // Every lookup packs its key: on a little-endian machine each field is one store.
+        if (!std::is_constant_evaluated() && std::endian::native == std::endian::little) {
+            std::memcpy(out.data() + pos, &value, sizeof value);
+            pos += sizeof value;
+            return;
+        }
         for (size_t i = 0; i < sizeof(value); ++i)
             out[pos++] = uint8_t(value >> (8 * i));
     };
@@ -92,8 +101,7 @@ struct HashTable {
         if constexpr (requires { key.hash(); }) {
             return key.hash();
         } else {
-            const auto bytes = key.packed();
-            return corvaneexp_crc32c(bytes.data(), bytes.size(), 0);
+            return cv::crc::crc32c_fixed(key.packed(), 0);
         }
     }
 
@@ -144,15 +152,27 @@ struct HashTable {
         // 2^31 slots overflow the signed size: ask for an impossible array so that the
         // allocator ends the process as on any exhausted allocation.
         const size_t bytes = count > INT32_MAX ? SIZE_MAX / 2 : size_t(count) * sizeof(Record *);
-        slots = static_cast<Record **>(corvaneexp_malloc(bytes, 1));
+        // Zeroed by calloc: a big table's pages stay untouched until keys land on them.
+        slots = static_cast<Record **>(cv::alloc::allocate_zeroed(bytes));
         size = static_cast<int32_t>(count);
         mask = size - 1;
     }
 
     void free_slots() {
         if (!slots) return;
-        for (int32_t i = 0; i < size; ++i)
-            destroy(slots[i]);
+        // Eight slots at a time (the count is a power of two of at least 1024): most groups
+        // of a big table are empty, and one test of their OR skips them.
+        for (int32_t i = 0; i < size; i += 8) {
+            Record *const *g = slots + i;
+            const uintptr_t any =
+                reinterpret_cast<uintptr_t>(g[0]) | reinterpret_cast<uintptr_t>(g[1]) |
+                reinterpret_cast<uintptr_t>(g[2]) | reinterpret_cast<uintptr_t>(g[3]) |
+                reinterpret_cast<uintptr_t>(g[4]) | reinterpret_cast<uintptr_t>(g[5]) |
+                reinterpret_cast<uintptr_t>(g[6]) | reinterpret_cast<uintptr_t>(g[7]);
+            if (any == 0) continue;
+            for (int32_t j = 0; j < 8; ++j)
+                destroy(slots[i + j]);
+        }
         free(slots);
         slots = nullptr;
     }
