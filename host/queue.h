@@ -24,8 +24,8 @@ struct QueueConfig {
 
 enum class ExportReason : uint8_t { Inactive, Active, End };
 
-// A flow record on its way to export, with the plug-ins' records in its slots (copies made by
-// their release hooks). Whoever holds it owns those records.
+// A flow record on its way to export, with the plug-ins' records in its slots (moved out of
+// the flow cache). Whoever holds it owns those records.
 struct FlowHandoff {
     host_flow_record rec{};
     std::array<host_slot, kMaxPlugins> slots{};
