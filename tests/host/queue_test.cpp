@@ -213,6 +213,31 @@ TEST_F(FakeHostTest, AFreedFlowEntryTakenByAnotherConnectionIsNotFoundAgain) {
               (std::vector<std::pair<uint16_t, uint64_t>>{{50000, 15}, {50001, 2}, {50000, 1}}));
 }
 
+// Connections interleaved packet by packet each keep the direction their first packet set,
+// also once their idle entries were dropped and taken again by other connections.
+TEST_F(FakeHostTest, InterleavedConnectionsKeepTheirOwnDirection) {
+    struct Step {
+        bool from_client;
+        uint64_t at_s;
+        uint16_t client_port;
+    };
+    const Step steps[] = {{true, 0, 50000},   {false, 1, 50001}, {true, 2, 50001},
+                          {false, 3, 50000},  {true, 4, 50000},  // idle from here: both go
+                          {false, 41, 50002}, {true, 42, 50002}, {true, 43, 50000}};
+    for (const Step &s : steps) {
+        if (s.at_s == 41) queue->advance(kT0 + 40 * kSecond);
+        send(s.from_client, kT0 + s.at_s * kSecond, "x", s.client_port);
+    }
+    queue->flush();
+    std::vector<std::tuple<uint16_t, uint64_t, uint64_t>> got;
+    for (const auto &h : handed)
+        got.emplace_back(h.rec.src_port, h.rec.dir_counters[0].packets,
+                         h.rec.dir_counters[1].packets);
+    EXPECT_EQ(got, (std::vector<std::tuple<uint16_t, uint64_t, uint64_t>>{
+                       {50000, 2, 1}, {445, 1, 1}, {445, 1, 1}, {50000, 1, 0}}));
+    EXPECT_EQ(stats().bad_direction, 0u);
+}
+
 TEST_F(FakeHostTest, TimeoutsPastTheEndOfTimeNeverEndAFlow) {
     queue.reset();
     host->shutdown();
