@@ -46,9 +46,49 @@ struct FlowKey {
     bool operator==(const FlowKey &) const = default;
 };
 
+namespace detail {
+
+inline std::array<uint8_t, 16> addr_bytes(const host_addr &addr, uint8_t ip_version) {
+    std::array<uint8_t, 16> out{};
+    if (ip_version == 4)
+        memcpy(out.data(), &addr.v4, 4);
+    else
+        memcpy(out.data(), addr.v6, 16);
+    return out;
+}
+
+inline uint64_t load_be64(const uint8_t *p) {
+    uint64_t v;
+    memcpy(&v, p, 8);
+    return __builtin_bswap64(v);
+}
+
+// memcmp's order of two addresses (as big-endian numbers), without calling it.
+inline int compare_addr(const std::array<uint8_t, 16> &x, const std::array<uint8_t, 16> &y) {
+    const uint64_t x0 = load_be64(x.data()), y0 = load_be64(y.data());
+    if (x0 != y0) return x0 < y0 ? -1 : 1;
+    const uint64_t x1 = load_be64(x.data() + 8), y1 = load_be64(y.data() + 8);
+    return x1 < y1 ? -1 : x1 > y1 ? 1 : 0;
+}
+
+}  // namespace detail
+
 // The packet's connection key without its digest; `from_a` tells whether the packet's source
-// is endpoint a.
-ConnKey oriented_key(const host_packet &pkt, bool &from_a);
+// is endpoint a. Inline: every packet makes one.
+inline ConnKey oriented_key(const host_packet &pkt, bool &from_a) {
+    ConnKey key;
+    key.ip_version = pkt.ip_version;
+    key.protocol = pkt.protocol;
+    const auto src = detail::addr_bytes(pkt.src_addr, pkt.ip_version);
+    const auto dst = detail::addr_bytes(pkt.dst_addr, pkt.ip_version);
+    const int cmp = detail::compare_addr(src, dst);
+    from_a = cmp < 0 || (cmp == 0 && pkt.src_port <= pkt.dst_port);
+    key.addr_a = from_a ? src : dst;
+    key.addr_b = from_a ? dst : src;
+    key.port_a = from_a ? pkt.src_port : pkt.dst_port;
+    key.port_b = from_a ? pkt.dst_port : pkt.src_port;
+    return key;
+}
 
 // The same with its digest.
 ConnKey conn_key_of(const host_packet &pkt, bool &from_a);

@@ -27,7 +27,8 @@ bool is_vlan(uint16_t type) {
 
 // Skips VLAN tags behind an ethertype at `type_at`; returns the offset of the network header
 // and its ethertype, or 0 when the tags run past the captured bytes.
-size_t skip_vlans(const uint8_t *frame, size_t caplen, size_t type_at, uint16_t &type) {
+[[gnu::always_inline]] inline size_t skip_vlans(const uint8_t *frame, size_t caplen, size_t type_at,
+                                                uint16_t &type) {
     type = be16(frame + type_at);
     size_t off = type_at + 2;
     while (is_vlan(type)) {
@@ -110,7 +111,8 @@ bool has_ports(uint8_t protocol) {
 }
 
 // Reads the transport header at `l4` within the `len` bytes of the datagram at `ip`.
-void decode_transport(const uint8_t *ip, size_t len, size_t l4, DecodedPacket &out) {
+[[gnu::always_inline]] inline void decode_transport(const uint8_t *ip, size_t len, size_t l4,
+                                                    DecodedPacket &out) {
     host_packet &pkt = out.pkt;
     pkt.payload_offset = static_cast<uint16_t>(std::min(l4, len));
     if (!has_ports(pkt.protocol) || l4 + 4 > len) {
@@ -141,7 +143,8 @@ void decode_transport(const uint8_t *ip, size_t len, size_t l4, DecodedPacket &o
 
 // The descriptor covers the datagram as far as it was captured, its IP header claiming
 // `total` bytes; the flow counts `total`. Returns the descriptor's length.
-size_t set_datagram(DecodedPacket &out, const uint8_t *ip, size_t total, size_t avail) {
+[[gnu::always_inline]] inline size_t set_datagram(DecodedPacket &out, const uint8_t *ip,
+                                                  size_t total, size_t avail) {
     out.ip_bytes = total;
     size_t len = std::min(total, avail);
     if (len > kMaxDescriptorLength) {

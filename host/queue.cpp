@@ -83,7 +83,15 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     // record is known; after the filter hooks the flow record's own first packet decides.
     bool from_a;
     ConnKey ck = oriented_key(pkt, from_a);
-    auto [conn_entry, conn_new] = conns_.try_emplace(ck);
+    // Packets come in runs of one connection (a request, its response, their ACKs): the last
+    // packet's entry is checked before the table is asked. Entries never move; one that was
+    // erased and taken again has another key, which the comparison catches.
+    ConnEntry *conn_entry = last_conn_;
+    bool conn_new = false;
+    if (!conn_entry || !(conn_entry->first == ck)) {
+        std::tie(conn_entry, conn_new) = conns_.try_emplace(ck);
+        last_conn_ = conn_entry;
+    }
     Conn &conn = conn_entry->second;
     if (conn_new) conn.digest = conn_hash(ck);
     ck.digest = conn.digest;
@@ -163,15 +171,13 @@ void Queue::hand_off(const FlowKey &key, Flow &flow, ExportReason reason) {
     out.rec = flow.rec;
     out.flow_hash = key.hash;
     out.reason = reason;
+    // The flow leaves the cache here, so its records move with it rather than through the
+    // plug-ins' release hooks: a release copy would be made only for the flow's own record to
+    // be freed right after, one allocation, one copy of the record and its names and as many
+    // frees per exported flow. The slot is left empty so that the cache never frees it.
     for (size_t i = 0; i < host_.plugin_count(); ++i) {
-        const QueueHooks &h = hooks_[i];
-        if (h.release) {
-            h.release(h.release_ctx, nullptr, &flow.slots[i], nullptr, &out.slots[i], 1);
-            host_.plugin(i).free_slot(&flow.slots[i]);
-        } else {
-            out.slots[i] = flow.slots[i];
-            flow.slots[i] = nullptr;
-        }
+        out.slots[i] = flow.slots[i];
+        flow.slots[i] = nullptr;
     }
     ++stats_.flows_exported;
     sink_(std::move(out));
@@ -187,11 +193,15 @@ void Queue::advance(uint64_t now_ns) {
 }
 
 // The victims are out of the timeout heap already.
-void Queue::export_sorted(std::vector<FlowEntry *> &victims, uint64_t now_ns, bool end) {
-    std::sort(victims.begin(), victims.end(), [](const FlowEntry *x, const FlowEntry *y) {
-        return export_before({&x->first, &x->second.rec}, {&y->first, &y->second.rec});
+void Queue::export_sorted(uint64_t now_ns, bool end) {
+    // Start times mostly differ: they decide without a look at the entries.
+    std::sort(victims_.begin(), victims_.end(), [](const Victim &x, const Victim &y) {
+        if (x.first_ns != y.first_ns) return x.first_ns < y.first_ns;
+        return export_before({&x.entry->first, &x.entry->second.rec},
+                             {&y.entry->first, &y.entry->second.rec});
     });
-    for (FlowEntry *it : victims) {
+    for (const Victim &v : victims_) {
+        FlowEntry *it = v.entry;
         ExportReason reason = ExportReason::End;
         if (!end)
             reason = now_ns - it->second.rec.last_ns >= config_.inactive_timeout_ns
@@ -200,26 +210,26 @@ void Queue::export_sorted(std::vector<FlowEntry *> &victims, uint64_t now_ns, bo
         hand_off(it->first, it->second, reason);
         flows_.erase(it);
     }
+    victims_.clear();
 }
 
 void Queue::sweep(uint64_t now_ns) {
-    std::vector<FlowEntry *> victims;
     while (!timeouts_.empty() && timeouts_.top_due() <= now_ns) {
         FlowEntry *entry = timeouts_.top();
         if (timed_out(entry->second, now_ns)) {
             timeouts_.remove(entry);
-            victims.push_back(entry);
+            victims_.push_back({entry->second.rec.first_ns, entry});
         } else {
             // Due but not timed out: later packets moved the timeout on (or, with a zero
             // timeout, the last packet is stamped with the current time: look again later).
             timeouts_.refile_top(std::max(deadline(entry->second), now_ns + 1));
         }
     }
-    export_sorted(victims, now_ns, false);
+    export_sorted(now_ns, false);
     // A connection entry only remembers which way its first packet went, and process()
     // ignores an expired one; dropping them is for memory and need not be done every sweep.
     if (now_ns >= next_conn_sweep_ns_) {
-        std::vector<decltype(conns_)::Entry *> idle;
+        std::vector<ConnEntry *> idle;
         conns_.for_each([&](auto &entry) {
             if (now_ns > entry.second.last_ns &&
                 now_ns - entry.second.last_ns >= config_.inactive_timeout_ns)
@@ -227,6 +237,7 @@ void Queue::sweep(uint64_t now_ns) {
         });
         for (auto *entry : idle)
             conns_.erase(entry);
+        last_conn_ = nullptr;
         next_conn_sweep_ns_ =
             now_ns + std::max(config_.sweep_interval_ns, config_.inactive_timeout_ns / 4);
     }
@@ -234,10 +245,10 @@ void Queue::sweep(uint64_t now_ns) {
 
 void Queue::flush() {
     timeouts_.clear();
-    std::vector<FlowEntry *> victims;
-    flows_.for_each([&](FlowEntry &e) { victims.push_back(&e); });
-    export_sorted(victims, clock_ns_, true);
+    flows_.for_each([&](FlowEntry &e) { victims_.push_back({e.second.rec.first_ns, &e}); });
+    export_sorted(clock_ns_, true);
     conns_.clear();
+    last_conn_ = nullptr;
 }
 
 }  // namespace corvane_host

@@ -24,8 +24,8 @@ struct QueueConfig {
 
 enum class ExportReason : uint8_t { Inactive, Active, End };
 
-// A flow record on its way to export, with the plug-ins' records in its slots (copies made by
-// their release hooks). Whoever holds it owns those records.
+// A flow record on its way to export, with the plug-ins' records in its slots (moved out of
+// the flow cache). Whoever holds it owns those records.
 struct FlowHandoff {
     host_flow_record rec{};
     std::array<host_slot, kMaxPlugins> slots{};
@@ -99,7 +99,12 @@ class Queue {
         uint32_t &operator()(FlowEntry *e) const { return e->second.heap_pos; }
     };
     void drop(FlowEntry *e);  // out of the timeout heap and the cache
-    void export_sorted(std::vector<FlowEntry *> &victims, uint64_t now_ns, bool end);
+    // Exports and drops the flows in victims_, in export order.
+    void export_sorted(uint64_t now_ns, bool end);
+    struct Victim {
+        uint64_t first_ns;  // the entry's start time, at hand for sorting
+        FlowEntry *entry;
+    };
 
     Host &host_;
     uint32_t id_;
@@ -107,11 +112,14 @@ class Queue {
     FlowSink sink_;
     std::array<QueueHooks, kMaxPlugins> hooks_{};
     FlowMap flows_;
+    using ConnEntry = FlatTable<ConnKey, Conn, ConnKeyHash>::Entry;
     FlatTable<ConnKey, Conn, ConnKeyHash> conns_;
+    ConnEntry *last_conn_ = nullptr;  // the entry of the last packet's connection
     // Every flow in the cache, by the time its timeout could next fall due. Packets push a
     // flow's timeout later without touching the heap; a sweep that finds the flow still
     // active files it again, so each flow is handled about once per timeout period.
     TimeoutHeap<FlowEntry *, HeapPosOf> timeouts_;
+    std::vector<Victim> victims_;  // flows leaving at one sweep (kept for its capacity)
     uint64_t clock_ns_ = 0;
     uint64_t next_sweep_ns_ = 0;
     uint64_t next_conn_sweep_ns_ = 0;

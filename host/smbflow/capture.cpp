@@ -177,6 +177,7 @@ ReadStatus Capture::next(Frame &frame) {
     for (;;) {
         if (interrupted_) return ReadStatus::End;
         if (mapped_) {
+            if (mapped_->next_in_window(frame)) return ReadStatus::Packet;
             const ReadStatus rs = mapped_->next(frame);
             // A signal that interrupted a blocking read of a stream ends the run.
             if (rs == ReadStatus::Error && interrupted_) return ReadStatus::End;

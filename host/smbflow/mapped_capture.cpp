@@ -30,8 +30,7 @@ constexpr uint32_t kPcapMicro = 0xa1b2c3d4, kPcapNano = 0xa1b23c4d;
 // Mapping windows: large enough that the mapping's cost is spread over thousands of packets,
 // small enough that the windows that batches in flight still hold stay a few megabytes.
 constexpr size_t kWindow = 4u << 20;
-// Records larger than this are a corrupt length, not a packet.
-constexpr uint32_t kMaxRecord = 64u << 20;
+constexpr uint32_t kMaxRecord = MappedCapture::kMaxRecord;
 
 // Files carry LINKTYPE_ values; libpcap and the decoder speak DLT_ values, which differ for
 // raw IP (LINKTYPE_RAW 101 is DLT_RAW, 12 here).
@@ -300,10 +299,6 @@ bool MappedCapture::passes(int link_type, const uint8_t *data, uint32_t caplen, 
     return pcap_offline_filter(programs_.at(link_type).get(), &h, data) != 0;
 }
 
-uint32_t MappedCapture::u32(const uint8_t *p) const {
-    return load32(p, swapped_);
-}
-
 uint16_t MappedCapture::u16(const uint8_t *p) const {
     uint16_t v;
     memcpy(&v, p, 2);
@@ -413,26 +408,7 @@ bool MappedCapture::more() {
 }
 
 ReadStatus MappedCapture::next(Frame &frame) {
-    // The common case on its own: a pcap record wholly in the current window of a mapped file
-    // without a filter. next_pcap takes everything else (a record across windows, the end, a
-    // corrupt length) and gives the same frames.
-    if (plain_pcap_) {
-        const size_t window_end = window_at_ + window_len_;
-        if (pos_ >= window_at_ && pos_ + 16 <= window_end) {
-            const uint8_t *h = window_base_ + (pos_ - window_at_);
-            const uint32_t caplen = u32(h + 8);
-            if (caplen <= kMaxRecord && caplen <= window_end - pos_ - 16) {
-                frame.ts_ns = uint64_t(u32(h)) * 1'000'000'000ull + uint64_t(u32(h + 4)) * frac_ns_;
-                frame.caplen = caplen;
-                frame.wire_len = u32(h + 12);
-                frame.data = h + 16;
-                frame.link_type = pcap_interface_.link_type;
-                frame.keeper = &window_;
-                pos_ += 16 + size_t{caplen};
-                return ReadStatus::Packet;
-            }
-        }
-    }
+    if (next_in_window(frame)) return ReadStatus::Packet;
     ReadStatus rs = pcapng_ ? next_pcapng(frame) : next_pcap(frame);
     if (rs == ReadStatus::End && !stream_error_.empty()) rs = fail("read failed: " + stream_error_);
     if (rs == ReadStatus::Packet) frame.keeper = &window_;

@@ -10,6 +10,7 @@
 #include <pcap/pcap.h>
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <optional>
@@ -59,6 +60,29 @@ class MappedCapture {
     // record (the packets before it have been given).
     ReadStatus next(Frame &frame);
 
+    // The common case of next(), inline for the reading loop: a pcap record wholly in the
+    // current window of a mapped file without a filter. False when the record is anything
+    // else (across windows, at the end, a corrupt length): next() then gives the same frames.
+    bool next_in_window(Frame &frame) {
+        if (!plain_pcap_) return false;
+        const size_t window_end = window_at_ + window_len_;
+        if (pos_ < window_at_ || pos_ + 16 > window_end) return false;
+        const uint8_t *h = window_base_ + (pos_ - window_at_);
+        const uint32_t caplen = word(h + 8);
+        if (caplen > kMaxRecord || caplen > window_end - pos_ - 16) return false;
+        frame.ts_ns = uint64_t(word(h)) * 1'000'000'000ull + uint64_t(word(h + 4)) * frac_ns_;
+        frame.caplen = caplen;
+        frame.wire_len = word(h + 12);
+        frame.data = h + 16;
+        frame.link_type = pcap_interface_.link_type;
+        frame.keeper = &window_;
+        pos_ += 16 + size_t{caplen};
+        return true;
+    }
+
+    // Records larger than this are a corrupt length, not a packet.
+    static constexpr uint32_t kMaxRecord = 64u << 20;
+
     const std::string &error() const { return error_; }
     bool filter_error() const { return filter_error_; }
     // Whether the timestamps are finer than microseconds: a nanosecond pcap file, or interfaces
@@ -75,7 +99,12 @@ class MappedCapture {
     const uint8_t *view(size_t at, size_t len);
     const uint8_t *stream_view(size_t at, size_t len);
     bool more();
-    uint32_t u32(const uint8_t *p) const;
+    uint32_t u32(const uint8_t *p) const { return word(p); }
+    uint32_t word(const uint8_t *p) const {
+        uint32_t v;
+        memcpy(&v, p, 4);
+        return swapped_ ? __builtin_bswap32(v) : v;
+    }
     uint16_t u16(const uint8_t *p) const;
     ReadStatus next_pcap(Frame &frame);
     ReadStatus next_pcapng(Frame &frame);

@@ -135,7 +135,7 @@ void Pipeline::submit(const DecodedPacket &packet, const std::shared_ptr<const v
     clock_ns_ = std::max(clock_ns_, pkt.timestamp_ns);
     // With one queue there is nothing to choose, and the queue hashes the connection itself.
     Worker &w = workers_.size() == 1 ? *workers_[0] : *workers_[queue_index(pkt, workers_.size())];
-    Batch &b = filling(w);
+    Batch &b = w.filling ? *w.filling : filling(w);
     b.items.push_back({pkt, packet.ip_bytes, kInPlace});
     if (keeper) {
         if (b.keep.empty() || b.keep.back() != *keeper) b.keep.push_back(*keeper);

@@ -143,6 +143,15 @@ TEST_P(Timeouts, FollowCaptureTime) {
     }
     EXPECT_EQ(packets, GetParam().flow_packets) << GetParam().what;
     EXPECT_EQ(reasons, GetParam().reasons) << GetParam().what;
+    // Whichever way a flow left, its own record went with it, counts intact, and was freed
+    // once, by whoever ended up holding it.
+    std::vector<uint64_t> payload_bytes;
+    for (const auto &f : export_all())
+        payload_bytes.push_back(f.fields[kBytes].number());
+    EXPECT_EQ(payload_bytes, GetParam().flow_packets) << "one payload byte a packet";
+    EXPECT_EQ(stats().records_alive, 0);
+    EXPECT_EQ(stats().callbacks, stats().records_made);
+    EXPECT_EQ(stats().release_calls, 0u) << "records handed over, not copied";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -202,6 +211,31 @@ TEST_F(FakeHostTest, AFreedFlowEntryTakenByAnotherConnectionIsNotFoundAgain) {
         port_packets.emplace_back(h.rec.src_port, h.rec.dir_counters[0].packets);
     EXPECT_EQ(port_packets,
               (std::vector<std::pair<uint16_t, uint64_t>>{{50000, 15}, {50001, 2}, {50000, 1}}));
+}
+
+// Connections interleaved packet by packet each keep the direction their first packet set,
+// also once their idle entries were dropped and taken again by other connections.
+TEST_F(FakeHostTest, InterleavedConnectionsKeepTheirOwnDirection) {
+    struct Step {
+        bool from_client;
+        uint64_t at_s;
+        uint16_t client_port;
+    };
+    const Step steps[] = {{true, 0, 50000},   {false, 1, 50001}, {true, 2, 50001},
+                          {false, 3, 50000},  {true, 4, 50000},  // idle from here: both go
+                          {false, 41, 50002}, {true, 42, 50002}, {true, 43, 50000}};
+    for (const Step &s : steps) {
+        if (s.at_s == 41) queue->advance(kT0 + 40 * kSecond);
+        send(s.from_client, kT0 + s.at_s * kSecond, "x", s.client_port);
+    }
+    queue->flush();
+    std::vector<std::tuple<uint16_t, uint64_t, uint64_t>> got;
+    for (const auto &h : handed)
+        got.emplace_back(h.rec.src_port, h.rec.dir_counters[0].packets,
+                         h.rec.dir_counters[1].packets);
+    EXPECT_EQ(got, (std::vector<std::tuple<uint16_t, uint64_t, uint64_t>>{
+                       {50000, 2, 1}, {445, 1, 1}, {445, 1, 1}, {50000, 1, 0}}));
+    EXPECT_EQ(stats().bad_direction, 0u);
 }
 
 TEST_F(FakeHostTest, TimeoutsPastTheEndOfTimeNeverEndAFlow) {
