@@ -96,6 +96,8 @@ INSTANTIATE_TEST_SUITE_P(Captures, ActivityTotals, testing::Values(
     Case{"ipv6_ops.pcap", {1, 72, 2, 144, 2, 1, 1, 62, {"0x0311"}}},
     Case{"names.pcap", {1, 72, 5, 360, 2, 0, 1, 84, {"0x0311"}}},
     Case{"oplocks_locks.pcap", {0, 0, 4, 402, 67, 0, 1, 317, {"0x0311"}}},
+    // A WRITE response sent twice (a TCP retransmission): one write.
+    Case{"retransmission.pcap", {0, 0, 1, 200, 20, 0, 0, 35, {"0x0311"}}},
     Case{"smb1_ops.pcap", {0, 0, 0, 0, 0, 0, 0, 0, {}}},
     Case{"smb3_encrypted.pcap", {0, 0, 0, 0, 0, 0, 0, 3, {"0x0311"}}},
     Case{"large_io.pcap", {1, 196608, 1, 196608, 1, 0, 0, 21, {"0x0311"}}},

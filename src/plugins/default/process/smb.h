@@ -139,6 +139,11 @@ typedef struct smb_plugin_ctx {
     uint32_t pipetable_size;
     struct sessiontable *sessiontable;
     struct pipetable *pipetable;
+    // Per queue with activity=1: the TCP bytes seen per direction (smb_tcp_seen.h), and
+    // whether the packet being parsed brings none that were not seen before (a
+    // retransmission, whose messages were counted already).
+    struct tcp_seen_table *tcp_seen;
+    uint8_t repeat_segment;
 } smb_plugin_ctx;
 
 // A queue's context has exactly the plug-in context's fields.

@@ -6,6 +6,7 @@
 #include "smb.h"
 #include "smb_activity.h"
 #include "smb_parser.h"
+#include "smb_tcp_seen.h"
 
 namespace {
 
@@ -24,6 +25,8 @@ bool looks_like_smb(const uint8_t *payload, size_t length) {
 // The filter's two parse steps, the plain ones and those that keep activity counters beside
 // the record (activity=1), chosen once per packet.
 struct Plain {
+    static void note_segment(host_packet *, smb_queue_ctx *, size_t) {}
+
     // Parses into a record allocated up front: for payloads that almost surely carry SMB.
     static bool parse_in_place(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload,
                                host_slot *slot) {
@@ -55,8 +58,16 @@ struct Plain {
     }
 };
 
-// A dropped record's counters are parked with the connection (smb_park_activity).
+// A dropped record's counters are parked with the connection (smb_park_activity). A
+// retransmitted segment is parsed as any other, but its messages are not counted again.
 struct Counting {
+    static void note_segment(host_packet *pkt, smb_queue_ctx *q, size_t payload_length) {
+        tcp_segment segment;
+        q->repeat_segment =
+            q->tcp_seen && smb_tcp_segment(pkt, segment) &&
+            smb_tcp_seen_before(q->tcp_seen, pkt, segment, static_cast<uint32_t>(payload_length));
+    }
+
     static bool parse_in_place(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload,
                                host_slot *slot) {
         smb_flow_data *rec = smb_record_new_with_activity();
@@ -94,12 +105,14 @@ int filter(smb_queue_ctx *q, host_packet *pkt, host_slot *pkt_slot) {
 
     if (q->port == 0) {
         // No port filtering: a packet counts as SMB once the parser made a record for it.
+        Steps::note_segment(pkt, q, payload_length);
         if (Steps::parse_on_stack(pkt, q, payload, pkt_slot))
             pkt->flags |= HOST_FLAG_SMB_PORT | HOST_FLAG_SMB_RECORD;
         return 0;
     }
     if (pkt->src_port != q->port && pkt->dst_port != q->port) return 0;
     pkt->flags |= HOST_FLAG_SMB_PORT;
+    Steps::note_segment(pkt, q, payload_length);
     const bool kept = looks_like_smb(payload, payload_length)
                           ? Steps::parse_in_place(pkt, q, payload, pkt_slot)
                           : Steps::parse_on_stack(pkt, q, payload, pkt_slot);

@@ -108,7 +108,7 @@ int32_t parse_smb2(const Packet &p) {
     const int32_t r = parse_normal_command(p.pkt, p.rec, p.q, hdr, &state);
     if (r != SMB_PARSE_OK) return r;
     remember_ids(p);
-    if (p.q->activity) [[unlikely]] {
+    if (counting(p.q)) [[unlikely]] {
         const uint8_t direction = p.rec->is_response;
         follow_chain(p.pkt, p.rec, p.q, connection_key(p.pkt, direction), direction, hdr,
                      state.available, state.total_length - SMB_SESSION_HEADER_SIZE);
@@ -146,7 +146,7 @@ int32_t parse_continuation(const Packet &p) {
             p.rec->tree_id = c.tree_id;
             p.rec->file_id = c.file_id;
             fold_tree_file(p.pkt, c.tree_id, c.file_id);
-            if (p.q->activity) [[unlikely]]
+            if (counting(p.q)) [[unlikely]]
                 continue_chain(p.pkt, p.rec, p.q, key, direction, p.payload);
             return SMB_PARSE_OK;
         case 1:

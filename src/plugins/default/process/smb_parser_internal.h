@@ -147,16 +147,21 @@ int32_t parse_create(const CommandContext &ctx);
 void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        Smb2Message msg, smb_activity *into);
 void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply);
+// Whether the packet's messages are counted: with activity=1, unless its segment is a
+// retransmission.
+inline bool counting(const smb_queue_ctx *q) {
+    return q->activity && !q->repeat_segment;
+}
 inline void count_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                            const Smb2Message &msg, smb_activity *into = nullptr) {
-    if (q->activity) [[unlikely]] {
+    if (counting(q)) [[unlikely]] {
         count_activity_on(pkt, rec, q, msg, into);
         smb_who_note(pkt, rec, q, msg);
     }
 }
 inline void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        uint8_t reply) {
-    if (q->activity) [[unlikely]]
+    if (counting(q)) [[unlikely]]
         count_smb1_on(pkt, rec, q, reply);
 }
 // A message longer than its first segment (activity=1): for a compound chain, counts the later

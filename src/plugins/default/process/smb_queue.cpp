@@ -9,6 +9,7 @@
 #include "smb_activity_table.h"
 #include "smb_message_table.h"
 #include "smb_message_table2.h"
+#include "smb_tcp_seen.h"
 #include "utils_alloc.h"
 
 void *process_smb_init_queue(uint32_t plugin_id, void *plugin_ctx, uint32_t queue_id) {
@@ -21,6 +22,7 @@ void *process_smb_init_queue(uint32_t plugin_id, void *plugin_ctx, uint32_t queu
     if (q->activity) {
         q->activitytable = activitytable_create(static_cast<int32_t>(q->activitytable_size));
         q->chaintable = static_cast<chaintable *>(corvaneexp_malloc(sizeof(chaintable), 0));
+        q->tcp_seen = static_cast<tcp_seen_table *>(corvaneexp_malloc(sizeof(tcp_seen_table), 0));
     }
 
     corvane_hook_queue_filter(q, plugin_id, process_smb_filter);
@@ -47,5 +49,6 @@ void process_smb_shutdown_queue(void *queue_ctx) {
                    q->queue_id, static_cast<unsigned long long>(q->chaintable->dropped));
         free(q->chaintable);
     }
+    free(q->tcp_seen);
     free(q);
 }

@@ -1,0 +1,168 @@
+#include "smb_tcp_seen.h"
+
+#include <string.h>
+
+namespace {
+
+constexpr uint8_t kTcp = 6;
+
+uint32_t be32(const uint8_t *p) {
+    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
+}
+
+// a < b in serial-number arithmetic.
+bool before(uint32_t a, uint32_t b) {
+    return static_cast<int32_t>(a - b) < 0;
+}
+
+// Offset of the TCP header: after the IPv4 header (its IHL), or after the IPv6 header and the
+// extension headers that RFC 8200 chains in front of it; 0 when there is none to be found.
+size_t tcp_offset(const host_packet *pkt) {
+    const uint8_t *d = pkt->data;
+    const size_t n = pkt->length;
+    if (!d || n < 20) return 0;
+    if (pkt->ip_version == 4) return (d[0] >> 4) == 4 && d[9] == kTcp ? size_t{d[0] & 15u} * 4 : 0;
+    if (pkt->ip_version != 6 || n < 40) return 0;
+    uint8_t next = d[6];
+    size_t off = 40;
+    for (int hops = 0; next != kTcp && hops < 8; ++hops) {
+        if (off + 8 > n) return 0;
+        switch (next) {
+            case 0:   // hop-by-hop options
+            case 43:  // routing
+            case 60:  // destination options
+                next = d[off];
+                off += (size_t{d[off + 1]} + 1) * 8;
+                break;
+            case 44:  // fragment
+                next = d[off];
+                off += 8;
+                break;
+            case 51:  // authentication header
+                next = d[off];
+                off += (size_t{d[off + 1]} + 2) * 4;
+                break;
+            default:
+                return 0;
+        }
+    }
+    return next == kTcp ? off : 0;
+}
+
+uint32_t slot_of(const host_packet *pkt) {
+    uint32_t h = pkt->ip_version == 4 ? pkt->src_addr.v4 : 0;
+    if (pkt->ip_version == 6)
+        for (int i = 0; i < 16; i += 4)
+            h ^= be32(pkt->src_addr.v6 + i) * (0x9E3779B1u + i);
+    const uint64_t k =
+        (uint64_t{h} << 32 | uint32_t{pkt->src_port} << 16 | pkt->dst_port) * 0x9E3779B97F4A7C15ull;
+    return static_cast<uint32_t>(k >> 52) % tcp_seen_table::kSlots;
+}
+
+void source_of(const host_packet *pkt, uint8_t (&src)[16]) {
+    memset(src, 0, sizeof src);
+    if (pkt->ip_version == 4)
+        memcpy(src, &pkt->src_addr.v4, 4);
+    else
+        memcpy(src, pkt->src_addr.v6, 16);
+}
+
+void add_hole(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
+    if (d.holes == tcp_seen_direction::kHoles) {
+        // No room: the oldest hole is forgotten (a late segment filling it is then taken for
+        // a repeat, the rarer mistake than counting every repeat).
+        for (int i = 1; i < d.holes; ++i) {
+            d.hole_begin[i - 1] = d.hole_begin[i];
+            d.hole_end[i - 1] = d.hole_end[i];
+        }
+        --d.holes;
+    }
+    d.hole_begin[d.holes] = begin;
+    d.hole_end[d.holes] = end;
+    ++d.holes;
+}
+
+void remove_hole(tcp_seen_direction &d, int i) {
+    for (int j = i + 1; j < d.holes; ++j) {
+        d.hole_begin[j - 1] = d.hole_begin[j];
+        d.hole_end[j - 1] = d.hole_end[j];
+    }
+    --d.holes;
+}
+
+// Takes [begin, end) out of the holes; true when any of it was in one.
+bool fill_holes(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
+    bool filled = false;
+    for (int i = 0; i < d.holes;) {
+        const uint32_t hb = d.hole_begin[i], he = d.hole_end[i];
+        if (!before(begin, he) || !before(hb, end)) {
+            ++i;  // no overlap
+            continue;
+        }
+        filled = true;
+        const bool keeps_front = before(hb, begin), keeps_back = before(end, he);
+        if (keeps_front && keeps_back) {
+            d.hole_end[i] = begin;
+            add_hole(d, end, he);
+            ++i;
+        } else if (keeps_front) {
+            d.hole_end[i++] = begin;
+        } else if (keeps_back) {
+            d.hole_begin[i++] = end;
+        } else {
+            remove_hole(d, i);
+        }
+    }
+    return filled;
+}
+
+}  // namespace
+
+bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out) {
+    const size_t off = tcp_offset(pkt);
+    if (off == 0 || off + 20 > pkt->length) return false;
+    const uint8_t *tcp = pkt->data + off;
+    if (off + static_cast<size_t>(tcp[12] >> 4) * 4 != pkt->payload_offset) return false;
+    out.seq = be32(tcp + 4);
+    out.syn = tcp[13] & 0x02;
+    return true;
+}
+
+bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_segment &segment,
+                         uint32_t length) {
+    tcp_seen_direction &d = t->slots[slot_of(pkt)];
+    uint8_t src[16];
+    source_of(pkt, src);
+    if (segment.syn) {
+        if (d.used && memcmp(d.src, src, sizeof src) == 0 && d.src_port == pkt->src_port &&
+            d.dst_port == pkt->dst_port)
+            d.used = 0;
+        if (length == 0) return false;
+    }
+    if (length == 0) return false;
+    const uint32_t seq = segment.seq + (segment.syn ? 1 : 0);  // a SYN takes a number itself
+    const uint32_t end = seq + length;
+    // More than 1 GiB behind what was seen is no retransmission but another stream on the
+    // same addresses and ports whose start was not captured.
+    constexpr uint32_t kFarBehind = 1u << 30;
+    if (!d.used || d.src_port != pkt->src_port || d.dst_port != pkt->dst_port ||
+        memcmp(d.src, src, sizeof src) != 0 || before(end, d.next - kFarBehind)) {
+        memcpy(d.src, src, sizeof src);
+        d.src_port = pkt->src_port;
+        d.dst_port = pkt->dst_port;
+        d.used = 1;
+        d.holes = 0;
+        d.next = end;
+        return false;
+    }
+    if (before(d.next, end)) {
+        // New bytes at the top; a jump past `next` leaves a hole for a late segment.
+        if (before(d.next, seq))
+            add_hole(d, d.next, seq);
+        else
+            fill_holes(d, seq, d.next);
+        d.next = end;
+        return false;
+    }
+    return !fill_holes(d, seq, end);
+}

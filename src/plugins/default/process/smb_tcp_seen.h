@@ -1,0 +1,50 @@
+// Retransmitted TCP segments, for the opt-in activity counters (activity=1).
+//
+// A segment sent again carries SMB messages that were counted when it first passed; counting
+// them again would give a WRITE or an error twice. Per direction of a connection the table
+// keeps the sequence number after the highest payload byte seen and the holes below it that a
+// capture taken out of order left (a later segment seen before an earlier one); a segment all
+// of whose bytes lie below that number and in no hole was seen before. Sequence numbers are
+// compared in serial-number arithmetic (RFC 1982), so a connection may wrap them.
+//
+// Per queue (both directions of a connection go to one queue), no lock. One slot per
+// direction, found by hash; the newest direction takes a slot, and a direction whose slot was
+// taken simply starts over (its next retransmission is counted, as without the table).
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "host_interface.h"
+
+struct tcp_seen_direction {
+    static constexpr int kHoles = 3;
+    uint8_t src[16];  // the sender's address (IPv4 in the first four bytes)
+    uint16_t src_port;
+    uint16_t dst_port;
+    uint8_t used;
+    uint8_t holes;  // how many of hole_begin/hole_end are in use
+    uint32_t next;  // sequence number after the highest payload byte seen
+    uint32_t hole_begin[kHoles];
+    uint32_t hole_end[kHoles];
+};
+
+struct tcp_seen_table {
+    static constexpr uint32_t kSlots = 4096;
+    tcp_seen_direction slots[kSlots];
+};
+
+// What the TCP header says of a packet's payload.
+struct tcp_segment {
+    uint32_t seq;  // the sequence number of its first byte
+    bool syn;
+};
+
+// The TCP header of a packet; false when the headers before the payload are not an IP and a
+// TCP header that end where the payload begins.
+bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out);
+
+// Whether the packet's payload of `length` bytes was all seen before in its direction; notes
+// its bytes otherwise. A SYN starts the direction over (a new connection on the same ports).
+bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_segment &segment,
+                         uint32_t length);
