@@ -51,26 +51,27 @@ void *corvaneexp_malloc(size_t size, int aligned) {
     return p;
 }
 
+namespace {
+
+// The same messages and exit status as an exhausted corvaneexp_malloc.
+[[noreturn]] void out_of_memory(size_t size) {
+    CV_LOG(CVLOG_WARN, "Unable to malloc: %lu KiB", (unsigned long)(size / 1024));
+    CvLog_BackTrace(kBackTraceDepth);
+    CV_LOG(CVLOG_ERROR, "corvaneexp_malloc() failed");
+    exit(-666);
+}
+
+}  // namespace
+
 void *cv::alloc::allocate_uninitialised(size_t size) {
     void *p = system_allocator().malloc(size);
-    if (!p) {
-        // The same messages and exit status as an exhausted corvaneexp_malloc.
-        CV_LOG(CVLOG_WARN, "Unable to malloc: %lu KiB", (unsigned long)(size / 1024));
-        CvLog_BackTrace(kBackTraceDepth);
-        CV_LOG(CVLOG_ERROR, "corvaneexp_malloc() failed");
-        exit(-666);
-    }
+    if (!p) out_of_memory(size);
     return p;
 }
 
 void *cv::alloc::allocate_zeroed(size_t size) {
     void *p = calloc(1, size);
-    if (!p) {
-        CV_LOG(CVLOG_WARN, "Unable to malloc: %lu KiB", (unsigned long)(size / 1024));
-        CvLog_BackTrace(kBackTraceDepth);
-        CV_LOG(CVLOG_ERROR, "corvaneexp_malloc() failed");
-        exit(-666);
-    }
+    if (!p) out_of_memory(size);
     return p;
 }
 
