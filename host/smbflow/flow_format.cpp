@@ -262,9 +262,16 @@ void append_field_text_from_binary(TextBuffer &out, const FieldDef &def, const F
     out += text;
 }
 
+// The IPFIX export's string elements: the common case, a text the fill or the default gave,
+// is appended without a buffer between.
 void append_field_text(std::string &out, const FieldDef &def, const FieldValue &value) {
+    if ((value.kind == FieldValue::Kind::Value && def.fill_txt) ||
+        value.kind == FieldValue::Kind::Default) {
+        out += value.text;
+        return;
+    }
     TextBuffer text;
-    append_field_text(text, def, value);
+    append_field_text_from_binary(text, def, value);
     out += text.view();
 }
 
