@@ -53,7 +53,7 @@ template <int Name>
 void name_fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a,
                    uint32_t) {
     if (const uint8_t *name = name_of<Name>(slot))
-        record_universal_get_txt_string(output, name, SMB_NAME_SIZE, a, 0);
+        record_universal_get_txt_string(output, name, smb_name_text_bytes(name), a, 0);
 }
 
 const smb::dcerpc::Uuid *interface_of(host_slot *slot) {
@@ -81,10 +81,14 @@ void interface_fill_txt(void *, host_flow_record *, host_slot *slot, void *outpu
     if (!uuid) return;
     char text[37];
     smb::dcerpc::uuid_text(*uuid, text);
-    uint8_t wide[SMB_NAME_SIZE] = {};
-    for (size_t i = 0; text[i]; ++i)
+    // The 36 characters as UTF-16LE units, handed over with their exact size.
+    uint8_t wide[2 * (sizeof text - 1)];
+    size_t i = 0;
+    for (; text[i]; ++i) {
         wide[2 * i] = static_cast<uint8_t>(text[i]);
-    record_universal_get_txt_string(output, wide, SMB_NAME_SIZE, a, 0);
+        wide[2 * i + 1] = 0;
+    }
+    record_universal_get_txt_string(output, wide, static_cast<uint32_t>(2 * i), a, 0);
 }
 
 // The counters have a value (0 when nothing was called) on every SMB2 record; at zero it is
