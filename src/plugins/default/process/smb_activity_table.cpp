@@ -11,7 +11,8 @@ activitytable *activitytable_create(int32_t size) {
     t->slots = static_cast<pending_request *>(
         cv::alloc::allocate_zeroed(size_t(count) * sizeof(pending_request)));
     t->size = static_cast<uint32_t>(count);
-    t->shift = 64 - static_cast<uint32_t>(__builtin_ctzll(static_cast<uint64_t>(count)));
+    // Two slots to a bucket: one bit fewer picks the bucket.
+    t->shift = 65 - static_cast<uint32_t>(__builtin_ctzll(static_cast<uint64_t>(count)));
     return t;
 }
 
