@@ -150,6 +150,9 @@ bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out) {
 
 bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_segment &segment,
                          uint32_t length) {
+    // Most segments without payload are bare acknowledgements: they neither bring bytes nor
+    // start a direction over.
+    if (length == 0 && !segment.syn) return false;
     tcp_seen_direction &d = t->slots[slot_of(pkt)];
     const source_words src = source_of(pkt);
     const bool same =
