@@ -7,6 +7,8 @@
 
 #include "tables/table_test_support.h"
 #include "parser_harness.h"
+#include "smb_session_table.h"
+#include "smb_who.h"
 
 namespace smb2test {
 namespace {
@@ -126,6 +128,56 @@ TEST(Concurrency, QueuesShareTheTreeFileAndDataTables) {
     RecordProperty("taken", taken_files);
     RecordProperty("found", found);
     RecordProperty("overwritten", overwritten);
+}
+
+// Records exported on other threads take the session's names while the queue that saw the
+// session authenticate again replaces them in the shared session table: every record reads
+// whole names of one logon or the other, and the names go with their last holder (checked for
+// races by the ThreadSanitizer build, for use after free by the AddressSanitizer build).
+TEST(Concurrency, ExportsShareTheNamesASessionReplaces) {
+    smb_plugin_ctx ctx{};
+    ctx.sessiontable = sessiontable_create(1024);
+    constexpr uint64_t kSession = 7;
+    smb::ntlmssp::Identity logons[2] = {};
+    memset(logons[0].user, 'a', SMB_NAME_SIZE);
+    memset(logons[1].user, 'b', 6);
+    auto authenticate = [&](int logon) {
+        smb::SpinGuard guard(ctx.sessiontable->lock);
+        sessiontable_put(ctx.sessiontable, 1, 2, kSession, 1, false, logons[logon]);
+    };
+    authenticate(0);
+    constexpr int kRounds = 2000;
+    std::atomic<int> bad{0};
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        for (int i = 0; i < kRounds; ++i)
+            authenticate(i % 2);
+    });
+    for (int exporter = 0; exporter < 2; ++exporter)
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                smb_flow_data rec;
+                smb_record_init(&rec);
+                rec.version = SMB_VERSION_2;
+                rec.session_id = kSession;
+                rec.session_ns = 5;
+                smb_who_complete(&ctx, &rec, 1, 2);
+                host_slot copy = smb_record_copy(&rec);
+                smb_record_release(&rec);
+                const smb_who *w = static_cast<smb_flow_data *>(copy)->who;
+                uint8_t user[SMB_NAME_SIZE];
+                if (w && w->identity) w->identity->expand(smb::ntlmssp::Name::user, user);
+                if (!w || !w->identity ||
+                    (memcmp(user, logons[0].user, SMB_NAME_SIZE) != 0 &&
+                     memcmp(user, logons[1].user, SMB_NAME_SIZE) != 0))
+                    ++bad;
+                smb_record_free(&copy);
+            }
+        });
+    for (auto &t : threads)
+        t.join();
+    EXPECT_EQ(bad.load(), 0);
+    sessiontable_free(ctx.sessiontable);
 }
 
 }  // namespace

@@ -35,6 +35,13 @@ std::string text(const uint8_t *name) {
     return out;
 }
 
+// The ASCII text of one of a shared identity's names.
+std::string text(const ntlmssp::SharedIdentity *id, ntlmssp::Name name) {
+    uint8_t buffer[SMB_NAME_SIZE];
+    id->expand(name, buffer);
+    return text(buffer);
+}
+
 std::string uuid_string(const dcerpc::Uuid &u) {
     char out[37];
     dcerpc::uuid_text(u, out);
@@ -286,11 +293,34 @@ TEST(WhoParser, IdentityAppliesFromTheAuthenticateRequestOn) {
         const smb_who *w = h.complete(nullptr);
         ASSERT_EQ(w != nullptr && w->identity != nullptr, c.named);
         if (c.named) {
-            EXPECT_EQ(text(w->identity->user), "alice");
-            EXPECT_EQ(text(w->identity->domain), "CORP");
-            EXPECT_EQ(text(w->identity->workstation), "WS01");
+            EXPECT_EQ(text(w->identity, ntlmssp::Name::user), "alice");
+            EXPECT_EQ(text(w->identity, ntlmssp::Name::domain), "CORP");
+            EXPECT_EQ(text(w->identity, ntlmssp::Name::workstation), "WS01");
         }
     }
+}
+
+// A record exported (copied out) before the session authenticates again keeps the names it was
+// given; the records after it get the new ones. The session table drops its hold on the first
+// names while the exported record still reads them.
+TEST(WhoParser, ExportedNamesOutliveTheSessionsNextAuthenticate) {
+    WhoHarness h;
+    ASSERT_EQ(h.send_at(100, authenticate(spnego_targ(kAuth))), SMB_PARSE_OK);
+    h.send_at(150, request(ECHO, 3, 0, request_body(ECHO)));
+    h.complete(nullptr);
+    host_slot exported = smb_record_copy(&h.rec().rec);
+    ASSERT_EQ(h.send_at(200, authenticate(spnego_targ(ntlm_authenticate({"bob", "LAB", "WS02"})))),
+              SMB_PARSE_OK);
+    h.send_at(250, request(ECHO, 5, 0, request_body(ECHO)));
+    const smb_who *now = h.complete(nullptr);
+    ASSERT_TRUE(now != nullptr && now->identity != nullptr);
+    EXPECT_EQ(text(now->identity, ntlmssp::Name::user), "bob");
+    EXPECT_EQ(text(now->identity, ntlmssp::Name::domain), "LAB");
+    const smb_who *before = static_cast<smb_flow_data *>(exported)->who;
+    ASSERT_TRUE(before != nullptr && before->identity != nullptr);
+    EXPECT_EQ(text(before->identity, ntlmssp::Name::user), "alice");
+    EXPECT_EQ(text(before->identity, ntlmssp::Name::workstation), "WS01");
+    smb_record_free(&exported);
 }
 
 TEST(WhoParser, NoIdentityForAnonymousKerberosOrAnotherSession) {

@@ -104,28 +104,30 @@ struct number_bytes {
     }
 };
 
-// "0x" and `digits` lower-case hexadecimal digits of `value`.
-void hex_text(uint32_t value, int digits, char (&text)[16]) {
-    static const char kHex[] = "0123456789abcdef";
-    text[0] = '0';
-    text[1] = 'x';
-    for (int i = 0; i < digits; ++i)
-        text[2 + i] = kHex[(value >> (4 * (digits - 1 - i))) & 15];
-    text[2 + digits] = 0;
-}
+// The text of a field that is no plain number, in the UTF-16LE units that the host's string
+// writer takes: written as units straight away, and handed over with its exact size.
+struct unit_text {
+    uint8_t bytes[32];
+    uint32_t size = 0;
 
-// ASCII text as the UTF-16LE units that the string fill takes; returns their size in bytes.
-uint32_t text_to_utf16(const char *text, uint8_t (&out)[SMB_NAME_SIZE]) {
-    size_t i = 0;
-    for (; text[i] && 2 * i + 1 < SMB_NAME_SIZE - 2; ++i) {
-        out[2 * i] = static_cast<uint8_t>(text[i]);
-        out[2 * i + 1] = 0;
+    void put(char c) {
+        bytes[size] = static_cast<uint8_t>(c);
+        bytes[size + 1] = 0;
+        size += 2;
     }
-    return static_cast<uint32_t>(2 * i);
+};
+
+// "0x" and `digits` lower-case hexadecimal digits of `value`.
+void hex_text(uint32_t value, int digits, unit_text &text) {
+    static const char kHex[] = "0123456789abcdef";
+    text.put('0');
+    text.put('x');
+    for (int i = 0; i < digits; ++i)
+        text.put(kHex[(value >> (4 * (digits - 1 - i))) & 15]);
 }
 
 // Called for every record: texts made without printf.
-void dialect_text(uint16_t dialect, char (&text)[16]) {
+void dialect_text(uint16_t dialect, unit_text &text) {
     const char *known = nullptr;
     switch (dialect) {
         case 0x0202:
@@ -144,11 +146,9 @@ void dialect_text(uint16_t dialect, char (&text)[16]) {
             known = "3.1.1";
             break;
     }
-    if (known) {
-        memcpy(text, known, strlen(known) + 1);
-        return;
-    }
-    hex_text(dialect, 4, text);
+    if (!known) return hex_text(dialect, 4, text);
+    for (; *known; ++known)
+        text.put(*known);
 }
 
 // A decimal counter at zero is left to the field's default, which is zero as well: the host
@@ -185,19 +185,19 @@ void fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_
     if (!rec) return;
     constexpr const activity_field &f = kFields[I];
     if constexpr (f.text == Text::name) {
-        record_universal_get_txt_string(output, rename_of(*rec), SMB_NAME_SIZE, a, 0);
+        const uint8_t *name = rename_of(*rec);
+        record_universal_get_txt_string(output, name, smb_name_text_bytes(name), a, 0);
     } else if constexpr (f.text == Text::decimal) {
         const number_bytes n(f.value(*rec), f.size);
         record_universal_get_txt_num(output, n.bytes, f.size, a, b);
     } else {
         const uint64_t value = f.value(*rec);
-        char text[16];
+        unit_text text;
         if constexpr (f.text == Text::dialect)
             dialect_text(static_cast<uint16_t>(value), text);
         else
             hex_text(static_cast<uint32_t>(value), 8, text);
-        uint8_t buffer[SMB_NAME_SIZE];
-        record_universal_get_txt_string(output, buffer, text_to_utf16(text, buffer), a, 0);
+        record_universal_get_txt_string(output, text.bytes, text.size, a, 0);
     }
 }
 

@@ -3,33 +3,43 @@
 #include <string.h>
 
 #include "smb_activity.h"
+#include "utils_alloc.h"
 
 activitytable *activitytable_create(int32_t size) {
     auto *t = static_cast<activitytable *>(corvaneexp_malloc(sizeof(activitytable), 1));
     const int64_t count = smb::slot_count(size);
     t->slots = static_cast<pending_request *>(
-        corvaneexp_malloc(size_t(count) * sizeof(pending_request), 1));
+        cv::alloc::allocate_zeroed(size_t(count) * sizeof(pending_request)));
     t->size = static_cast<uint32_t>(count);
-    t->shift = 64 - static_cast<uint32_t>(__builtin_ctzll(static_cast<uint64_t>(count)));
+    // Two slots to a bucket: one bit fewer picks the bucket.
+    t->shift = 65 - static_cast<uint32_t>(__builtin_ctzll(static_cast<uint64_t>(count)));
     return t;
 }
 
 void activitytable_free(activitytable *t) {
     if (!t) return;
-    for (uint32_t i = 0; i < t->size; ++i)
-        free(t->slots[i].rename_to);
+    if (t->renames) {
+        for (uint32_t i = 0; i < t->size; ++i)
+            free(t->renames[i]);
+        free(t->renames);
+    }
     free(t->slots);
     free(t);
 }
 
 // The slot's rename name (of an earlier request) is freed; a rename keeps a copy of its own.
-void activitytable_put_rename(pending_request &r, const uint8_t *rename_to) {
-    free(r.rename_to);
-    r.rename_to = nullptr;
-    if (r.kind == SetInfoKind::rename && rename_to) {
-        r.rename_to = static_cast<uint8_t *>(corvaneexp_malloc(SMB_NAME_SIZE, 0));
-        memcpy(r.rename_to, rename_to, SMB_NAME_SIZE);
+void activitytable_put_rename(activitytable *t, uint32_t index, const PendingSetInfo &set_info) {
+    if (t->renames) {
+        free(t->renames[index]);
+        t->renames[index] = nullptr;
     }
+    if (set_info.kind != SetInfoKind::rename || !set_info.rename_to) return;
+    if (!t->renames)
+        t->renames =
+            static_cast<uint8_t **>(cv::alloc::allocate_zeroed(t->size * sizeof(uint8_t *)));
+    auto *name = static_cast<uint8_t *>(cv::alloc::allocate_uninitialised(SMB_NAME_SIZE));
+    memcpy(name, set_info.rename_to, SMB_NAME_SIZE);
+    t->renames[index] = name;
 }
 
 conntable *conntable_create(int32_t size) {

@@ -20,8 +20,8 @@
 
 enum class SetInfoKind : uint8_t { none = 0, rename = 1, remove = 2 };
 
-// One request waiting for its final response, kept in its slot (no allocation but a rename's
-// name).
+// One request waiting for its final response, kept in its slot: 24 bytes, no allocation. A
+// rename's new name, which few requests have, waits beside the table (activitytable::renames).
 struct pending_request {
     uint64_t message_id;
     uint64_t request_ns;
@@ -29,27 +29,35 @@ struct pending_request {
     uint16_t client_port;
     uint8_t pending;  // 1 until the final response took it
     SetInfoKind kind;
-    uint8_t *rename_to;  // 128 bytes of UTF-16LE for a rename, owned, or null
 
     bool is(uint32_t addr, uint16_t port, uint64_t id) const {
         return message_id == id && client_addr32 == addr && client_port == port;
     }
 };
+static_assert(sizeof(pending_request) == 24);
 
 // Owned by one queue's thread; no lock. Every request of the queue is put and every final
-// response takes, so the table is an array of records with one slot per key (no chaining,
-// probing or ageing, as the other tables) found by a multiplicative hash, which is cheaper
-// than the CRC of the shared tables.
+// response takes, so the table is an array of records found by a multiplicative hash, which is
+// cheaper than the CRC of the shared tables, with no chaining or ageing. A key may sit in
+// either of the two slots of its bucket (adjacent, mostly on one cache line): a request pushes
+// out another only when both slots hold requests still pending, and then the older one, so
+// that the table loses far fewer requests than one slot per key would at twice the size. The
+// array is zeroed by the system (calloc), so that its pages cost memory only once keys land on
+// them.
 struct activitytable {
     pending_request *slots;
-    uint32_t size;     // a power of two, as smb::slot_count gives it
-    uint32_t shift;    // 64 - log2(size)
+    // The rename names of the slots (128 bytes of UTF-16LE each, owned, or null), made on the
+    // first rename and, being zeroed by the system too, only touched where renames land.
+    uint8_t **renames;
+    uint32_t size;     // slots: a power of two, as smb::slot_count gives it
+    uint32_t shift;    // 64 - log2(size / 2): the hash bits that pick a bucket
     uint64_t dropped;  // pending requests pushed out before their response
 
-    pending_request &slot(uint32_t addr, uint16_t port, uint64_t id) {
+    // The first of the bucket's two slots.
+    uint32_t bucket_of(uint32_t addr, uint16_t port, uint64_t id) const {
         const uint64_t conn = (uint64_t{addr} << 16) | port;
         const uint64_t h = (id + conn * 0x9E3779B97F4A7C15ull) * 0xD6E8FEB86659FD93ull;
-        return slots[h >> shift];
+        return static_cast<uint32_t>(h >> shift) * 2;
     }
 };
 
@@ -64,20 +72,36 @@ void activitytable_free(activitytable *t);
 
 // Remembers a request (a repeat of the key replaces it: a request id is used once per
 // connection).
-void activitytable_put_rename(pending_request &r, const uint8_t *rename_to);
+void activitytable_put_rename(activitytable *t, uint32_t index, const PendingSetInfo &set_info);
 inline void activitytable_put(activitytable *t, uint32_t client_addr32, uint16_t client_port,
                               uint64_t message_id, uint64_t request_ns,
                               const PendingSetInfo &set_info) {
-    pending_request &r = t->slot(client_addr32, client_port, message_id);
-    if (r.pending && !r.is(client_addr32, client_port, message_id)) ++t->dropped;
+    const uint32_t first = t->bucket_of(client_addr32, client_port, message_id);
+    const pending_request *b = t->slots + first;
+    // The key's own slot; else one without a pending request (the first); else the older.
+    uint32_t way;
+    if (b[0].is(client_addr32, client_port, message_id))
+        way = 0;
+    else if (b[1].is(client_addr32, client_port, message_id))
+        way = 1;
+    else if (!b[0].pending)
+        way = 0;
+    else if (!b[1].pending)
+        way = 1;
+    else {
+        way = b[1].request_ns < b[0].request_ns ? 1 : 0;
+        ++t->dropped;
+    }
+    const uint32_t index = first + way;
+    pending_request &r = t->slots[index];
     r.message_id = message_id;
     r.request_ns = request_ns;
     r.client_addr32 = client_addr32;
     r.client_port = client_port;
     r.pending = 1;
     r.kind = set_info.kind;
-    if (r.rename_to || set_info.kind == SetInfoKind::rename) [[unlikely]]
-        activitytable_put_rename(r, set_info.rename_to);
+    if ((t->renames && t->renames[index]) || set_info.kind == SetInfoKind::rename) [[unlikely]]
+        activitytable_put_rename(t, index, set_info);
 }
 
 // What a final response takes from its request.
@@ -91,14 +115,18 @@ struct TakenRequest {
 // stays in its slot but is no longer pending.
 inline bool activitytable_take(activitytable *t, uint32_t client_addr32, uint16_t client_port,
                                uint64_t message_id, TakenRequest &out) {
-    pending_request &r = t->slot(client_addr32, client_port, message_id);
+    uint32_t index = t->bucket_of(client_addr32, client_port, message_id);
+    if (!t->slots[index].is(client_addr32, client_port, message_id)) ++index;
+    pending_request &r = t->slots[index];
     if (!r.pending || !r.is(client_addr32, client_port, message_id)) return out.found = false;
     r.pending = 0;
     out.found = true;
     out.request_ns = r.request_ns;
     out.kind = r.kind;
-    out.rename_to = r.rename_to;
-    r.rename_to = nullptr;
+    if (t->renames) [[unlikely]] {
+        out.rename_to = t->renames[index];
+        t->renames[index] = nullptr;
+    }
     return true;
 }
 

@@ -3,6 +3,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "smb.h"
 
@@ -17,6 +18,26 @@ struct field_desc {
     corvane_fill_fn fill_txt;
     const void *default_value;  // as wide as the field; null: the field has no default
 };
+
+// The bytes of a 128-byte UTF-16LE name buffer before its first zero unit: what the host's text
+// writer converts of it anyway, so that the opt-in fields hand over only those (the host then
+// makes room for the text and scans it once, not for a whole zero-filled buffer). Eight bytes
+// at a time while none of their four units is zero.
+inline uint32_t smb_name_text_bytes(const void *name) {
+    const auto *bytes = static_cast<const uint8_t *>(name);
+    uint32_t at = 0;
+    for (; at + 8 <= SMB_NAME_SIZE; at += 8) {
+        uint64_t x;
+        memcpy(&x, bytes + at, 8);
+        // A unit of zero has no bit set: OR each unit's two bytes into its low byte and look
+        // for a zero there.
+        const uint64_t units = (x | (x >> 8)) & 0x00ff00ff00ff00ffull;
+        if (((units - 0x0001000100010001ull) & ~units & 0x0080008000800080ull) != 0) break;
+    }
+    for (; at + 2 <= SMB_NAME_SIZE; at += 2)
+        if (bytes[at] == 0 && bytes[at + 1] == 0) break;
+    return at;
+}
 
 // Registers `fields` in their order, then the defaults of those that have one.
 void smb_register_field_descs(void *host, uint32_t plugin_id, smb_plugin_ctx *ctx,

@@ -46,7 +46,7 @@ void set_defaults(smb_plugin_ctx *ctx) {
     ctx->messagetable_size = 1024;
     ctx->messagetable2_size = 65536;
     ctx->datatable_size = 1024;
-    ctx->activitytable_size = 65536;
+    ctx->activitytable_size = 32768;
     ctx->conntable_size = 4096;
     ctx->sessiontable_size = 4096;
     ctx->pipetable_size = 4096;

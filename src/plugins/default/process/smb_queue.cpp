@@ -21,8 +21,11 @@ void *process_smb_init_queue(uint32_t plugin_id, void *plugin_ctx, uint32_t queu
     q->messagetable2 = messagetable2_create(static_cast<int32_t>(q->messagetable2_size));
     if (q->activity) {
         q->activitytable = activitytable_create(static_cast<int32_t>(q->activitytable_size));
-        q->chaintable = static_cast<chaintable *>(corvaneexp_malloc(sizeof(chaintable), 0));
-        q->tcp_seen = static_cast<tcp_seen_table *>(corvaneexp_malloc(sizeof(tcp_seen_table), 0));
+        // Zeroed by the system: their pages cost memory only once chains and connections land
+        // on them (most queues follow few long chains).
+        q->chaintable = static_cast<chaintable *>(cv::alloc::allocate_zeroed(sizeof(chaintable)));
+        q->tcp_seen =
+            static_cast<tcp_seen_table *>(cv::alloc::allocate_zeroed(sizeof(tcp_seen_table)));
     }
 
     corvane_hook_queue_filter(q, plugin_id, process_smb_filter);

@@ -26,7 +26,14 @@ void sessiontable_put(sessiontable *t, uint32_t client_addr32, uint16_t client_p
     session_record &r = claim(t, session_key{client_addr32, client_port, session_id});
     r.auth_ns = auth_ns;
     r.anonymous = anonymous ? 1 : 0;
-    r.names = names;
+    // Records still exporting the session's earlier names keep them through their references.
+    smb::ntlmssp::SharedIdentity::unref(r.names);
+    r.names = anonymous ? nullptr : smb::ntlmssp::SharedIdentity::make(names);
+}
+
+void session_record::release() {
+    smb::ntlmssp::SharedIdentity::unref(names);
+    names = nullptr;
 }
 
 const session_record *sessiontable_find(sessiontable *t, uint32_t client_addr32,

@@ -16,6 +16,7 @@
 
 #include "smb.h"
 #include "smb_dcerpc.h"
+#include "smb_identity.h"
 #include "smb_ntlmssp.h"
 #include "smb_table_scheme.h"
 
@@ -32,7 +33,10 @@ struct session_record {
     session_key key;
     uint64_t auth_ns;  // capture time of the AUTHENTICATE request
     uint8_t anonymous;
-    smb::ntlmssp::Identity names;
+    // The session's names, a reference of the record's own; null for an anonymous session.
+    smb::ntlmssp::SharedIdentity *names;
+
+    void release();
 };
 
 struct sessiontable : smb::HashTable<session_record> {

@@ -59,12 +59,32 @@ uint32_t slot_of(const host_packet *pkt) {
     return static_cast<uint32_t>(k >> 52) % tcp_seen_table::kSlots;
 }
 
-void source_of(const host_packet *pkt, uint8_t (&src)[16]) {
-    memset(src, 0, sizeof src);
-    if (pkt->ip_version == 4)
-        memcpy(src, &pkt->src_addr.v4, 4);
-    else
-        memcpy(src, pkt->src_addr.v6, 16);
+// The sender's address as the slot keeps it (IPv4 in the first four bytes, the rest zero), as
+// two words, so that comparing it takes two compares.
+struct source_words {
+    uint64_t lo;
+    uint64_t hi;
+};
+
+source_words source_of(const host_packet *pkt) {
+    source_words w;
+    if (pkt->ip_version == 4) {
+        uint8_t bytes[8] = {};
+        memcpy(bytes, &pkt->src_addr.v4, 4);
+        memcpy(&w.lo, bytes, 8);
+        w.hi = 0;
+    } else {
+        memcpy(&w.lo, pkt->src_addr.v6, 8);
+        memcpy(&w.hi, pkt->src_addr.v6 + 8, 8);
+    }
+    return w;
+}
+
+bool same_source(const tcp_seen_direction &d, const source_words &w) {
+    uint64_t lo, hi;
+    memcpy(&lo, d.src, 8);
+    memcpy(&hi, d.src + 8, 8);
+    return lo == w.lo && hi == w.hi;
 }
 
 void add_hole(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
@@ -130,24 +150,31 @@ bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out) {
 
 bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_segment &segment,
                          uint32_t length) {
+    // Most segments without payload are bare acknowledgements: they neither bring bytes nor
+    // start a direction over.
+    if (length == 0 && !segment.syn) return false;
     tcp_seen_direction &d = t->slots[slot_of(pkt)];
-    uint8_t src[16];
-    source_of(pkt, src);
-    if (segment.syn) {
-        if (d.used && memcmp(d.src, src, sizeof src) == 0 && d.src_port == pkt->src_port &&
-            d.dst_port == pkt->dst_port)
-            d.used = 0;
-        if (length == 0) return false;
+    const source_words src = source_of(pkt);
+    const bool same =
+        d.used && d.src_port == pkt->src_port && d.dst_port == pkt->dst_port && same_source(d, src);
+    if (length == 0) {
+        if (segment.syn && same) d.used = 0;
+        return false;
     }
-    if (length == 0) return false;
     const uint32_t seq = segment.seq + (segment.syn ? 1 : 0);  // a SYN takes a number itself
     const uint32_t end = seq + length;
+    // The common case: the next segment in order, with nothing missing below it.
+    if (same && d.holes == 0 && seq == d.next && !segment.syn) {
+        d.next = end;
+        return false;
+    }
     // More than 1 GiB behind what was seen is no retransmission but another stream on the
-    // same addresses and ports whose start was not captured.
+    // same addresses and ports whose start was not captured. A SYN starts the direction over
+    // (a new connection on the same ports).
     constexpr uint32_t kFarBehind = 1u << 30;
-    if (!d.used || d.src_port != pkt->src_port || d.dst_port != pkt->dst_port ||
-        memcmp(d.src, src, sizeof src) != 0 || before(end, d.next - kFarBehind)) {
-        memcpy(d.src, src, sizeof src);
+    if (!same || segment.syn || before(end, d.next - kFarBehind)) {
+        memcpy(d.src, &src.lo, 8);
+        memcpy(d.src + 8, &src.hi, 8);
         d.src_port = pkt->src_port;
         d.dst_port = pkt->dst_port;
         d.used = 1;

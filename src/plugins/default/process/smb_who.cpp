@@ -138,25 +138,17 @@ smb_who *smb_who_of(smb_flow_data *rec) {
     return rec->who;
 }
 
-static smb::ntlmssp::Identity *copy_identity(const smb::ntlmssp::Identity &names) {
-    // Every byte is assigned: no zeroing first.
-    auto *copy =
-        static_cast<smb::ntlmssp::Identity *>(cv::alloc::allocate_uninitialised(sizeof names));
-    *copy = names;
-    return copy;
-}
-
 smb_who *smb_who_copy(const smb_who *w) {
     if (!w) return nullptr;
     auto *copy = static_cast<smb_who *>(corvaneexp_malloc(sizeof(smb_who), 0));
     *copy = *w;
-    if (w->identity) copy->identity = copy_identity(*w->identity);
+    if (w->identity) w->identity->ref();
     return copy;
 }
 
 void smb_who_free(smb_who *w) {
     if (!w) return;
-    free(w->identity);
+    smb::ntlmssp::SharedIdentity::unref(w->identity);
     free(w);
 }
 
@@ -225,20 +217,21 @@ void smb_who_complete(smb_plugin_ctx *ctx, smb_flow_data *rec, uint32_t client_a
         rec->who->has_bound_interface = 0;
     }
     if (rec->session_id == kNoSession || !ctx->sessiontable) return;
-    smb::ntlmssp::Identity names;
+    smb::ntlmssp::SharedIdentity *names;
     {
         smb::SpinGuard guard(ctx->sessiontable->lock);
         const session_record *s =
             sessiontable_find(ctx->sessiontable, client_addr32, client_port, rec->session_id);
         // The names apply from the AUTHENTICATE request on.
-        if (!s || s->anonymous || s->auth_ns > rec->session_ns) return;
+        if (!s || s->anonymous || !s->names || s->auth_ns > rec->session_ns) return;
+        // Taken while the table still holds its own: the table may drop that one any time
+        // after the lock is released.
         names = s->names;
+        names->ref();
     }
     smb_who *w = smb_who_of(rec);
-    if (w->identity)
-        *w->identity = names;
-    else
-        w->identity = copy_identity(names);
+    smb::ntlmssp::SharedIdentity::unref(w->identity);
+    w->identity = names;
 }
 
 void smb_who_note(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,

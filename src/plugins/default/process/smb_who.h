@@ -4,14 +4,16 @@
 // A record keeps only a reference to its session (the SessionId of its last message that has
 // one, and that message's capture time, in smb_flow_data); the names stay in the shared
 // session table until the record is exported, when post-processing copies them into the
-// record's block. So the records in the flow cache stay small, and a name costs memory once
-// per session rather than once per record.
+// record's block as a reference to the session's names (smb_identity.h). So the records in
+// the flow cache stay small, and a name costs memory once per session rather than once per
+// record.
 #pragma once
 
 #include <stdint.h>
 
 #include "smb.h"
 #include "smb_dcerpc.h"
+#include "smb_identity.h"
 #include "smb_ntlmssp.h"
 #include "smb_reader.h"
 
@@ -23,9 +25,9 @@ struct smb_who {
     uint32_t calls;                       // REQUEST PDUs, first fragments only
     uint8_t has_request_interface;
     uint8_t has_bound_interface;
-    // The session's names, owned, or null: filled in at post-processing only, so that the
-    // block of a record in the flow cache stays small.
-    smb::ntlmssp::Identity *identity;
+    // The session's names, a reference shared with the session table, or null: taken at
+    // post-processing only, so that the block of a record in the flow cache stays small.
+    smb::ntlmssp::SharedIdentity *identity;
 };
 
 // The record's block, allocated zero-filled on first use.

@@ -18,42 +18,40 @@ const smb_flow_data *smb2_record(host_slot *slot) {
     return rec && rec->version == SMB_VERSION_2 ? rec : nullptr;
 }
 
-enum { kUser, kDomain, kWorkstation };
+using smb::ntlmssp::Name;
+using smb::ntlmssp::SharedIdentity;
 
-bool has_text(const uint8_t *name) {
-    return name[0] || name[1];
-}
-
-// A name of the record's session, or null when it has none (Kerberos, anonymous, not seen).
-template <int Name>
-const uint8_t *name_of(host_slot *slot) {
+// The record's session names, or null when it has none (Kerberos, anonymous, not seen).
+const SharedIdentity *identity_of(host_slot *slot) {
     const smb_flow_data *rec = smb2_record(slot);
-    if (!rec || !rec->who || !rec->who->identity) return nullptr;
-    const smb::ntlmssp::Identity &id = *rec->who->identity;
-    const uint8_t *name = Name == kUser ? id.user : Name == kDomain ? id.domain : id.workstation;
-    return has_text(name) ? name : nullptr;
+    return rec && rec->who ? rec->who->identity : nullptr;
 }
 
-template <int Name>
+template <Name N>
 int name_valid(void *, host_flow_record *, host_slot *slot) {
-    return name_of<Name>(slot) ? 1 : 0;
+    const SharedIdentity *id = identity_of(slot);
+    return id && id->has_text(N) ? 1 : 0;
 }
 
 int name_length(void *, host_flow_record *, host_slot *slot) {
     return *slot ? SMB_NAME_SIZE : 0;
 }
 
-template <int Name>
+template <Name N>
 void name_fill(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a, uint32_t) {
-    if (const uint8_t *name = name_of<Name>(slot))
-        record_universal_get_array(output, name, SMB_NAME_SIZE, a, 0);
+    const SharedIdentity *id = identity_of(slot);
+    if (!id || !id->has_text(N)) return;
+    uint8_t name[SMB_NAME_SIZE];
+    id->expand(N, name);
+    record_universal_get_array(output, name, SMB_NAME_SIZE, a, 0);
 }
 
-template <int Name>
+template <Name N>
 void name_fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_t a,
                    uint32_t) {
-    if (const uint8_t *name = name_of<Name>(slot))
-        record_universal_get_txt_string(output, name, SMB_NAME_SIZE, a, 0);
+    const SharedIdentity *id = identity_of(slot);
+    if (id && id->has_text(N))
+        record_universal_get_txt_string(output, id->text(N), id->text_size(N), a, 0);
 }
 
 const smb::dcerpc::Uuid *interface_of(host_slot *slot) {
@@ -81,10 +79,14 @@ void interface_fill_txt(void *, host_flow_record *, host_slot *slot, void *outpu
     if (!uuid) return;
     char text[37];
     smb::dcerpc::uuid_text(*uuid, text);
-    uint8_t wide[SMB_NAME_SIZE] = {};
-    for (size_t i = 0; text[i]; ++i)
+    // The 36 characters as UTF-16LE units, handed over with their exact size.
+    uint8_t wide[2 * (sizeof text - 1)];
+    size_t i = 0;
+    for (; text[i]; ++i) {
         wide[2 * i] = static_cast<uint8_t>(text[i]);
-    record_universal_get_txt_string(output, wide, SMB_NAME_SIZE, a, 0);
+        wide[2 * i + 1] = 0;
+    }
+    record_universal_get_txt_string(output, wide, static_cast<uint32_t>(2 * i), a, 0);
 }
 
 // The counters have a value (0 when nothing was called) on every SMB2 record; at zero it is
@@ -131,12 +133,12 @@ void calls_fill(void *, host_flow_record *, host_slot *slot, void *output, uint3
 }
 
 const std::array<field_desc, 6> kFields = {{
-    {"SMB_USER", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kUser>, name_length,
-     name_fill<kUser>, name_fill_txt<kUser>, nullptr},
-    {"SMB_DOMAIN", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kDomain>, name_length,
-     name_fill<kDomain>, name_fill_txt<kDomain>, nullptr},
-    {"SMB_WORKSTATION", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<kWorkstation>, name_length,
-     name_fill<kWorkstation>, name_fill_txt<kWorkstation>, nullptr},
+    {"SMB_USER", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<Name::user>, name_length,
+     name_fill<Name::user>, name_fill_txt<Name::user>, nullptr},
+    {"SMB_DOMAIN", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<Name::domain>, name_length,
+     name_fill<Name::domain>, name_fill_txt<Name::domain>, nullptr},
+    {"SMB_WORKSTATION", CORVANE_FIELD_STRING, SMB_NAME_SIZE, name_valid<Name::workstation>,
+     name_length, name_fill<Name::workstation>, name_fill_txt<Name::workstation>, nullptr},
     {"SMB_RPC_INTERFACE", CORVANE_FIELD_OCTETS, kUuidSize, interface_valid, interface_length,
      interface_fill, interface_fill_txt, nullptr},
     {"SMB_RPC_OPNUMS", CORVANE_FIELD_NUMBER, 8, counter_valid, counter_length<8>,
