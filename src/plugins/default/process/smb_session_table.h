@@ -7,8 +7,8 @@
 // address, client port, FileId of a named pipe, presentation context id), the interface UUID
 // that a BIND or ALTER_CONTEXT gave the context, for the REQUESTs that name only the context.
 //
-// Both follow the one-slot scheme of smb_table_scheme.h: an entry pushed out by another key is
-// counted as evicted.
+// Both follow the bucket scheme of smb_table_scheme.h: an entry pushed out of a full bucket by
+// another key is counted as evicted.
 #pragma once
 
 #include <pthread.h>
@@ -33,9 +33,10 @@ struct session_record {
     uint64_t auth_ns;  // capture time of the AUTHENTICATE request
     uint8_t anonymous;
     smb::ntlmssp::Identity names;
+    uint64_t used;  // the table's stamp
 };
 
-struct sessiontable : smb::HashTable<session_record> {
+struct sessiontable : smb::BucketTable<session_record> {
     pthread_spinlock_t lock;
     uint64_t evicted;
 };
@@ -65,9 +66,10 @@ struct pipe_key {
 struct pipe_record {
     pipe_key key;
     smb::dcerpc::Uuid interface;
+    uint64_t used;  // the table's stamp
 };
 
-struct pipetable : smb::HashTable<pipe_record> {
+struct pipetable : smb::BucketTable<pipe_record> {
     pthread_spinlock_t lock;
     uint64_t evicted;
 };
