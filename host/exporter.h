@@ -11,15 +11,15 @@
 
 namespace corvane_host {
 
-struct FieldValue {
+// A field's value is the output its fill callbacks write into: the fills write straight into
+// the record's value, with nothing exchanged or copied after them.
+struct FieldValue : FieldOutput {
     enum class Kind : uint8_t {
         Absent,   // no value and no default (or a valid field whose fill wrote nothing)
         Default,  // the field's registered default
         Value,    // what the fill callbacks wrote
     };
     Kind kind = Kind::Absent;
-    std::vector<uint8_t> binary;
-    std::string text;
 
     bool present() const { return kind != Kind::Absent; }
     // The binary value as an unsigned little-endian number (for number fields).
@@ -77,7 +77,6 @@ class Exporter {
     std::vector<const FieldDef *> fields_;
     std::vector<uint8_t> forms_;              // by position: kBinaryForm, kTextForm
     std::vector<std::string> default_texts_;  // by position
-    FieldOutput binary_, text_;               // what the fill callbacks write, reused
 };
 
 // Text of a field's default value, as the text writers would render it.

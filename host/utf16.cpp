@@ -47,15 +47,12 @@ void append_utf8(std::string &out, uint32_t cp) {
     out.append(buf, put_utf8(buf, cp));
 }
 
-// Every name of every flow record passes through here on the queue thread: the text is
-// written in place into room made once (a UTF-16 unit takes at most 3 bytes of UTF-8, a
-// surrogate pair 4 for its two units), not appended a byte at a time.
-void append_utf16le_as_utf8(std::string &out, const uint8_t *buf, size_t size) {
-    if (!buf) return;
-    const size_t units = size / 2;
-    const size_t start = out.size();
-    out.resize(start + 3 * units);
-    char *const base = out.data() + start;
+namespace {
+
+// Writes the UTF-8 text of the first `units` UTF-16LE units of buf (up to a zero unit) at
+// base, which has room for 3 bytes a unit (a unit takes at most 3 bytes of UTF-8, a surrogate
+// pair 4 for its two units); returns the end.
+char *utf16le_to_utf8_at(char *const base, const uint8_t *buf, size_t units) {
     char *p = base;
     auto unit = [buf](size_t i) -> uint32_t { return buf[2 * i] | (buf[2 * i + 1] << 8); };
     size_t i = 0;
@@ -92,7 +89,28 @@ void append_utf16le_as_utf8(std::string &out, const uint8_t *buf, size_t size) {
             p = put_utf8(p, u);
         }
     }
-    out.resize(start + static_cast<size_t>(p - base));
+    return p;
+}
+
+}  // namespace
+
+// Every name of every flow record passes through here: a name buffer's text is written on
+// the stack and appended once, with no byte of the string written twice (a resize to the
+// most the text could take would clear a name buffer's 192 bytes first, for names that are
+// mostly a few dozen).
+void append_utf16le_as_utf8(std::string &out, const uint8_t *buf, size_t size) {
+    if (!buf) return;
+    const size_t units = size / 2;
+    constexpr size_t kOnStack = 512;  // names are 128-byte buffers: 64 units, 192 bytes at most
+    if (3 * units <= kOnStack) {
+        char text[kOnStack];
+        out.append(text, utf16le_to_utf8_at(text, buf, units));
+        return;
+    }
+    const size_t start = out.size();
+    out.resize(start + 3 * units);
+    char *const end = utf16le_to_utf8_at(out.data() + start, buf, units);
+    out.resize(static_cast<size_t>(end - out.data()));
 }
 
 std::string utf16le_to_utf8(const uint8_t *buf, size_t size) {

@@ -293,7 +293,7 @@ int run(const Options &opts) {
         ClientFirst client_first(server_port_of(opts.params));
         Pipeline pipeline(
             host, opts.queues, config,
-            [&](const corvane_host::ExportedFlow &as_cached) {
+            [&](corvane_host::ExportedFlow &as_cached) {
                 const corvane_host::ExportedFlow &flow = client_first(as_cached);
                 if (writer) writer->write(formatter, flow, row);
                 if (out_file) out_file->write(formatter, flow, row);

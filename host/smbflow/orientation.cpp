@@ -46,11 +46,4 @@ void turn_around(host_flow_record &rec) {
     std::swap(rec.tcp_flags[0], rec.tcp_flags[1]);
 }
 
-const corvane_host::ExportedFlow &ClientFirst::operator()(const corvane_host::ExportedFlow &flow) {
-    if (!server_first(flow.rec, port_)) return flow;
-    turned_ = flow;
-    turn_around(turned_.rec);
-    return turned_;
-}
-
 }  // namespace smbflow

@@ -28,15 +28,19 @@ bool server_first(const host_flow_record &rec, uint16_t server_port);
 // Swaps the two directions of the record in place.
 void turn_around(host_flow_record &rec);
 
-// Hands each record on client first, copying only the records it turns around.
+// Turns each record client first, in place (the export thread's record buffer is reused for
+// the next record anyway: a copy of a record with its field values cost as much as writing
+// it).
 class ClientFirst {
   public:
     explicit ClientFirst(uint16_t server_port) : port_(server_port) {}
-    const corvane_host::ExportedFlow &operator()(const corvane_host::ExportedFlow &flow);
+    corvane_host::ExportedFlow &operator()(corvane_host::ExportedFlow &flow) const {
+        if (server_first(flow.rec, port_)) turn_around(flow.rec);
+        return flow;
+    }
 
   private:
     uint16_t port_;
-    corvane_host::ExportedFlow turned_;  // reused: its field strings keep their buffers
 };
 
 }  // namespace smbflow

@@ -192,7 +192,7 @@ void Pipeline::send(Worker &w, bool final) {
     w.handed.count = 0;
 }
 
-void Pipeline::export_one(const ExportedFlow &flow) {
+void Pipeline::export_one(ExportedFlow &flow) {
     if (flow.plugin_records) ++flows_with_plugin_record_;
     flows_exported_.fetch_add(1, std::memory_order_relaxed);
     on_record_(flow);

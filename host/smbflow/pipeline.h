@@ -28,7 +28,8 @@ struct PipelineStats {
 };
 
 // Called on the export thread for each exported flow record, in export order.
-using RecordCallback = std::function<void(const corvane_host::ExportedFlow &)>;
+// The record is the export thread's reused buffer: the callback may change it in place.
+using RecordCallback = std::function<void(corvane_host::ExportedFlow &)>;
 
 class Pipeline {
   public:
@@ -71,7 +72,7 @@ class Pipeline {
     void worker_main(Worker &w);
     void send(Worker &w, bool final);
     void exporter_main();
-    void export_one(const corvane_host::ExportedFlow &flow);
+    void export_one(corvane_host::ExportedFlow &flow);
 
     corvane_host::Host &host_;
     RecordCallback on_record_;

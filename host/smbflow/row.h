@@ -36,9 +36,10 @@ class TextBuffer {
     void truncate(size_t size) { size_ = std::min(size_, size); }
 
     void append(std::string_view s) {
-        char *p = room(s.size());
-        if (!s.empty()) memcpy(p, s.data(), s.size());
-        size_ += s.size();
+        const size_t n = s.size();
+        char *p = room(n);
+        copy_small(p, s.data(), n);
+        size_ += n;
     }
     void append(const char *s, size_t n) { append(std::string_view(s, n)); }
     void push_back(char c) {
@@ -56,6 +57,23 @@ class TextBuffer {
 
   private:
     void grow(size_t n) { buf_.resize(std::max(buf_.size() * 2, size_ + n + 256)); }
+
+    // Most of what a record appends is a few bytes (numbers, words, short names): up to 16
+    // bytes are copied inline, as two fixed-size copies that may overlap, with no call.
+    static void copy_small(char *to, const char *from, size_t n) {
+        if (n >= 8 && n <= 16) {
+            memcpy(to, from, 8);
+            memcpy(to + n - 8, from + n - 8, 8);
+        } else if (n >= 4 && n < 8) {
+            memcpy(to, from, 4);
+            memcpy(to + n - 4, from + n - 4, 4);
+        } else if (n > 16) {
+            memcpy(to, from, n);
+        } else {
+            for (size_t i = 0; i < n; ++i)
+                to[i] = from[i];
+        }
+    }
 
     std::vector<char> buf_;
     size_t size_ = 0;

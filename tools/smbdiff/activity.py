@@ -115,7 +115,23 @@ def named_opens(cap: wire.Capture, port: int, create_min: int, sizes: dict) -> d
     m = model.Model(port=port, create_response_min=create_min, sizes=sizes)
     m.parser = NamedOpens(port, create_min, sizes)
     m.run(cap)
-    return m.parser.named
+    named = m.parser.named
+    # A record takes its file's name from the file table when it is exported: an open whose
+    # table entry another key took over in between (with one queue, a busy capture's message
+    # or file table slots are shared) leaves a record without a name, and its bytes count in
+    # the totals only, like an unnamed open's.
+    for flow in sorted(m.flows.values(), key=lambda f: f.order):
+        m.postprocess(flow)
+        r = flow.record
+        if r is None or r.version != 2 or not r.file_id or r.file_name is not None:
+            continue
+        first = flow.first
+        if r.is_response:
+            client = (model.addr32(first.dst), first.dport)
+        else:
+            client = (model.addr32(first.src), first.sport)
+        named.pop(client + (r.file_id,), None)
+    return named
 
 
 def parsed_pdus(cap: wire.Capture, port: int, rules: Counter):

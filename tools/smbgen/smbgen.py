@@ -511,6 +511,27 @@ OPLOCK_LOCK_TESTS = [
     "smb2.notify.dir", "smb2.notify.tdis", "smb2.lock.valid-request", "smb2.lock.cancel",
     "smb2.compound.interim1", "smb2.compound.compound-break",
     "smb2.delete-on-close-perms.READONLY", "smb2.delete-on-close-perms.CREATE"]
+# Handle and lease state across reconnects: leases (v1 and v2, breaks, upgrades, renames and
+# unlinks under a lease) and durable handles (v1 and v2, reopened on a new connection).
+LEASE_DURABLE_TESTS = [
+    "smb2.lease.request", "smb2.lease.break", "smb2.lease.upgrade", "smb2.lease.v2_request",
+    "smb2.lease.v2_rename", "smb2.lease.unlink", "smb2.lease.breaking3",
+    "smb2.durable-open.open-oplock", "smb2.durable-open.reopen1",
+    "smb2.durable-open.delete_on_close1", "smb2.durable-v2-open.create-blob",
+    "smb2.durable-v2-open.reopen2", "smb2.durable-v2-open.durable-v2-setinfo"]
+# The rest of what a file server sees: change notify (completions, cancels at close and
+# logoff), IOCTLs (resume keys, server-side copy, sparse files, VALIDATE_NEGOTIATE), info
+# classes, directory listings, streams, renames, reads at and past the end, create contexts,
+# reconnects and re-authentication.
+SERVER_TESTS = [
+    "smb2.notify.valid-req", "smb2.notify.close", "smb2.notify.logoff",
+    "smb2.notify.double", "smb2.ioctl.shadow_copy", "smb2.ioctl.req_resume_key",
+    "smb2.ioctl.copy_chunk_simple", "smb2.ioctl.copy_chunk_bad_key",
+    "smb2.ioctl.sparse_file_flag", "smb2.ioctl.bug14788.VALIDATE_NEGOTIATE",
+    "smb2.getinfo.complex", "smb2.getinfo.fsinfo", "smb2.setinfo", "smb2.dir.find",
+    "smb2.dir.one", "smb2.streams.io", "smb2.streams.rename", "smb2.rename.simple",
+    "smb2.read.eof", "smb2.read.position", "smb2.create.open", "smb2.create.blob",
+    "smb2.session.reconnect1", "smb2.session.reauth1"]
 # compound_find_close is left out: it creates 5000 files (10 MB of capture).
 SEGMENTED_TESTS = [f"smb2.compound.{t}" for t in (
     "related1", "related3", "unrelated1", "create-write-close")] + [
@@ -563,6 +584,13 @@ SCENARIOS: list[Scenario] = [
     Scenario("oplocks_locks", "oplock breaks and their acknowledgments, change notify and its "
              "cancel, byte-range locks and a cancelled wait, delete-on-close checks (smbtorture)",
              [Session("smbtorture", tests=OPLOCK_LOCK_TESTS, timeout=120)]),
+    Scenario("leases_durable", "leases and durable handles (smbtorture): breaks, upgrades, "
+             "renames and unlinks under a lease, handles reopened on a new connection",
+             [Session("smbtorture", tests=LEASE_DURABLE_TESTS, timeout=240)]),
+    Scenario("server_ops", "change notify, IOCTLs (server-side copy, sparse files), info "
+             "classes, directory listings, streams, renames, reads past the end, reconnects "
+             "(smbtorture)",
+             [Session("smbtorture", tests=SERVER_TESTS, timeout=240)]),
     Scenario("impacket_ops", "another client (impacket) in SMB 2.0.2, 2.1 and 3.0: mkdir, put, "
              "get, ls, rename, rm, rmdir, failed open",
              [Session("impacket", dialect=d) for d in ("2.0.2", "2.1", "3.0")],

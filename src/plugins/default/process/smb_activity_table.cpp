@@ -53,9 +53,10 @@ void conntable_free(conntable *t) {
 namespace {
 
 conn_record &record_for(conntable *t, const conn_key &key) {
-    if (conn_record *r = t->find(key)) return *r;
-    if (t->slot(key)) ++t->dropped;
-    return t->replace(key);
+    bool evicted;
+    conn_record &r = t->claim(key, evicted);
+    if (evicted) ++t->dropped;
+    return r;
 }
 
 }  // namespace

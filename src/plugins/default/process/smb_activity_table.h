@@ -151,12 +151,13 @@ struct conn_record {
     // Counters of messages whose packet left no record (a response that the parser refuses
     // after counting it), owned, or null: handed to the next record of the connection.
     smb_activity *parked;
+    uint64_t used;  // the table's stamp
 
     void release();
 };
 
 // Shared by all queues: hold `lock` (smb::SpinGuard) around every call.
-struct conntable : smb::HashTable<conn_record> {
+struct conntable : smb::BucketTable<conn_record> {
     pthread_spinlock_t lock;
     uint64_t dropped;  // connections pushed out by another one (with their parked counters)
 };

@@ -2,12 +2,13 @@
 
 namespace {
 
-// The record of `key`, pushing out (and counting) another key on its slot.
+// The record of `key`, pushing out (and counting) another key when its bucket is full.
 template <typename Table, typename Key>
 auto &claim(Table *t, const Key &key) {
-    if (auto *r = t->find(key)) return *r;
-    if (t->slot(key)) ++t->evicted;
-    return t->replace(key);
+    bool evicted;
+    auto &r = t->claim(key, evicted);
+    if (evicted) ++t->evicted;
+    return r;
 }
 
 }  // namespace

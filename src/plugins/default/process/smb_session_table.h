@@ -7,8 +7,8 @@
 // address, client port, FileId of a named pipe, presentation context id), the interface UUID
 // that a BIND or ALTER_CONTEXT gave the context, for the REQUESTs that name only the context.
 //
-// Both follow the one-slot scheme of smb_table_scheme.h: an entry pushed out by another key is
-// counted as evicted.
+// Both follow the bucket scheme of smb_table_scheme.h: an entry pushed out of a full bucket by
+// another key is counted as evicted.
 #pragma once
 
 #include <pthread.h>
@@ -36,10 +36,12 @@ struct session_record {
     // The session's names, a reference of the record's own; null for an anonymous session.
     smb::ntlmssp::SharedIdentity *names;
 
+    uint64_t used;  // the table's stamp
+
     void release();
 };
 
-struct sessiontable : smb::HashTable<session_record> {
+struct sessiontable : smb::BucketTable<session_record> {
     pthread_spinlock_t lock;
     uint64_t evicted;
 };
@@ -69,9 +71,10 @@ struct pipe_key {
 struct pipe_record {
     pipe_key key;
     smb::dcerpc::Uuid interface;
+    uint64_t used;  // the table's stamp
 };
 
-struct pipetable : smb::HashTable<pipe_record> {
+struct pipetable : smb::BucketTable<pipe_record> {
     pthread_spinlock_t lock;
     uint64_t evicted;
 };

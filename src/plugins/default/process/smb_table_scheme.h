@@ -177,7 +177,7 @@ struct HashTable {
         slots = nullptr;
     }
 
-  private:
+  protected:
     static void release(Record &r) {
         if constexpr (requires { r.release(); }) r.release();
     }
@@ -198,6 +198,62 @@ struct HashTable {
         }
         r->key = key;
         return *r;
+    }
+};
+
+// The scheme of the plug-in's own tables whose records live as long as a connection or a
+// session (activity=1). With one slot a key, two live connections whose keys meet on a slot
+// push each other out, and a table of 4096 slots already holds such a pair with even odds at
+// about 75 live keys: here a key may take any of the `Ways` slots of its bucket (the slot
+// index with its low bits cleared), and only a full bucket pushes a record out, the one used
+// least recently. The record type has a `uint64_t used` member, which the table stamps from a
+// counter of its own at every claim and find.
+template <TableRecord Record, int Ways = 8>
+requires(std::has_single_bit(unsigned(Ways)) && Ways <= (1 << kMinSlotBits)) struct BucketTable
+    : private HashTable<Record> {
+    using Base = HashTable<Record>;
+    using Key = typename Base::Key;
+    using Base::free_slots;
+    using Base::init_slots;
+    using Base::mask;
+    using Base::size;
+
+    uint64_t clock;  // stamps `used`
+
+    // The record of `key`, or null.
+    Record *find(const Key &key) {
+        Record **b = bucket(key);
+        for (int i = 0; i < Ways; ++i)
+            if (b[i] && b[i]->key == key) return touch(b[i]);
+        return nullptr;
+    }
+
+    // The record of `key`; made fresh when it is missing, in an empty slot of its bucket or,
+    // when the bucket is full, in place of its least recently used record (`evicted` is set).
+    Record &claim(const Key &key, bool &evicted) {
+        evicted = false;
+        Record **b = bucket(key);
+        Record **empty = nullptr, **oldest = nullptr;
+        for (int i = 0; i < Ways; ++i) {
+            if (!b[i]) {
+                if (!empty) empty = &b[i];
+            } else if (b[i]->key == key) {
+                return *touch(b[i]);
+            } else if (!oldest || b[i]->used < (*oldest)->used) {
+                oldest = &b[i];
+            }
+        }
+        if (!empty) evicted = true;
+        return *touch(&Base::claim(empty ? *empty : *oldest, key));
+    }
+
+  private:
+    Record **bucket(const Key &key) {
+        return this->slots + (Base::index_of(key) & ~static_cast<size_t>(Ways - 1));
+    }
+    Record *touch(Record *r) {
+        r->used = ++clock;
+        return r;
     }
 };
 
