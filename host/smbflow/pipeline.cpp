@@ -18,6 +18,24 @@ namespace {
 constexpr size_t kBatchPackets = 256;
 constexpr size_t kBatchBytes = 1 << 20;
 constexpr size_t kBatchesInFlight = 8;  // per queue
+// Flow records that a queue gathers before it wakes the export thread, unless it runs out of
+// packets first: one message per batch woke the export thread (which keeps up easily and so
+// waits) several thousand times per million packets, each a futex call on both sides.
+constexpr size_t kExportFlows = 512;
+constexpr size_t kMessagesBack = 16;  // per queue
+// Records that came back from the export which a queue frees after each batch of packets, at
+// the least: about what a batch makes, so that the plug-in's per-thread stores of freed
+// records are refilled for the next batch to take from (freed all at once, most of them would
+// overflow the stores into the allocator, and the next batch would allocate afresh).
+constexpr size_t kFreedPerBatch = 64;
+
+void free_some(SlotReleases &pending) {
+    const size_t n = std::min(pending.size(), std::max(kFreedPerBatch, pending.size() / 8));
+    for (size_t i = 0; i < n; ++i) {
+        pending.back().plugin->free_slot(&pending.back().record);
+        pending.pop_back();
+    }
+}
 constexpr uint64_t kBroadcastNs = 1'000'000'000ull;
 constexpr size_t kInPlace = SIZE_MAX;  // an item whose bytes are not in the arena
 
@@ -49,26 +67,32 @@ struct Pipeline::Batch {
 };
 
 // Flow records that a queue exported, already post-processed: the export thread takes their
-// fields' values and frees their slots, which needs nothing of the queue's state. The messages
-// go back to the queues once written, so that their vectors are reused. What a queue holds at
-// the end of input comes unprocessed instead (`final`): it is post-processed on the export
-// thread in the order of output, once every queue is done.
+// fields' values, which needs nothing of the queue's state. The messages go back to their
+// queue once written, so that their vectors are reused, with the plug-ins' records that the
+// export let go (`released`): the queue's thread frees them, the one that allocated them.
+// What a queue holds at the end of input comes unprocessed instead (`final`): it is
+// post-processed on the export thread in the order of output, once every queue is done.
 struct Pipeline::ExportMsg {
     std::vector<FlowHandoff> flows;  // the first `count` are in use
     size_t count = 0;
     std::vector<FlowHandoff> held;
+    SlotReleases released;
+    unsigned from = 0;  // the queue's index
     bool final = false;
 };
 
 struct Pipeline::Worker {
     explicit Worker(const Host &host)
         : exporter(host, FillForms::Readable, host_rendered_fields()) {}
+    unsigned index = 0;
     std::unique_ptr<Queue> queue;
     Channel<std::unique_ptr<Batch>> in{kBatchesInFlight};
+    Channel<ExportMsg> written{kMessagesBack};  // messages back from the export thread
     std::unique_ptr<Batch> filling;
     uint64_t pushed_clock_ns = 0;
     Exporter exporter;
-    ExportMsg handed;  // filled by the queue's sink on the worker thread
+    ExportMsg handed;      // filled by the queue's sink on the worker thread
+    SlotReleases pending;  // records back from the export, to free on this thread
     bool flushing = false;
     ParseResults parse;
     std::thread thread;
@@ -80,10 +104,10 @@ Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallba
     queues = std::max(queues, 1u);
     spare_ = std::make_unique<Channel<std::unique_ptr<Batch>>>(queues * (kBatchesInFlight + 2));
     export_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
-    written_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
     for (unsigned i = 0; i < queues; ++i) {
         auto w = std::make_unique<Worker>(host_);
         Worker *raw = w.get();
+        w->index = i;
         // Post-processing runs here, on the queue's thread, the moment the queue lets the flow
         // record go: the shared tables are then as the flow's last packet left them, not as
         // packets processed since then have changed them.
@@ -170,12 +194,16 @@ void Pipeline::worker_main(Worker &w) {
             w.queue->process(item.pkt, item.bytes);
         }
         w.queue->advance(b.clock_ns);
-        if (w.handed.count) send(w, false);
+        // Flows go out at the latest when the queue is about to wait for packets, so that
+        // a quiet live interface does not hold them back.
+        if (w.handed.count && (w.handed.count >= kExportFlows || w.in.empty())) send(w, false);
+        free_some(w.pending);
         b.arena.clear();
         b.items.clear();
         b.keep.clear();
         spare_->try_push(std::move(*batch));
     }
+    free_released(w.pending);
     w.flushing = true;
     w.queue->flush();
     send(w, true);
@@ -184,11 +212,19 @@ void Pipeline::worker_main(Worker &w) {
 
 void Pipeline::send(Worker &w, bool final) {
     w.handed.final = final;
+    w.handed.from = w.index;
     export_->push(std::move(w.handed));
-    if (auto reused = written_->try_pop())
+    if (auto reused = w.written.try_pop()) {
         w.handed = std::move(*reused);
-    else
+        SlotReleases &back = w.handed.released;
+        if (w.pending.empty())
+            std::swap(w.pending, back);
+        else
+            w.pending.insert(w.pending.end(), back.begin(), back.end());
+        back.clear();
+    } else {
         w.handed = ExportMsg{};
+    }
     w.handed.count = 0;
 }
 
@@ -206,16 +242,19 @@ void Pipeline::exporter_main() {
     while (finals < workers_.size()) {
         auto msg = export_->pop();
         if (!msg) break;
+        // A queue's last message does not go back: its records are freed here.
+        if (!msg->final) t_slot_releases = &msg->released;
         for (auto &flow : std::span(msg->flows).first(msg->count)) {
             exporter.export_postprocessed(flow, out);
             export_one(out);
         }
+        t_slot_releases = nullptr;
         if (msg->final) {
             ++finals;
             std::move(msg->held.begin(), msg->held.end(), std::back_inserter(at_end));
             continue;
         }
-        written_->try_push(std::move(*msg));
+        if (!workers_[msg->from]->written.try_push(std::move(*msg))) free_released(msg->released);
     }
     // Every queue is done: the shared tables are final, and neither the order of what the
     // queues held at the end nor what post-processing finds for it depends on how packets
@@ -237,6 +276,10 @@ void Pipeline::finish() {
     for (auto &w : workers_)
         w->thread.join();
     export_thread_.join();
+    // Messages that came back after their queue's last one still hold records.
+    for (auto &w : workers_)
+        while (auto msg = w->written.try_pop())
+            free_released(msg->released);
 }
 
 PipelineStats Pipeline::stats() const {

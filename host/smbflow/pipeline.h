@@ -80,7 +80,6 @@ class Pipeline {
     std::vector<std::unique_ptr<Worker>> workers_;
     std::unique_ptr<Channel<std::unique_ptr<Batch>>> spare_;
     std::unique_ptr<Channel<ExportMsg>> export_;
-    std::unique_ptr<Channel<ExportMsg>> written_;  // back to the queues, for reuse
     std::thread export_thread_;
     uint64_t clock_ns_ = 0;
     uint64_t next_broadcast_ns_ = 0;
