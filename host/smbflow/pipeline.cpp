@@ -17,12 +17,12 @@ namespace {
 
 constexpr size_t kBatchPackets = 256;
 constexpr size_t kBatchBytes = 1 << 20;
-constexpr size_t kBatchesInFlight = 8;  // per queue
+constexpr size_t kBatchesInFlight = 16;  // per queue
 // Flow records that a queue gathers before it wakes the export thread, unless it runs out of
 // packets first: one message per batch woke the export thread (which keeps up easily and so
 // waits) several thousand times per million packets, each a futex call on both sides.
 constexpr size_t kExportFlows = 512;
-constexpr size_t kMessagesBack = 16;  // per queue
+constexpr size_t kMessagesPerQueue = 16;  // room in the export channel, per queue
 // Records that came back from the export which a queue frees after each batch of packets, at
 // the least: about what a batch makes, so that the plug-in's per-thread stores of freed
 // records are refilled for the next batch to take from (freed all at once, most of them would
@@ -82,12 +82,16 @@ struct Pipeline::ExportMsg {
 };
 
 struct Pipeline::Worker {
-    explicit Worker(const Host &host)
-        : exporter(host, FillForms::Readable, host_rendered_fields()) {}
+    Worker(const Host &host, size_t export_room)
+        : written(export_room + 1), exporter(host, FillForms::Readable, host_rendered_fields()) {}
     unsigned index = 0;
     std::unique_ptr<Queue> queue;
     Channel<std::unique_ptr<Batch>> in{kBatchesInFlight};
-    Channel<ExportMsg> written{kMessagesBack};  // messages back from the export thread
+    // Messages back from the export thread. A queue makes a message only when none has come
+    // back, so it has at most the export channel's room and two (the one it fills and the
+    // one being written): this channel never fills, and the export thread never waits on it.
+    Channel<ExportMsg> written;
+    size_t out = 0;  // messages sent and not back yet
     std::unique_ptr<Batch> filling;
     uint64_t pushed_clock_ns = 0;
     Exporter exporter;
@@ -103,9 +107,9 @@ Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallba
     : host_(host), on_record_(std::move(on_record)), need_(need), forms_(forms) {
     queues = std::max(queues, 1u);
     spare_ = std::make_unique<Channel<std::unique_ptr<Batch>>>(queues * (kBatchesInFlight + 2));
-    export_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
+    export_ = std::make_unique<Channel<ExportMsg>>(queues * kMessagesPerQueue);
     for (unsigned i = 0; i < queues; ++i) {
-        auto w = std::make_unique<Worker>(host_);
+        auto w = std::make_unique<Worker>(host_, queues * kMessagesPerQueue);
         Worker *raw = w.get();
         w->index = i;
         // Post-processing runs here, on the queue's thread, the moment the queue lets the flow
@@ -203,6 +207,12 @@ void Pipeline::worker_main(Worker &w) {
         b.keep.clear();
         spare_->try_push(std::move(*batch));
     }
+    // Every record of this queue that the export let go is freed on this thread before the
+    // end; what the queue still holds goes out with its last message and is freed on the
+    // export thread.
+    if (w.handed.count) send(w, false);
+    while (w.out)
+        take_back(w, *w.written.pop());
     free_released(w.pending);
     w.flushing = true;
     w.queue->flush();
@@ -214,17 +224,21 @@ void Pipeline::send(Worker &w, bool final) {
     w.handed.final = final;
     w.handed.from = w.index;
     export_->push(std::move(w.handed));
-    if (auto reused = w.written.try_pop()) {
-        w.handed = std::move(*reused);
-        SlotReleases &back = w.handed.released;
-        if (w.pending.empty())
-            std::swap(w.pending, back);
-        else
-            w.pending.insert(w.pending.end(), back.begin(), back.end());
-        back.clear();
-    } else {
-        w.handed = ExportMsg{};
-    }
+    w.handed = ExportMsg{};
+    if (final) return;
+    ++w.out;
+    if (auto reused = w.written.try_pop()) take_back(w, std::move(*reused));
+}
+
+void Pipeline::take_back(Worker &w, ExportMsg &&msg) {
+    --w.out;
+    w.handed = std::move(msg);
+    SlotReleases &back = w.handed.released;
+    if (w.pending.empty())
+        std::swap(w.pending, back);
+    else
+        w.pending.insert(w.pending.end(), back.begin(), back.end());
+    back.clear();
     w.handed.count = 0;
 }
 
@@ -254,7 +268,7 @@ void Pipeline::exporter_main() {
             std::move(msg->held.begin(), msg->held.end(), std::back_inserter(at_end));
             continue;
         }
-        if (!workers_[msg->from]->written.try_push(std::move(*msg))) free_released(msg->released);
+        workers_[msg->from]->written.push(std::move(*msg));
     }
     // Every queue is done: the shared tables are final, and neither the order of what the
     // queues held at the end nor what post-processing finds for it depends on how packets
@@ -276,10 +290,6 @@ void Pipeline::finish() {
     for (auto &w : workers_)
         w->thread.join();
     export_thread_.join();
-    // Messages that came back after their queue's last one still hold records.
-    for (auto &w : workers_)
-        while (auto msg = w->written.try_pop())
-            free_released(msg->released);
 }
 
 PipelineStats Pipeline::stats() const {

@@ -70,6 +70,7 @@ class Pipeline {
     void push(Worker &w);
     void worker_main(Worker &w);
     void send(Worker &w, bool final);
+    void take_back(Worker &w, ExportMsg &&msg);  // a message back from the export thread
     void exporter_main();
     void export_one(const corvane_host::ExportedFlow &flow);
 
