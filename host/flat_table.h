@@ -35,6 +35,11 @@ class FlatTable {
         return nullptr;
     }
 
+    // Starts loading the index slot where a lookup of the key begins, for a lookup that comes
+    // later: the index is too large for the caches, and a lookup that waits for its slot
+    // waits for memory.
+    void prefetch(const Key &key) const { __builtin_prefetch(&index_[mix(key) & mask()]); }
+
     // The key's entry, made with a value-initialised Value when missing (true).
     std::pair<Entry *, bool> try_emplace(const Key &key) {
         if (Entry *e = find(key)) return {e, false};

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <array>
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -27,17 +29,34 @@ struct ConnKey {
     uint16_t port_b = 0;
     uint8_t ip_version = 0;
     uint8_t protocol = 0;
-    uint64_t digest = 0;  // conn_hash of the fields above, when set (conn_key_of)
+    uint16_t reserved = 0;  // always 0: ports to here are one word (tuple_word)
+    uint64_t digest = 0;    // conn_hash of the fields above, when set (conn_key_of)
+
+    // The ports, IP version and protocol as one word. oriented_key stores them with one
+    // write of this word: read back as a word right after four narrower writes, they would
+    // wait for those writes to reach the cache (no store forwarding across several stores).
+    uint64_t tuple_word() const {
+        uint64_t w;
+        memcpy(&w, &port_a, sizeof w);
+        return w;
+    }
+    void set_tuple_word(uint64_t w) { memcpy(&port_a, &w, sizeof w); }
 
     // The endpoints and protocol, the addresses as two words each (the defaulted comparison
     // calls memcmp for each address); the digest follows from them and is not compared, so
     // that a key without it finds its entry.
     bool operator==(const ConnKey &o) const {
-        return port_a == o.port_a && port_b == o.port_b && ip_version == o.ip_version &&
-               protocol == o.protocol && same_words(addr_a, o.addr_a) &&
+        return tuple_word() == o.tuple_word() && same_words(addr_a, o.addr_a) &&
                same_words(addr_b, o.addr_b);
     }
 };
+
+static_assert(offsetof(ConnKey, port_b) == offsetof(ConnKey, port_a) + 2 &&
+                  offsetof(ConnKey, ip_version) == offsetof(ConnKey, port_a) + 4 &&
+                  offsetof(ConnKey, protocol) == offsetof(ConnKey, port_a) + 5 &&
+                  offsetof(ConnKey, reserved) == offsetof(ConnKey, port_a) + 6,
+              "the tuple word covers the ports, version, protocol and reserved bytes");
+static_assert(std::endian::native == std::endian::little, "tuple word layout");
 
 struct FlowKey {
     ConnKey conn;
@@ -77,16 +96,16 @@ inline int compare_addr(const std::array<uint8_t, 16> &x, const std::array<uint8
 // is endpoint a. Inline: every packet makes one.
 inline ConnKey oriented_key(const host_packet &pkt, bool &from_a) {
     ConnKey key;
-    key.ip_version = pkt.ip_version;
-    key.protocol = pkt.protocol;
     const auto src = detail::addr_bytes(pkt.src_addr, pkt.ip_version);
     const auto dst = detail::addr_bytes(pkt.dst_addr, pkt.ip_version);
     const int cmp = detail::compare_addr(src, dst);
     from_a = cmp < 0 || (cmp == 0 && pkt.src_port <= pkt.dst_port);
     key.addr_a = from_a ? src : dst;
     key.addr_b = from_a ? dst : src;
-    key.port_a = from_a ? pkt.src_port : pkt.dst_port;
-    key.port_b = from_a ? pkt.dst_port : pkt.src_port;
+    const uint64_t port_a = from_a ? pkt.src_port : pkt.dst_port;
+    const uint64_t port_b = from_a ? pkt.dst_port : pkt.src_port;
+    key.set_tuple_word(port_a | port_b << 16 | uint64_t{pkt.ip_version} << 32 |
+                       uint64_t{pkt.protocol} << 40);
     return key;
 }
 

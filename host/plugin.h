@@ -43,12 +43,41 @@ struct PluginInstance {
     void *callback_ctx = nullptr;
     corvane_callback_fn callback = nullptr;
 
-    // Frees one record held in a slot through the plug-in's callback hook.
-    void free_slot(host_slot *slot) const {
-        if (*slot && callback) callback(callback_ctx, slot);
-        *slot = nullptr;
-    }
+    // Frees one record held in a slot through the plug-in's callback hook, or hands it to the
+    // thread's release list when it has one (see SlotReleases).
+    inline void free_slot(host_slot *slot) const;
 };
+
+// Records whose freeing a thread leaves to another: the thread that exports flow records is
+// not the one that made their records, and a record freed away from the thread that allocated
+// it goes back to that thread's allocator arena under its lock, which the allocating thread
+// takes at the same time (two futex calls per meeting). The export thread collects them
+// instead, and the queue's thread frees them when the list comes back to it.
+struct SlotRelease {
+    const PluginInstance *plugin;
+    host_slot record;
+};
+using SlotReleases = std::vector<SlotRelease>;
+
+// Where free_slot puts records on this thread; null: they are freed at once.
+inline thread_local SlotReleases *t_slot_releases = nullptr;
+
+void PluginInstance::free_slot(host_slot *slot) const {
+    if (*slot && callback) {
+        if (t_slot_releases)
+            t_slot_releases->push_back({this, *slot});
+        else
+            callback(callback_ctx, slot);
+    }
+    *slot = nullptr;
+}
+
+// Frees what a release list holds (on a thread without a list of its own) and empties it.
+inline void free_released(SlotReleases &released) {
+    for (SlotRelease &r : released)
+        r.plugin->free_slot(&r.record);
+    released.clear();
+}
 
 // The hooks that one plug-in registered for one processing queue.
 struct QueueHooks {

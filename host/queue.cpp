@@ -106,6 +106,11 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     pkt.dir_counters[1] = {};
     pkt.dir_counters[pre_dir] = {1, bytes};
 
+    // The flow's key is known once the filter hooks have run; it is usually the connection's
+    // own hash, whose index slot is fetched meanwhile unless the last flow has that key.
+    auto *last = static_cast<FlowEntry *>(conn.last_flow);
+    if (!last || last->first.hash != ck.digest) flows_.prefetch(FlowKey{ck, ck.digest});
+
     const size_t n = host_.plugin_count();
     std::array<host_slot, kMaxPlugins> pkt_slots{};
     for (size_t i = 0; i < n; ++i)
@@ -114,7 +119,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     if (pkt.flags & HOST_FLAG_SMB_RECORD) ++stats_.smb_record_packets;
 
     const FlowKey key{ck, pkt.flow_hash};
-    auto *it = static_cast<FlowEntry *>(conn.last_flow);
+    FlowEntry *it = last;
     if (!it || !(it->first == key)) it = flows_.find(key);
     if (it && timed_out(it->second, now)) {
         const bool active = !(now - it->second.rec.last_ns >= config_.inactive_timeout_ns);
@@ -162,8 +167,9 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     flow.rec.dir_counters[dir].bytes += pkt.dir_counters[pre_dir].bytes;
     flow.rec.tcp_flags[dir] |= pkt.tcp_flags;
     flow.rec.last_ns = std::max(flow.rec.last_ns, now);
+    // Most packets' records went into the flow's slot: the plug-in is not looked at for those.
     for (size_t i = 0; i < n; ++i)
-        host_.plugin(i).free_slot(&pkt_slots[i]);
+        if (pkt_slots[i]) host_.plugin(i).free_slot(&pkt_slots[i]);
 }
 
 void Queue::hand_off(const FlowKey &key, Flow &flow, ExportReason reason) {

@@ -17,7 +17,25 @@ namespace {
 
 constexpr size_t kBatchPackets = 256;
 constexpr size_t kBatchBytes = 1 << 20;
-constexpr size_t kBatchesInFlight = 8;  // per queue
+constexpr size_t kBatchesInFlight = 16;  // per queue
+// Flow records that a queue gathers before it wakes the export thread, unless it runs out of
+// packets first: one message per batch woke the export thread (which keeps up easily and so
+// waits) several thousand times per million packets, each a futex call on both sides.
+constexpr size_t kExportFlows = 512;
+constexpr size_t kMessagesPerQueue = 16;  // room in the export channel, per queue
+// Records that came back from the export which a queue frees after each batch of packets, at
+// the least: about what a batch makes, so that the plug-in's per-thread stores of freed
+// records are refilled for the next batch to take from (freed all at once, most of them would
+// overflow the stores into the allocator, and the next batch would allocate afresh).
+constexpr size_t kFreedPerBatch = 64;
+
+void free_some(SlotReleases &pending) {
+    const size_t n = std::min(pending.size(), std::max(kFreedPerBatch, pending.size() / 8));
+    for (size_t i = 0; i < n; ++i) {
+        pending.back().plugin->free_slot(&pending.back().record);
+        pending.pop_back();
+    }
+}
 constexpr uint64_t kBroadcastNs = 1'000'000'000ull;
 constexpr size_t kInPlace = SIZE_MAX;  // an item whose bytes are not in the arena
 
@@ -49,26 +67,36 @@ struct Pipeline::Batch {
 };
 
 // Flow records that a queue exported, already post-processed: the export thread takes their
-// fields' values and frees their slots, which needs nothing of the queue's state. The messages
-// go back to the queues once written, so that their vectors are reused. What a queue holds at
-// the end of input comes unprocessed instead (`final`): it is post-processed on the export
-// thread in the order of output, once every queue is done.
+// fields' values, which needs nothing of the queue's state. The messages go back to their
+// queue once written, so that their vectors are reused, with the plug-ins' records that the
+// export let go (`released`): the queue's thread frees them, the one that allocated them.
+// What a queue holds at the end of input comes unprocessed instead (`final`): it is
+// post-processed on the export thread in the order of output, once every queue is done.
 struct Pipeline::ExportMsg {
     std::vector<FlowHandoff> flows;  // the first `count` are in use
     size_t count = 0;
     std::vector<FlowHandoff> held;
+    SlotReleases released;
+    unsigned from = 0;  // the queue's index
     bool final = false;
 };
 
 struct Pipeline::Worker {
-    explicit Worker(const Host &host)
-        : exporter(host, FillForms::Readable, host_rendered_fields()) {}
+    Worker(const Host &host, size_t export_room)
+        : written(export_room + 1), exporter(host, FillForms::Readable, host_rendered_fields()) {}
+    unsigned index = 0;
     std::unique_ptr<Queue> queue;
     Channel<std::unique_ptr<Batch>> in{kBatchesInFlight};
+    // Messages back from the export thread. A queue makes a message only when none has come
+    // back, so it has at most the export channel's room and two (the one it fills and the
+    // one being written): this channel never fills, and the export thread never waits on it.
+    Channel<ExportMsg> written;
+    size_t out = 0;  // messages sent and not back yet
     std::unique_ptr<Batch> filling;
     uint64_t pushed_clock_ns = 0;
     Exporter exporter;
-    ExportMsg handed;  // filled by the queue's sink on the worker thread
+    ExportMsg handed;      // filled by the queue's sink on the worker thread
+    SlotReleases pending;  // records back from the export, to free on this thread
     bool flushing = false;
     ParseResults parse;
     std::thread thread;
@@ -79,11 +107,11 @@ Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallba
     : host_(host), on_record_(std::move(on_record)), need_(need), forms_(forms) {
     queues = std::max(queues, 1u);
     spare_ = std::make_unique<Channel<std::unique_ptr<Batch>>>(queues * (kBatchesInFlight + 2));
-    export_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
-    written_ = std::make_unique<Channel<ExportMsg>>(queues * 16);
+    export_ = std::make_unique<Channel<ExportMsg>>(queues * kMessagesPerQueue);
     for (unsigned i = 0; i < queues; ++i) {
-        auto w = std::make_unique<Worker>(host_);
+        auto w = std::make_unique<Worker>(host_, queues * kMessagesPerQueue);
         Worker *raw = w.get();
+        w->index = i;
         // Post-processing runs here, on the queue's thread, the moment the queue lets the flow
         // record go: the shared tables are then as the flow's last packet left them, not as
         // packets processed since then have changed them.
@@ -170,12 +198,22 @@ void Pipeline::worker_main(Worker &w) {
             w.queue->process(item.pkt, item.bytes);
         }
         w.queue->advance(b.clock_ns);
-        if (w.handed.count) send(w, false);
+        // Flows go out at the latest when the queue is about to wait for packets, so that
+        // a quiet live interface does not hold them back.
+        if (w.handed.count && (w.handed.count >= kExportFlows || w.in.empty())) send(w, false);
+        free_some(w.pending);
         b.arena.clear();
         b.items.clear();
         b.keep.clear();
         spare_->try_push(std::move(*batch));
     }
+    // Every record of this queue that the export let go is freed on this thread before the
+    // end; what the queue still holds goes out with its last message and is freed on the
+    // export thread.
+    if (w.handed.count) send(w, false);
+    while (w.out)
+        take_back(w, *w.written.pop());
+    free_released(w.pending);
     w.flushing = true;
     w.queue->flush();
     send(w, true);
@@ -184,11 +222,23 @@ void Pipeline::worker_main(Worker &w) {
 
 void Pipeline::send(Worker &w, bool final) {
     w.handed.final = final;
+    w.handed.from = w.index;
     export_->push(std::move(w.handed));
-    if (auto reused = written_->try_pop())
-        w.handed = std::move(*reused);
+    w.handed = ExportMsg{};
+    if (final) return;
+    ++w.out;
+    if (auto reused = w.written.try_pop()) take_back(w, std::move(*reused));
+}
+
+void Pipeline::take_back(Worker &w, ExportMsg &&msg) {
+    --w.out;
+    w.handed = std::move(msg);
+    SlotReleases &back = w.handed.released;
+    if (w.pending.empty())
+        std::swap(w.pending, back);
     else
-        w.handed = ExportMsg{};
+        w.pending.insert(w.pending.end(), back.begin(), back.end());
+    back.clear();
     w.handed.count = 0;
 }
 
@@ -206,16 +256,19 @@ void Pipeline::exporter_main() {
     while (finals < workers_.size()) {
         auto msg = export_->pop();
         if (!msg) break;
+        // A queue's last message does not go back: its records are freed here.
+        if (!msg->final) t_slot_releases = &msg->released;
         for (auto &flow : std::span(msg->flows).first(msg->count)) {
             exporter.export_postprocessed(flow, out);
             export_one(out);
         }
+        t_slot_releases = nullptr;
         if (msg->final) {
             ++finals;
             std::move(msg->held.begin(), msg->held.end(), std::back_inserter(at_end));
             continue;
         }
-        written_->try_push(std::move(*msg));
+        workers_[msg->from]->written.push(std::move(*msg));
     }
     // Every queue is done: the shared tables are final, and neither the order of what the
     // queues held at the end nor what post-processing finds for it depends on how packets

@@ -71,6 +71,7 @@ class Pipeline {
     void push(Worker &w);
     void worker_main(Worker &w);
     void send(Worker &w, bool final);
+    void take_back(Worker &w, ExportMsg &&msg);  // a message back from the export thread
     void exporter_main();
     void export_one(corvane_host::ExportedFlow &flow);
 
@@ -81,7 +82,6 @@ class Pipeline {
     std::vector<std::unique_ptr<Worker>> workers_;
     std::unique_ptr<Channel<std::unique_ptr<Batch>>> spare_;
     std::unique_ptr<Channel<ExportMsg>> export_;
-    std::unique_ptr<Channel<ExportMsg>> written_;  // back to the queues, for reuse
     std::thread export_thread_;
     uint64_t clock_ns_ = 0;
     uint64_t next_broadcast_ns_ = 0;

@@ -5,6 +5,7 @@
 // call so that tests can check the host's side of the contract. With the parameter `kinds`
 // it registers one more field of each kind a host presents: numbers of 2 and 8 bytes, a
 // number with a text of its own, and octets.
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -22,6 +23,7 @@ struct fake_record {
     uint32_t packets;
     uint8_t name[128];  // UTF-16LE
     int has_name;
+    pthread_t maker;  // the thread that allocated the record
     uint8_t postprocessed;
 };
 
@@ -39,7 +41,9 @@ fake_plugin_stats g_stats;
 fake_record *new_record() {
     BUMP(records_made);
     BUMP(records_alive);
-    return static_cast<fake_record *>(calloc(1, sizeof(fake_record)));
+    auto *rec = static_cast<fake_record *>(calloc(1, sizeof(fake_record)));
+    rec->maker = pthread_self();
+    return rec;
 }
 
 void *fake_update(void *qctx, host_packet *pkt, host_flow_record *flow, host_slot *pkt_slot,
@@ -104,6 +108,7 @@ void fake_release(void *, void *, host_slot *src, void *, host_slot *dst, int co
     if (!copy || !*src) return;
     fake_record *rec = new_record();
     memcpy(rec, *src, sizeof *rec);
+    rec->maker = pthread_self();
     *dst = rec;
 }
 
@@ -111,6 +116,8 @@ void fake_callback(void *, host_slot *slot) {
     if (!*slot) return;
     BUMP(callbacks);
     DROP(records_alive);
+    if (!pthread_equal(static_cast<fake_record *>(*slot)->maker, pthread_self()))
+        BUMP(callbacks_elsewhere);
     free(*slot);
     *slot = nullptr;
 }

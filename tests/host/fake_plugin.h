@@ -18,6 +18,7 @@ struct fake_plugin_stats {
     uint64_t init_queue_calls;
     uint64_t shutdown_queue_calls;
     uint64_t shutdown_calls;
+    uint64_t callbacks_elsewhere;  // records freed on another thread than the one that made them
     char last_params[256];
 };
 
