@@ -1,4 +1,5 @@
-// The one hash-table scheme behind the plug-in's five state tables.
+// The hash-table scheme behind the plug-in's five state tables (and, with buckets of several
+// slots, BucketTable below, behind its own tables of connections, sessions and pipes).
 //
 // A table is a fixed array of slots (a power of two, at least 1024), each slot holding at most
 // one record. The slot of a key is the CRC-32C (seed 0) of the key's fields packed
