@@ -18,13 +18,17 @@ const uint8_t smb_op_invalid = SMB_OP_INVALID;
 namespace {
 
 // Every parsed packet makes a record and almost every one is freed a moment later, when the
-// update hook has merged it into its flow's record; names come and go with the exported
-// records. A few freed blocks of each size stay with the thread that freed them and serve its
-// next allocation of that size without the allocator. The stacks are per thread because the
-// hooks of a queue and the export run on different threads, and bounded because one thread
-// may free far more than it allocates (the export frees the records the queues made).
-enum Kind { kPlainRecord, kBlockRecord, kName, kKinds };
-constexpr size_t kSizes[kKinds] = {sizeof(smb_flow_data), sizeof(smb_record_block), SMB_NAME_SIZE};
+// update hook has merged it into its flow's record; names and the blocks of smb_who come and go
+// with the exported records. Freed blocks of each size stay with the thread that freed them
+// and serve its next allocation of that size without the allocator. The stacks are per thread
+// because the hooks of a queue and the export may run on different threads, and bounded
+// because one thread may free far more than it allocates. They are deep enough for a whole
+// batch of exported flows (the host hands up to 512 back at once to the queue's thread, each
+// with a record, names and a block): shallower stacks overflow on each batch, and the
+// allocations between two batches then miss them.
+enum Kind { kPlainRecord, kBlockRecord, kName, kWho, kKinds };
+constexpr size_t kSizes[kKinds] = {sizeof(smb_flow_data), sizeof(smb_record_block), SMB_NAME_SIZE,
+                                   sizeof(smb_who)};
 #if defined(__SANITIZE_ADDRESS__)
 constexpr int kDepth = 0;  // every block goes back at once, so that a use after free is seen
 #else
@@ -116,6 +120,16 @@ char *smb_name_new(void) {
 
 void smb_name_free(char *name) {
     if (name) give_back(stacks(), kName, name);
+}
+
+smb_who *smb_who_block_new(void) {
+    void *w = take(kWho);
+    memset(w, 0, sizeof(smb_who));
+    return static_cast<smb_who *>(w);
+}
+
+void smb_who_block_free(smb_who *w) {
+    give_back(stacks(), kWho, w);
 }
 
 void smb_record_init(smb_flow_data *rec) {
