@@ -4,6 +4,9 @@
 #include <stdint.h>
 
 #include "export.h"
+#ifdef __cplusplus
+#include "crc_tables.h"
+#endif
 
 // Standard CRC-32C register update: the register starts at `seed` (not complemented) and the
 // complement of the final register is returned, so seed 0xFFFFFFFF gives the usual CRC-32C.
@@ -33,11 +36,15 @@ inline uint64_t crc64_byte_step(uint64_t c, uint8_t byte) {
     return (c << 8) ^ corvaneexp_crc64_table[0][(byte ^ (c >> 56)) & 0xff];
 }
 
-// Four byte steps over a word's little-endian bytes: how every call ends.
+inline constexpr Crc64Tables kCrc64Tail = make_crc64_tail_tables(make_crc64_tables());
+
+// Four byte steps over a word's little-endian bytes (how every call ends), as four lookups
+// (see make_crc64_tail_tables): the parser folds identifiers into every packet's hash.
 inline uint64_t crc64_tail_bytes(uint64_t c, uint32_t word) {
-    for (int i = 0; i < 4; ++i)
-        c = crc64_byte_step(c, static_cast<uint8_t>(word >> (8 * i)));
-    return c;
+    const uint32_t v = static_cast<uint32_t>(c >> 32) ^ __builtin_bswap32(word);
+    const auto &h = kCrc64Tail;
+    return (c << 32) ^ h[3][v >> 24] ^ h[2][(v >> 16) & 0xff] ^ h[1][(v >> 8) & 0xff] ^
+           h[0][v & 0xff];
 }
 
 }  // namespace cv::crc

@@ -39,4 +39,21 @@ consteval Crc64Tables make_crc64_tables() {
     return t;
 }
 
+// The four byte steps that end every chained 64-bit hash, folded into four lookups. Over a
+// 32-bit word w the steps turn the register c into (c << 32) ^ H(v), v = (c >> 32) ^ bswap(w):
+// each step's index is the register's top byte, which only the top four bytes of c and the
+// bytes of w reach, and the table is linear (T0[a ^ b] = T0[a] ^ T0[b]). Table k holds H of a
+// byte in bits 8k..8k+7 of v: four byte steps over zeros from a register of v << 32.
+consteval Crc64Tables make_crc64_tail_tables(const Crc64Tables &t) {
+    Crc64Tables h{};
+    for (int k = 0; k < 4; ++k)
+        for (uint64_t i = 0; i < 256; ++i) {
+            uint64_t r = (i << (8 * k)) << 32;
+            for (int step = 0; step < 4; ++step)
+                r = (r << 8) ^ t[0][r >> 56];
+            h[k][i] = r;
+        }
+    return h;
+}
+
 }  // namespace cv::crc

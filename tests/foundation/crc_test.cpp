@@ -160,4 +160,18 @@ TEST(Crc64Steps, IntegerFoldsMatchTheByteFunction) {
     }
 }
 
+// The four-byte tail is folded into table lookups: every byte value of the word, against every
+// byte of the register that reaches an index, each on a seed with its other bits set.
+TEST(Crc64Steps, TailLookupsMatchTheByteLoop) {
+    for (int pos = 0; pos < 8; ++pos)
+        for (uint32_t v = 0; v < 256; ++v) {
+            const uint64_t seed = (uint64_t{v} << (8 * pos)) ^ 0x5A5A5A5A5A5A5A5Aull;
+            const uint32_t word = pos < 4 ? v << (8 * pos) : 0xC3u * v;
+            const uint8_t bytes[4] = {uint8_t(word), uint8_t(word >> 8), uint8_t(word >> 16),
+                                      uint8_t(word >> 24)};
+            ASSERT_EQ(cv::crc::crc64_tail_bytes(seed, word), corvaneexp_crc64(bytes, 4, seed))
+                << pos << " " << v;
+        }
+}
+
 }  // namespace

@@ -61,7 +61,13 @@ void smb_activity_take(smb_flow_data *into, smb_flow_data *from) {
         from->activity = nullptr;
         return;
     }
-    if (a->counted) smb_activity_merge(smb_activity_of(into), a);
+    // Every count marks its block first: a block not marked is still all zero (most requests'
+    // records), and clearing it again would only cost a packet's worth of stores.
+    if (!a->counted) {
+        if (smb_activity_is_inline(from)) return;
+    } else {
+        smb_activity_merge(smb_activity_of(into), a);
+    }
     if (smb_activity_is_inline(from)) {
         *a = smb_activity{};
     } else {

@@ -62,10 +62,8 @@ struct Plain {
 // retransmitted segment is parsed as any other, but its messages are not counted again.
 struct Counting {
     static void note_segment(host_packet *pkt, smb_queue_ctx *q, size_t payload_length) {
-        tcp_segment segment;
         q->repeat_segment =
-            q->tcp_seen && smb_tcp_segment(pkt, segment) &&
-            smb_tcp_seen_before(q->tcp_seen, pkt, segment, static_cast<uint32_t>(payload_length));
+            q->tcp_seen && smb_tcp_repeat(q->tcp_seen, pkt, static_cast<uint32_t>(payload_length));
     }
 
     static bool parse_in_place(host_packet *pkt, smb_queue_ctx *q, const uint8_t *payload,

@@ -34,7 +34,8 @@ void *attach_or_give_up(smb_queue_ctx *q, host_flow_record *flow, host_slot *pkt
 void merge(smb_flow_data *flow_rec, smb_flow_data *pkt_rec, bool first_direction,
            const host_flow_record *flow) {
     if (pkt_rec->activity) smb_activity_take(flow_rec, pkt_rec);
-    smb_who_take(flow_rec, pkt_rec);
+    // Both are only ever set with activity=1: the default run makes no call here.
+    if (pkt_rec->session_id || pkt_rec->who) smb_who_take(flow_rec, pkt_rec);
     flow_rec->security |= pkt_rec->security;
     if (pkt_rec->version == SMB_VERSION_1) {
         // SMB1 carries one command per message: the first answer from the other side is the

@@ -18,17 +18,21 @@ const uint8_t smb_op_invalid = SMB_OP_INVALID;
 namespace {
 
 // Every parsed packet makes a record and almost every one is freed a moment later, when the
-// update hook has merged it into its flow's record; names come and go with the exported
-// records. A few freed blocks of each size stay with the thread that freed them and serve its
-// next allocation of that size without the allocator. The stacks are per thread because the
-// hooks of a queue and the export run on different threads, and bounded because one thread
-// may free far more than it allocates (the export frees the records the queues made).
-enum Kind { kPlainRecord, kBlockRecord, kName, kKinds };
-constexpr size_t kSizes[kKinds] = {sizeof(smb_flow_data), sizeof(smb_record_block), SMB_NAME_SIZE};
+// update hook has merged it into its flow's record; names and the blocks of smb_who come and go
+// with the exported records. Freed blocks of each size stay with the thread that freed them
+// and serve its next allocation of that size without the allocator. The stacks are per thread
+// because the hooks of a queue and the export may run on different threads, and bounded
+// because one thread may free far more than it allocates. They are deep enough for a whole
+// batch of exported flows (the host hands up to 512 back at once to the queue's thread, each
+// with a record, names and a block): shallower stacks overflow on each batch, and the
+// allocations between two batches then miss them.
+enum Kind { kPlainRecord, kBlockRecord, kName, kWho, kKinds };
+constexpr size_t kSizes[kKinds] = {sizeof(smb_flow_data), sizeof(smb_record_block), SMB_NAME_SIZE,
+                                   sizeof(smb_who)};
 #if defined(__SANITIZE_ADDRESS__)
 constexpr int kDepth = 0;  // every block goes back at once, so that a use after free is seen
 #else
-constexpr int kDepth = 32;
+constexpr int kDepth = 1024;
 #endif
 
 struct Stacks {
@@ -89,16 +93,19 @@ inline Stacks *stacks() {
 }
 
 // Uninitialised memory of the kind's size.
-void *take(Kind kind) {
-    Stacks *s = stacks();
-    if (s && s->count[kind] > 0) return s->items[kind][--s->count[kind]];
+[[gnu::always_inline]] inline void *take(Stacks *s, Kind kind) {
+    if (s && s->count[kind] > 0) [[likely]]
+        return s->items[kind][--s->count[kind]];
     return cv::alloc::allocate_uninitialised(kSizes[kind]);
 }
 
-void give_back(Kind kind, void *p) {
-    if (!p) return;
-    Stacks *s = stacks();
-    if (s && s->count[kind] < kDepth) {
+[[gnu::always_inline]] inline void *take(Kind kind) {
+    return take(stacks(), kind);
+}
+
+// `p` is not null.
+[[gnu::always_inline]] inline void give_back(Stacks *s, Kind kind, void *p) {
+    if (s && s->count[kind] < kDepth) [[likely]] {
         s->items[kind][s->count[kind]++] = p;
         return;
     }
@@ -112,7 +119,17 @@ char *smb_name_new(void) {
 }
 
 void smb_name_free(char *name) {
-    give_back(kName, name);
+    if (name) give_back(stacks(), kName, name);
+}
+
+smb_who *smb_who_block_new(void) {
+    void *w = take(kWho);
+    memset(w, 0, sizeof(smb_who));
+    return static_cast<smb_who *>(w);
+}
+
+void smb_who_block_free(smb_who *w) {
+    give_back(stacks(), kWho, w);
 }
 
 void smb_record_init(smb_flow_data *rec) {
@@ -185,31 +202,37 @@ smb_flow_data *smb_record_copy(const smb_flow_data *src) {
 
 namespace {
 
-// What a record owns. Inline counters own nothing but a rename target, mostly null.
-inline void release_owned(smb_flow_data *rec) {
-    smb_name_free(rec->file_name);
-    smb_name_free(rec->tree_name);
+// What a record owns besides its names. Inline counters own nothing but a rename target,
+// mostly null.
+inline void release_counters(smb_flow_data *rec) {
     if (smb_activity *a = rec->activity; a && (a->rename_to || !smb_activity_is_inline(rec)))
         smb_activity_drop(rec);
-    smb_who_free(rec->who);
+    if (rec->who) smb_who_free(rec->who);
 }
 
 }  // namespace
 
 void smb_record_release(smb_flow_data *rec) {
-    release_owned(rec);
+    smb_name_free(rec->file_name);
+    smb_name_free(rec->tree_name);
+    release_counters(rec);
     rec->file_name = nullptr;
     rec->tree_name = nullptr;
     rec->activity = nullptr;
     rec->who = nullptr;
 }
 
+// Runs for almost every packet (the host frees the records merged into their flows): one
+// look-up of the thread's stacks serves the names and the record.
 void smb_record_free(host_slot *slot) {
     auto *rec = static_cast<smb_flow_data *>(*slot);
     if (!rec) return;
     // Decided before the release: a separate block of counters is dropped with it.
     const Kind kind = rec->activity && smb_activity_is_inline(rec) ? kBlockRecord : kPlainRecord;
-    release_owned(rec);
-    give_back(kind, rec);
+    Stacks *s = stacks();
+    if (rec->file_name) give_back(s, kName, rec->file_name);
+    if (rec->tree_name) give_back(s, kName, rec->tree_name);
+    release_counters(rec);
+    give_back(s, kind, rec);
     *slot = nullptr;
 }

@@ -5,8 +5,11 @@
 // one record. The slot of a key is the CRC-32C (seed 0) of the key's fields packed
 // little-endian without padding, masked to the slot count. There is no chaining, probing or
 // ageing: a lookup examines one slot, and a record lives until another key lands on its slot.
-// Records are allocated zero-filled the first time a key lands on an empty slot and are owned
-// by the table; later keys overwrite them in place.
+// Records are made zero-filled the first time a key lands on an empty slot and are owned by
+// the table; later keys overwrite them in place. They are carved from chunks of about 4 KiB
+// that the table allocates as it fills, rather than allocated one by one: a busy table takes
+// tens of thousands of small records, each otherwise a call into the allocator. A removed
+// record waits on the table's free list for the next claim; chunks go with the table.
 //
 // A record type is a plain struct whose first member is `key`, of a key type that compares
 // with == and packs itself with `packed()`. A key of a table of the plug-in's own (not one of
@@ -97,6 +100,11 @@ struct HashTable {
     Record **slots;
     int32_t size;
     int32_t mask;
+    // The record pool (see above); all zero in a fresh handle.
+    void *pool_free;     // removed records, linked through their first bytes
+    uint8_t *pool_next;  // the newest chunk's records not handed out yet
+    uint32_t pool_left;  // how many
+    void *pool_chunks;   // every chunk, linked through its header
 
     static uint32_t hash(const Key &key) {
         if constexpr (requires { key.hash(); }) {
@@ -161,41 +169,84 @@ struct HashTable {
 
     void free_slots() {
         if (!slots) return;
-        // Eight slots at a time (the count is a power of two of at least 1024): most groups
-        // of a big table are empty, and one test of their OR skips them.
-        for (int32_t i = 0; i < size; i += 8) {
-            Record *const *g = slots + i;
-            const uintptr_t any =
-                reinterpret_cast<uintptr_t>(g[0]) | reinterpret_cast<uintptr_t>(g[1]) |
-                reinterpret_cast<uintptr_t>(g[2]) | reinterpret_cast<uintptr_t>(g[3]) |
-                reinterpret_cast<uintptr_t>(g[4]) | reinterpret_cast<uintptr_t>(g[5]) |
-                reinterpret_cast<uintptr_t>(g[6]) | reinterpret_cast<uintptr_t>(g[7]);
-            if (any == 0) continue;
-            for (int32_t j = 0; j < 8; ++j)
-                destroy(slots[i + j]);
+        if constexpr (requires(Record r) { r.release(); }) {
+            // Eight slots at a time (the count is a power of two of at least 1024): most groups
+            // of a big table are empty, and one test of their OR skips them.
+            for (int32_t i = 0; i < size; i += 8) {
+                Record *const *g = slots + i;
+                const uintptr_t any =
+                    reinterpret_cast<uintptr_t>(g[0]) | reinterpret_cast<uintptr_t>(g[1]) |
+                    reinterpret_cast<uintptr_t>(g[2]) | reinterpret_cast<uintptr_t>(g[3]) |
+                    reinterpret_cast<uintptr_t>(g[4]) | reinterpret_cast<uintptr_t>(g[5]) |
+                    reinterpret_cast<uintptr_t>(g[6]) | reinterpret_cast<uintptr_t>(g[7]);
+                if (any == 0) continue;
+                for (int32_t j = 0; j < 8; ++j)
+                    if (slots[i + j]) release(*slots[i + j]);
+            }
         }
+        while (void *chunk = pool_chunks) {
+            memcpy(&pool_chunks, chunk, sizeof pool_chunks);
+            free(chunk);
+        }
+        pool_free = nullptr;
+        pool_next = nullptr;
+        pool_left = 0;
         free(slots);
         slots = nullptr;
     }
 
   protected:
+    // A chunk: a header holding the link to the previous chunk, then its records.
+    static constexpr size_t kChunkHeader = alignof(Record) > sizeof(void *) ? alignof(Record)
+                                                                            : sizeof(void *);
+#if defined(__SANITIZE_ADDRESS__)
+    // One record a chunk, so that a read past a record is seen.
+    static constexpr uint32_t kChunkRecords = 1;
+#else
+    static constexpr uint32_t kChunkRecords =
+        sizeof(Record) < 4096 - kChunkHeader ? (4096 - kChunkHeader) / sizeof(Record) : 1;
+#endif
+    static_assert(sizeof(Record) >= sizeof(void *), "a free record holds the list's link");
+
     static void release(Record &r) {
         if constexpr (requires { r.release(); }) r.release();
     }
 
-    static void destroy(Record *r) {
-        if (!r) return;
-        release(*r);
-        free(r);
+    // A zero-filled record from the pool.
+    Record *allocate() {
+        if (void *r = pool_free) {
+            memcpy(&pool_free, r, sizeof pool_free);
+            memset(r, 0, sizeof(Record));
+            return static_cast<Record *>(r);
+        }
+        if (pool_left == 0) {
+            // Zero-filled by corvaneexp_malloc, which ends the process when memory is out.
+            auto *chunk = static_cast<uint8_t *>(
+                corvaneexp_malloc(kChunkHeader + size_t{kChunkRecords} * sizeof(Record), 0));
+            memcpy(chunk, &pool_chunks, sizeof pool_chunks);
+            pool_chunks = chunk;
+            pool_next = chunk + kChunkHeader;
+            pool_left = kChunkRecords;
+        }
+        auto *r = reinterpret_cast<Record *>(pool_next);
+        pool_next += sizeof(Record);
+        --pool_left;
+        return r;
     }
 
-    // Makes `r` a fresh record of `key`, allocating it when the slot is empty.
-    static Record &claim(Record *&r, const Key &key) {
+    void destroy(Record *r) {
+        release(*r);
+        memcpy(r, &pool_free, sizeof pool_free);
+        pool_free = r;
+    }
+
+    // Makes `r` a fresh record of `key`, taking one from the pool when the slot is empty.
+    Record &claim(Record *&r, const Key &key) {
         if (r) {
             release(*r);
             *r = Record{};
         } else {
-            r = static_cast<Record *>(corvaneexp_malloc(sizeof(Record), 0));
+            r = allocate();
         }
         r->key = key;
         return *r;

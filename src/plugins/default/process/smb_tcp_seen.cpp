@@ -87,7 +87,7 @@ bool same_source(const tcp_seen_direction &d, const source_words &w) {
     return lo == w.lo && hi == w.hi;
 }
 
-void add_hole(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
+[[gnu::noinline]] void add_hole(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
     if (d.holes == tcp_seen_direction::kHoles) {
         // No room: the oldest hole is forgotten (a late segment filling it is then taken for
         // a repeat, the rarer mistake than counting every repeat).
@@ -111,7 +111,7 @@ void remove_hole(tcp_seen_direction &d, int i) {
 }
 
 // Takes [begin, end) out of the holes; true when any of it was in one.
-bool fill_holes(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
+[[gnu::noinline]] bool fill_holes(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
     bool filled = false;
     for (int i = 0; i < d.holes;) {
         const uint32_t hb = d.hole_begin[i], he = d.hole_end[i];
@@ -136,9 +136,7 @@ bool fill_holes(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
     return filled;
 }
 
-}  // namespace
-
-bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out) {
+[[gnu::always_inline]] inline bool segment_of(const host_packet *pkt, tcp_segment &out) {
     const size_t off = tcp_offset(pkt);
     if (off == 0 || off + 20 > pkt->length) return false;
     const uint8_t *tcp = pkt->data + off;
@@ -148,8 +146,8 @@ bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out) {
     return true;
 }
 
-bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_segment &segment,
-                         uint32_t length) {
+[[gnu::always_inline]] inline bool seen_before(tcp_seen_table *t, const host_packet *pkt,
+                                               const tcp_segment &segment, uint32_t length) {
     // Most segments without payload are bare acknowledgements: they neither bring bytes nor
     // start a direction over.
     if (length == 0 && !segment.syn) return false;
@@ -192,4 +190,20 @@ bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_se
         return false;
     }
     return !fill_holes(d, seq, end);
+}
+
+}  // namespace
+
+bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out) {
+    return segment_of(pkt, out);
+}
+
+bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_segment &segment,
+                         uint32_t length) {
+    return seen_before(t, pkt, segment, length);
+}
+
+bool smb_tcp_repeat(tcp_seen_table *t, const host_packet *pkt, uint32_t length) {
+    tcp_segment segment;
+    return segment_of(pkt, segment) && seen_before(t, pkt, segment, length);
 }

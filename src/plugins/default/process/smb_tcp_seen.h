@@ -48,3 +48,7 @@ bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out);
 // its bytes otherwise. A SYN starts the direction over (a new connection on the same ports).
 bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_segment &segment,
                          uint32_t length);
+
+// Both steps for one packet with a payload of `length` bytes, as the filter takes them: false
+// when the headers do not frame the payload.
+bool smb_tcp_repeat(tcp_seen_table *t, const host_packet *pkt, uint32_t length);

@@ -7,7 +7,6 @@
 
 #include "smb_parser_internal.h"
 #include "smb_session_table.h"
-#include "utils_alloc.h"
 
 namespace {
 
@@ -134,13 +133,13 @@ bool ascii_equal_ignoring_case(uint16_t unit, char c) {
 }  // namespace
 
 smb_who *smb_who_of(smb_flow_data *rec) {
-    if (!rec->who) rec->who = static_cast<smb_who *>(corvaneexp_malloc(sizeof(smb_who), 0));
+    if (!rec->who) rec->who = smb_who_block_new();
     return rec->who;
 }
 
 smb_who *smb_who_copy(const smb_who *w) {
     if (!w) return nullptr;
-    auto *copy = static_cast<smb_who *>(corvaneexp_malloc(sizeof(smb_who), 0));
+    smb_who *copy = smb_who_block_new();
     *copy = *w;
     if (w->identity) w->identity->ref();
     return copy;
@@ -149,7 +148,7 @@ smb_who *smb_who_copy(const smb_who *w) {
 void smb_who_free(smb_who *w) {
     if (!w) return;
     smb::ntlmssp::SharedIdentity::unref(w->identity);
-    free(w);
+    smb_who_block_free(w);
 }
 
 void smb_who_take(smb_flow_data *into, smb_flow_data *from) {

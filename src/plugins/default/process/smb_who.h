@@ -30,6 +30,11 @@ struct smb_who {
     smb::ntlmssp::SharedIdentity *identity;
 };
 
+// A zero-filled block, and its release (not null), through the per-thread block stacks of
+// smb_record.cpp: post-processing gives most exported records one.
+smb_who *smb_who_block_new();
+void smb_who_block_free(smb_who *w);
+
 // The record's block, allocated zero-filled on first use.
 smb_who *smb_who_of(smb_flow_data *rec);
 smb_who *smb_who_copy(const smb_who *w);
