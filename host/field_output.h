@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "text_buffer.h"
+
 namespace corvane_host {
 
 // The fill callbacks' argument b, passed on by plug-ins to record_universal_get_num, selects
@@ -17,7 +19,7 @@ inline constexpr uint32_t kByteOrderNetwork = 1;
 
 struct FieldOutput {
     std::vector<uint8_t> binary;
-    std::string text;
+    TextBuffer text;      // written in place by the text writers
     unsigned writes = 0;  // successful writer calls; 0 means the fill gave no value
 
     void clear() {

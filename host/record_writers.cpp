@@ -57,9 +57,10 @@ HOST_API int record_universal_get_txt_num(void *output, const void *value, uint3
     uint64_t v = 0;
     for (uint32_t i = 0; i < size; ++i)
         v |= static_cast<uint64_t>(bytes[i]) << (8 * i);
-    char text[20];
-    const auto end = std::to_chars(text, text + sizeof text, v).ptr;
-    out->text.append(text, end);
+    constexpr size_t kDigits = 20;  // of the largest 64-bit number
+    char *const text = out->text.room(kDigits);
+    char *const end = std::to_chars(text, text + kDigits, v).ptr;
+    out->text.commit(end);
     ++out->writes;
     return static_cast<int>(end - text);
 }

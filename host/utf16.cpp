@@ -3,6 +3,10 @@
 #include <bit>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace corvane_host {
 
 namespace {
@@ -56,10 +60,23 @@ char *utf16le_to_utf8_at(char *const base, const uint8_t *buf, size_t units) {
     char *p = base;
     auto unit = [buf](size_t i) -> uint32_t { return buf[2 * i] | (buf[2 * i + 1] << 8); };
     size_t i = 0;
+#if defined(__SSE2__)
+    // Names are mostly ASCII: eight units at a time while every one is below 0x80 and none is
+    // the terminating zero, packed to eight bytes in one step.
+    const __m128i high = _mm_set1_epi16(static_cast<short>(0xff80));
+    const __m128i zero = _mm_setzero_si128();
+    for (; i + 8 <= units; i += 8, p += 8) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(buf + 2 * i));
+        const __m128i ascii = _mm_cmpeq_epi16(_mm_and_si128(x, high), zero);
+        const __m128i ends = _mm_cmpeq_epi16(x, zero);
+        if (_mm_movemask_epi8(_mm_andnot_si128(ends, ascii)) != 0xffff) break;
+        _mm_storel_epi64(reinterpret_cast<__m128i *>(p), _mm_packus_epi16(x, x));
+    }
+#endif
     if constexpr (std::endian::native == std::endian::little) {
-        // Names are mostly ASCII: four units at a time while none is 0x80 or more and none is
-        // the terminating zero (with every unit below 0x80, a unit minus one borrows into its
-        // top bit only when it is zero); the loop below takes over at the first that is.
+        // Then four units at a time while none is 0x80 or more and none is the terminating zero
+        // (with every unit below 0x80, a unit minus one borrows into its top bit only when it is
+        // zero); the loop below takes over at the first that is.
         constexpr uint64_t kHigh = 0xff80ff80ff80ff80ull, kOnes = 0x0001000100010001ull,
                            kTops = 0x8000800080008000ull;
         for (uint64_t x; i + 4 <= units; i += 4, p += 4) {
@@ -111,6 +128,14 @@ void append_utf16le_as_utf8(std::string &out, const uint8_t *buf, size_t size) {
     out.resize(start + 3 * units);
     char *const end = utf16le_to_utf8_at(out.data() + start, buf, units);
     out.resize(static_cast<size_t>(end - out.data()));
+}
+
+// A field's text is written straight at the end of its buffer, which keeps its capacity from
+// one record to the next.
+void append_utf16le_as_utf8(TextBuffer &out, const uint8_t *buf, size_t size) {
+    if (!buf) return;
+    const size_t units = size / 2;
+    out.commit(utf16le_to_utf8_at(out.room(3 * units), buf, units));
 }
 
 std::string utf16le_to_utf8(const uint8_t *buf, size_t size) {

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "text_buffer.h"
+
 namespace corvane_host {
 
 // Converts `size` bytes of UTF-16LE to UTF-8. The text ends at the first zero code unit (or
@@ -13,6 +15,8 @@ namespace corvane_host {
 std::string utf16le_to_utf8(const uint8_t *buf, size_t size);
 // The same, appended to `out`.
 void append_utf16le_as_utf8(std::string &out, const uint8_t *buf, size_t size);
+// The same, written in place at the end of `out`.
+void append_utf16le_as_utf8(TextBuffer &out, const uint8_t *buf, size_t size);
 
 // Appends the UTF-8 encoding of one code point.
 void append_utf8(std::string &out, uint32_t cp);

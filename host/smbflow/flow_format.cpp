@@ -522,11 +522,23 @@ class CsvSink {
     __attribute__((always_inline)) void quote_if_needed(uint32_t from) {
         if (needs_csv_quotes(line_.view(from, line_.size()))) quote(from);
     }
+    // In place: the text moves back by one byte for the opening quote and one more for each
+    // quote before it, which is doubled (RFC 4180).
     __attribute__((noinline)) void quote(uint32_t from) {
-        std::string quoted;
-        append_csv_field(quoted, line_.view(from, line_.size()));
-        line_.truncate(from);
-        line_ += quoted;
+        const std::string_view text = line_.view(from, line_.size());
+        const size_t quotes = static_cast<size_t>(std::count(text.begin(), text.end(), '"'));
+        const size_t n = text.size();
+        char *const end = line_.room(quotes + 2);  // may move the line: `text` is stale now
+        char *const begin = end - n;
+        char *to = end + quotes + 2;
+        *--to = '"';
+        for (char *at = end; at != begin;) {
+            const char c = *--at;
+            *--to = c;
+            if (c == '"') *--to = '"';
+        }
+        *--to = '"';
+        line_.commit(end + quotes + 2);
     }
 
     TextBuffer &line_;

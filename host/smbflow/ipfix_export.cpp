@@ -111,8 +111,8 @@ void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &forma
     // out one element of a record.
     out.cmd_request = smb.cmd_request ? static_cast<uint32_t>(smb.cmd_request->number()) : 0xff;
     out.cmd_response = smb.cmd_response ? static_cast<uint32_t>(smb.cmd_response->number()) : 0xff;
-    out.tree = smb.tree ? smb.tree->text : std::string();
-    out.file_name = smb.file_name ? smb.file_name->text : std::string();
+    out.tree = smb.tree ? smb.tree->text.str() : std::string();
+    out.file_name = smb.file_name ? smb.file_name->text.str() : std::string();
     out.file_type = smb.file_type ? static_cast<uint8_t>(smb.file_type->number()) : 0;
     out.op = smb.op ? static_cast<uint8_t>(smb.op->number()) : 0x3f;
 }

@@ -75,7 +75,7 @@ bool OutputFile::close_file() {
 bool OutputFile::reopen() {
     std::lock_guard lock(mutex_);
     if (file_ && still_named(path_, file_)) {
-        fflush(file_);
+        writer_->flush();
         return true;
     }
     close_file();

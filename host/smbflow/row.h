@@ -12,72 +12,11 @@
 #include <string_view>
 #include <vector>
 
+#include "text_buffer.h"
+
 namespace smbflow {
 
-// A growing byte buffer whose appends are a bounds test and a copy, inlined.
-class TextBuffer {
-  public:
-    void clear() { size_ = 0; }
-    size_t size() const { return size_; }
-    bool empty() const { return size_ == 0; }
-    const char *data() const { return buf_.data(); }
-    std::string_view view() const { return {buf_.data(), size_}; }
-    std::string_view view(size_t begin, size_t end) const {
-        return {buf_.data() + begin, end - begin};
-    }
-
-    // Room for `n` more bytes: write them at the pointer returned, then commit what was written.
-    char *room(size_t n) {
-        if (n > buf_.size() - size_) grow(n);
-        return buf_.data() + size_;
-    }
-    void commit(char *end) { size_ = static_cast<size_t>(end - buf_.data()); }
-    // Drops what follows the first `size` bytes.
-    void truncate(size_t size) { size_ = std::min(size_, size); }
-
-    void append(std::string_view s) {
-        const size_t n = s.size();
-        char *p = room(n);
-        copy_small(p, s.data(), n);
-        size_ += n;
-    }
-    void append(const char *s, size_t n) { append(std::string_view(s, n)); }
-    void push_back(char c) {
-        *room(1) = c;
-        ++size_;
-    }
-    TextBuffer &operator+=(std::string_view s) {
-        append(s);
-        return *this;
-    }
-    TextBuffer &operator+=(char c) {
-        push_back(c);
-        return *this;
-    }
-
-  private:
-    void grow(size_t n) { buf_.resize(std::max(buf_.size() * 2, size_ + n + 256)); }
-
-    // Most of what a record appends is a few bytes (numbers, words, short names): up to 16
-    // bytes are copied inline, as two fixed-size copies that may overlap, with no call.
-    static void copy_small(char *to, const char *from, size_t n) {
-        if (n >= 8 && n <= 16) {
-            memcpy(to, from, 8);
-            memcpy(to + n - 8, from + n - 8, 8);
-        } else if (n >= 4 && n < 8) {
-            memcpy(to, from, 4);
-            memcpy(to + n - 4, from + n - 4, 4);
-        } else if (n > 16) {
-            memcpy(to, from, n);
-        } else {
-            for (size_t i = 0; i < n; ++i)
-                to[i] = from[i];
-        }
-    }
-
-    std::vector<char> buf_;
-    size_t size_ = 0;
-};
+using corvane_host::TextBuffer;
 
 class Row {
   public:

@@ -98,21 +98,39 @@ class LineWriter : public RecordWriter {
     LineWriter(FILE *out, bool live, ColumnPick pick, const std::vector<Column> &cols)
         : out_(out), live_(live), pick_(std::move(pick)), cols_(cols) {}
 
-    void flush() override { fflush(out_); }
-    void finish() override { fflush(out_); }
+    void flush() override {
+        write_out();
+        fflush(out_);
+    }
+    void finish() override { flush(); }
+    // Lines still gathered reach the stream, which its owner flushes or closes afterwards.
+    ~LineWriter() override { write_out(); }
 
   protected:
+    // Lines from a capture file are gathered into blocks of about 64 KiB, each written with
+    // one call (a write per line, or stdio's copy of each line into its own 4 KiB buffer, was
+    // a system call every dozen records); a live capture's lines go out as they come.
+    // A writer starts its line at the end of line_ and ends it with emit().
     void emit() {
         line_ += '\n';
-        fwrite(line_.data(), 1, line_.size(), out_);
-        if (live_) fflush(out_);
+        if (live_ || line_.size() >= kBlock) {
+            write_out();
+            if (live_) fflush(out_);
+        }
     }
 
     FILE *out_;
     bool live_;
     ColumnPick pick_;
     std::vector<Column> cols_;
-    TextBuffer line_;  // reused from row to row
+    TextBuffer line_;  // the lines not written yet; reused from block to block
+
+  private:
+    static constexpr size_t kBlock = 64 * 1024;
+    void write_out() {
+        if (!line_.empty()) fwrite(line_.data(), 1, line_.size(), out_);
+        line_.clear();
+    }
 };
 
 class CsvWriter : public LineWriter {
@@ -122,7 +140,7 @@ class CsvWriter : public LineWriter {
         every_column_ = pick_.size() == cols_.size();
         for (size_t i = 0; i < pick_.size(); ++i) {
             every_column_ &= pick_[i] == i;
-            if (!line_.empty()) line_ += ',';
+            if (i) line_ += ',';
             line_ += cols_[pick_[i]].name;
         }
         emit();
@@ -135,14 +153,12 @@ class CsvWriter : public LineWriter {
             RecordWriter::write(formatter, flow, scratch);
             return;
         }
-        line_.clear();
         formatter.render_csv(flow, line_);
         emit();
     }
     using RecordWriter::write;
 
     void write(const Row &row) override {
-        line_.clear();
         const auto &cols = cols_;
         for (size_t i = 0; i < pick_.size(); ++i) {
             if (i) line_ += ',';
@@ -165,7 +181,6 @@ class JsonWriter : public LineWriter {
     using LineWriter::LineWriter;
 
     void write(const Row &row) override {
-        line_.clear();
         line_ += '{';
         const auto &cols = cols_;
         for (size_t i = 0; i < pick_.size(); ++i) {

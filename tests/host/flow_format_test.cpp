@@ -271,4 +271,46 @@ TEST(FlowFormat, WritersQuoteEveryColumnThatCanHoldSeparators) {
     }
 }
 
+// Lines from a capture file are written in blocks: every line arrives, in order, across many
+// blocks, once the writer finishes; a live capture's line is in the stream as soon as it is
+// written.
+TEST(FlowFormat, LineWritersDeliverEveryLineInOrder) {
+    for (Format format : {Format::Csv, Format::Json}) {
+        for (bool live : {false, true}) {
+            char *text = nullptr;
+            size_t size = 0;
+            FILE *out = open_memstream(&text, &size);
+            auto writer = make_writer(format, out, live);
+            Row row(columns().size());
+            const size_t tree = 17;  // smb_tree
+            ASSERT_EQ(columns()[tree].name, "smb_tree");
+            constexpr int kRows = 3000;  // about four blocks
+            for (int i = 0; i < kRows; ++i) {
+                row.reset(columns().size());
+                row.set(tree, "share" + std::to_string(i) + std::string(40, 'x'));
+                writer->write(row);
+                if (live) {
+                    fflush(out);
+                    ASSERT_NE(std::string(text, size).find("share" + std::to_string(i) + "x"),
+                              std::string::npos)
+                        << i;
+                }
+            }
+            writer->finish();
+            fflush(out);
+            const std::string all(text, size);
+            size_t at = 0;
+            for (int i = 0; i < kRows; ++i) {
+                at = all.find("share" + std::to_string(i) + "x", at);
+                ASSERT_NE(at, std::string::npos) << i << (live ? " live" : "");
+            }
+            EXPECT_EQ(std::count(all.begin(), all.end(), '\n'),
+                      kRows + (format == Format::Csv ? 1 : 0));
+            writer.reset();
+            fclose(out);
+            free(text);
+        }
+    }
+}
+
 }  // namespace

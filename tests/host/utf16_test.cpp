@@ -61,4 +61,32 @@ TEST(Utf16, RendersAsUtf8) {
     EXPECT_EQ(corvane_host::utf16le_to_utf8(nullptr, 128), "");
 }
 
+// ASCII is taken eight and four units at a time: a non-ASCII unit, a unit with a zero low
+// byte and a terminator at every position of a 20-unit name, into a string and in place
+// into a text buffer that already holds text.
+TEST(Utf16, EveryPositionOfTheWideSteps) {
+    const struct {
+        uint16_t unit;
+        const char *utf8;  // null: the unit ends the text
+    } kinds[] = {{0xe9, "\xc3\xa9"}, {0x4100, "\xe4\x84\x80"}, {0, nullptr}};
+    for (const auto &kind : kinds) {
+        for (size_t at = 0; at < 20; ++at) {
+            std::vector<uint8_t> b;
+            std::string expected;
+            bool ended = false;
+            for (size_t i = 0; i < 20; ++i) {
+                const uint16_t u = i == at ? kind.unit : static_cast<uint16_t>('a' + i);
+                b.push_back(u & 0xff);
+                b.push_back(u >> 8);
+                if (i == at && !kind.utf8) ended = true;
+                if (!ended) expected += i == at ? kind.utf8 : std::string(1, char('a' + i));
+            }
+            EXPECT_EQ(corvane_host::utf16le_to_utf8(b.data(), b.size()), expected) << at;
+            corvane_host::TextBuffer in_place("x=");
+            corvane_host::append_utf16le_as_utf8(in_place, b.data(), b.size());
+            EXPECT_EQ(in_place, "x=" + expected) << at;
+        }
+    }
+}
+
 }  // namespace
