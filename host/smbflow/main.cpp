@@ -11,7 +11,6 @@
 
 #include <fmt/format.h>
 
-#include "allocator.h"
 #include "capture.h"
 #include "host.h"
 #include "ipfix_export.h"
@@ -473,7 +472,6 @@ std::string plugin_help(int argc, char **argv) {
 }  // namespace smbflow
 
 int main(int argc, char **argv) {
-    smbflow::tune_allocator();
     smbflow::drop_blank_lines_on_stderr();
     smbflow::Options opts;
     if (smbflow::version_asked(argc, argv)) {
