@@ -164,6 +164,25 @@ void Pipeline::push(Worker &w) {
 void Pipeline::submit(const DecodedPacket &packet, const std::shared_ptr<const void> *keeper) {
     const host_packet &pkt = packet.pkt;
     clock_ns_ = std::max(clock_ns_, pkt.timestamp_ns);
+    // Most packets of a mapped file with one queue: the item is all there is to do, and
+    // without the rest inline the call has next to nothing to set up.
+    if (workers_.size() == 1 && keeper && clock_ns_ < next_broadcast_ns_) {
+        Batch *b = workers_[0]->filling.get();
+        if (b && b->count + 1 < kBatchPackets && b->arena.size() < kBatchBytes &&
+            !b->keep.empty() && b->keep.back() == *keeper) {
+            Batch::Item &item = b->items[b->count++];
+            item.pkt = pkt;
+            item.bytes = packet.ip_bytes;
+            item.offset = kInPlace;
+            return;
+        }
+    }
+    submit_general(packet, keeper);
+}
+
+void Pipeline::submit_general(const DecodedPacket &packet,
+                              const std::shared_ptr<const void> *keeper) {
+    const host_packet &pkt = packet.pkt;
     // With one queue there is nothing to choose, and the queue hashes the connection itself.
     Worker &w = workers_.size() == 1 ? *workers_[0] : *workers_[queue_index(pkt, workers_.size())];
     Batch &b = w.filling ? *w.filling : filling(w);
