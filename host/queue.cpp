@@ -26,8 +26,10 @@ bool export_before(const std::pair<const FlowKey *, const host_flow_record *> &x
 Queue::Queue(Host &host, uint32_t queue_id, QueueConfig config, FlowSink sink)
     : host_(host), id_(queue_id), config_(config), sink_(std::move(sink)) {
     host_.queue_opened();
-    for (size_t i = 0; i < host_.plugin_count(); ++i) {
+    plugin_count_ = host_.plugin_count();
+    for (size_t i = 0; i < plugin_count_; ++i) {
         PluginInstance &p = host_.plugin(i);
+        plugins_[i] = &p;
         RegistrationScope scope;
         scope.phase = RegistrationScope::Phase::QueueInit;
         scope.host_handle = &host_;
@@ -112,7 +114,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     if (last && last->second.serial != conn.last_serial) last = nullptr;
     if (!last || last->first.hash != ck.digest) flows_.prefetch(FlowKey{ck, ck.digest});
 
-    const size_t n = host_.plugin_count();
+    const size_t n = plugin_count_;
     std::array<host_slot, kMaxPlugins> pkt_slots{};
     for (size_t i = 0; i < n; ++i)
         if (hooks_[i].filter) hooks_[i].filter(hooks_[i].filter_ctx, &pkt, nullptr, &pkt_slots[i]);
@@ -170,7 +172,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     flow.rec.last_ns = std::max(flow.rec.last_ns, now);
     // Most packets' records went into the flow's slot: the plug-in is not looked at for those.
     for (size_t i = 0; i < n; ++i)
-        if (pkt_slots[i]) host_.plugin(i).free_slot(&pkt_slots[i]);
+        if (pkt_slots[i]) plugins_[i]->free_slot(&pkt_slots[i]);
 }
 
 void Queue::hand_off(const FlowKey &key, Flow &flow, ExportReason reason) {

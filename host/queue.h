@@ -115,6 +115,9 @@ class Queue {
     QueueConfig config_;
     FlowSink sink_;
     std::array<QueueHooks, kMaxPlugins> hooks_{};
+    // The host's plug-ins, fixed while the queue lives: at hand for every packet.
+    size_t plugin_count_ = 0;
+    std::array<const PluginInstance *, kMaxPlugins> plugins_{};
     FlowMap flows_;
     using ConnEntry = FlatTable<ConnKey, Conn, ConnKeyHash>::Entry;
     FlatTable<ConnKey, Conn, ConnKeyHash> conns_;
