@@ -14,7 +14,6 @@ namespace corvane_host {
 namespace {
 
 thread_local RegistrationScope *t_scope = nullptr;
-thread_local UpdateCall *t_update = nullptr;
 std::atomic<unsigned long> g_stray_calls{0};
 
 void stray(const char *function) {
@@ -65,13 +64,6 @@ ScopeGuard::ScopeGuard(RegistrationScope *scope) : previous_(t_scope) {
 }
 ScopeGuard::~ScopeGuard() {
     t_scope = previous_;
-}
-
-UpdateGuard::UpdateGuard(UpdateCall *call) : previous_(t_update) {
-    t_update = call;
-}
-UpdateGuard::~UpdateGuard() {
-    t_update = previous_;
 }
 
 unsigned long stray_host_calls() {

@@ -242,8 +242,64 @@ bool link_type_supported(int link_type) {
     }
 }
 
+namespace {
+
+// Zeroes the descriptor in two halves: one memset of the whole compiles to a string
+// instruction whose start-up costs more than the rest of a packet's decoding.
+static_assert(sizeof(DecodedPacket) == 128);
+void clear(DecodedPacket &out) {
+    auto *p = reinterpret_cast<unsigned char *>(&out);
+    memset(p, 0, 64);
+    memset(p + 64, 0, 64);
+}
+
+// Most frames: Ethernet without VLAN tags, IPv4 without options and not a later fragment, a
+// TCP or UDP header wholly inside the datagram, a length field that is set. Decodes those
+// as the general path below would (false, with `out` untouched, for any other frame) in a
+// fraction of its branches.
+[[gnu::always_inline]] inline bool decode_common(int link_type, const uint8_t *frame, size_t caplen,
+                                                 DecodedPacket &out) {
+    constexpr size_t kIp = 14;  // the IPv4 header's offset
+    constexpr size_t kL4 = 20;  // the transport header's offset in the datagram
+    if (link_type != kLinkEthernet || caplen < kIp + kL4 + 20 || frame[kIp] != 0x45 ||
+        be16(frame + 12) != kEtherIpv4)
+        return false;
+    const uint8_t *ip = frame + kIp;
+    const uint8_t protocol = ip[9];
+    const uint16_t fragment = be16(ip + 6) & 0x3fff;
+    const size_t total = be16(ip + 2);
+    const size_t len = std::min(total, caplen - kIp);  // total < 65536: never capped
+    const size_t header = protocol == 6 ? 20 : 8;
+    if ((protocol != 6 && protocol != 17) || (fragment & 0x1fff) || len < kL4 + header)
+        return false;
+    clear(out);
+    host_packet &pkt = out.pkt;
+    out.ip_bytes = total;
+    out.transport_offset = kL4;
+    pkt.data = ip;
+    pkt.length = static_cast<uint16_t>(len);
+    pkt.ip_version = 4;
+    pkt.protocol = protocol;
+    pkt.ipv4_aux16 = fragment;
+    memcpy(&pkt.src_addr.v4, ip + 12, 4);
+    memcpy(&pkt.dst_addr.v4, ip + 16, 4);
+    pkt.src_port = be16(ip + kL4);
+    pkt.dst_port = be16(ip + kL4 + 2);
+    size_t payload = kL4 + 8;
+    if (protocol == 6) {
+        pkt.tcp_flags = ip[kL4 + 13];
+        const size_t offset = (ip[kL4 + 12] >> 4) * 4u;
+        payload = offset < 20 ? len : kL4 + offset;  // a bogus data offset: no payload
+    }
+    pkt.payload_offset = static_cast<uint16_t>(std::min(payload, len));
+    return true;
+}
+
+}  // namespace
+
 DecodeStatus decode_frame(int link_type, const uint8_t *frame, size_t caplen, DecodedPacket &out) {
-    out = DecodedPacket{};
+    if (decode_common(link_type, frame, caplen, out)) return DecodeStatus::Ok;
+    clear(out);
     size_t off = 0;
     switch (locate_network(link_type, frame, caplen, off)) {
         case Net::Truncated:

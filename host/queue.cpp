@@ -26,8 +26,10 @@ bool export_before(const std::pair<const FlowKey *, const host_flow_record *> &x
 Queue::Queue(Host &host, uint32_t queue_id, QueueConfig config, FlowSink sink)
     : host_(host), id_(queue_id), config_(config), sink_(std::move(sink)) {
     host_.queue_opened();
-    for (size_t i = 0; i < host_.plugin_count(); ++i) {
+    plugin_count_ = host_.plugin_count();
+    for (size_t i = 0; i < plugin_count_; ++i) {
         PluginInstance &p = host_.plugin(i);
+        plugins_[i] = &p;
         RegistrationScope scope;
         scope.phase = RegistrationScope::Phase::QueueInit;
         scope.host_handle = &host_;
@@ -109,18 +111,18 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     // The flow's key is known once the filter hooks have run; it is usually the connection's
     // own hash, whose index slot is fetched meanwhile unless the last flow has that key.
     auto *last = static_cast<FlowEntry *>(conn.last_flow);
+    if (last && last->second.serial != conn.last_serial) last = nullptr;
     if (!last || last->first.hash != ck.digest) flows_.prefetch(FlowKey{ck, ck.digest});
 
-    const size_t n = host_.plugin_count();
+    const size_t n = plugin_count_;
     std::array<host_slot, kMaxPlugins> pkt_slots{};
     for (size_t i = 0; i < n; ++i)
         if (hooks_[i].filter) hooks_[i].filter(hooks_[i].filter_ctx, &pkt, nullptr, &pkt_slots[i]);
     if (pkt.flags & HOST_FLAG_SMB_PORT) ++stats_.smb_port_packets;
     if (pkt.flags & HOST_FLAG_SMB_RECORD) ++stats_.smb_record_packets;
 
-    const FlowKey key{ck, pkt.flow_hash};
     FlowEntry *it = last;
-    if (!it || !(it->first == key)) it = flows_.find(key);
+    if (!it || it->first.hash != pkt.flow_hash) it = flows_.find(FlowKey{ck, pkt.flow_hash});
     if (it && timed_out(it->second, now)) {
         const bool active = !(now - it->second.rec.last_ns >= config_.inactive_timeout_ns);
         hand_off(it->first, it->second, active ? ExportReason::Active : ExportReason::Inactive);
@@ -128,8 +130,9 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
         it = nullptr;
     }
     if (!it) {
-        it = flows_.try_emplace(key).first;
+        it = flows_.try_emplace(FlowKey{ck, pkt.flow_hash}).first;
         Flow &f = it->second;
+        f.serial = ++stats_.flows_created;
         f.src_is_a = from_a;
         f.rec.src_addr = pkt.src_addr;
         f.rec.dst_addr = pkt.dst_addr;
@@ -140,9 +143,9 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
         f.rec.first_ns = now;
         f.rec.last_ns = now;
         timeouts_.push(it, deadline(f));
-        ++stats_.flows_created;
     }
     conn.last_flow = it;
+    conn.last_serial = it->second.serial;
     Flow &flow = it->second;
     const unsigned dir = from_a != flow.src_is_a;
     pkt.flags = static_cast<uint16_t>((pkt.flags & ~HOST_FLAG_DIRECTION) | dir);
@@ -169,7 +172,7 @@ void Queue::process(host_packet &pkt, uint64_t bytes) {
     flow.rec.last_ns = std::max(flow.rec.last_ns, now);
     // Most packets' records went into the flow's slot: the plug-in is not looked at for those.
     for (size_t i = 0; i < n; ++i)
-        if (pkt_slots[i]) host_.plugin(i).free_slot(&pkt_slots[i]);
+        if (pkt_slots[i]) plugins_[i]->free_slot(&pkt_slots[i]);
 }
 
 void Queue::hand_off(const FlowKey &key, Flow &flow, ExportReason reason) {

@@ -77,15 +77,19 @@ class Queue {
         uint32_t update_off = 0;  // plug-ins whose update hook this flow no longer calls
         bool src_is_a = true;     // the first packet came from endpoint a
         uint32_t heap_pos = 0;    // its place in timeouts_
+        uint64_t serial = 0;      // 1 + the number of flows made before it; 0: a free entry
     };
     struct Conn {
         bool first_from_a = true;
         uint64_t last_ns = 0;
         uint64_t digest = 0;  // conn_hash of the key, made when the entry is
         // The flow entry that the connection's last packet went to: the next packet usually
-        // goes there too, and finds it without a lookup. Entries never move and an erased one
-        // has an empty key, so the pointer is checked by comparing keys.
+        // goes there too, and finds it without a lookup. Entries never move, and an erased
+        // one is zeroed and takes a new serial when it is used again: the pointer is still
+        // this connection's flow when the serial matches, and then the flow hash alone tells
+        // whether the packet goes there (the flow's key is this connection and that hash).
         void *last_flow = nullptr;
+        uint64_t last_serial = 0;
     };
 
     bool timed_out(const Flow &flow, uint64_t now_ns) const;
@@ -111,6 +115,9 @@ class Queue {
     QueueConfig config_;
     FlowSink sink_;
     std::array<QueueHooks, kMaxPlugins> hooks_{};
+    // The host's plug-ins, fixed while the queue lives: at hand for every packet.
+    size_t plugin_count_ = 0;
+    std::array<const PluginInstance *, kMaxPlugins> plugins_{};
     FlowMap flows_;
     using ConnEntry = FlatTable<ConnKey, Conn, ConnKeyHash>::Entry;
     FlatTable<ConnKey, Conn, ConnKeyHash> conns_;

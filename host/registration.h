@@ -42,10 +42,14 @@ class ScopeGuard {
     RegistrationScope *previous_;
 };
 
+// The update hook call in progress on this thread (null outside one).
+inline thread_local UpdateCall *t_update = nullptr;
+
+// Inline: the queue installs one around every update hook call, once per packet.
 class UpdateGuard {
   public:
-    explicit UpdateGuard(UpdateCall *call);
-    ~UpdateGuard();
+    explicit UpdateGuard(UpdateCall *call) : previous_(t_update) { t_update = call; }
+    ~UpdateGuard() { t_update = previous_; }
     UpdateGuard(const UpdateGuard &) = delete;
     UpdateGuard &operator=(const UpdateGuard &) = delete;
 

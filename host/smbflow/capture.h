@@ -60,6 +60,8 @@ class Capture {
     // How many files have been opened so far (the current one included).
     size_t files_opened() const { return next_path_; }
     bool is_live() const { return live_; }
+    // The file being read in place, if it is (see read_frame in mapped_capture.h).
+    MappedCapture *mapped() const { return mapped_.get(); }
     // Live capture: the interface gives nanosecond timestamps.
     bool nanosecond_stamps() const { return nano_; }
     // The input being read is a stream (standard input, a FIFO) whose first packets carry

@@ -332,7 +332,7 @@ int run(const Options &opts) {
         };
         termination_signals(SIG_UNBLOCK);  // a signal held while starting is taken here
         for (;;) {
-            const ReadStatus rs = capture.next(frame);
+            const ReadStatus rs = read_frame(capture, frame);
             if (rs == ReadStatus::End) break;
             if (rs == ReadStatus::Error) {
                 error(capture.error());

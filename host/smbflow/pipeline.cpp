@@ -2,6 +2,7 @@
 
 #include "capture.h"
 #include "flow_format.h"
+#include "mapped_capture.h"
 
 #include <algorithm>
 #include <array>
@@ -61,7 +62,9 @@ struct Pipeline::Batch {
         size_t offset;
     };
     std::vector<uint8_t> arena;
-    std::vector<Item> items;
+    // A fixed array rather than a vector: submit's bookkeeping per packet is a count.
+    std::unique_ptr<Item[]> items = std::make_unique_for_overwrite<Item[]>(kBatchPackets);
+    size_t count = 0;
     std::vector<std::shared_ptr<const void>> keep;  // what in-place items point into
     uint64_t clock_ns = 0;
 };
@@ -161,19 +164,40 @@ void Pipeline::push(Worker &w) {
 void Pipeline::submit(const DecodedPacket &packet, const std::shared_ptr<const void> *keeper) {
     const host_packet &pkt = packet.pkt;
     clock_ns_ = std::max(clock_ns_, pkt.timestamp_ns);
+    // Most packets of a mapped file with one queue: the item is all there is to do, and
+    // without the rest inline the call has next to nothing to set up.
+    if (workers_.size() == 1 && keeper && clock_ns_ < next_broadcast_ns_) {
+        Batch *b = workers_[0]->filling.get();
+        if (b && b->count + 1 < kBatchPackets && b->arena.size() < kBatchBytes &&
+            !b->keep.empty() && b->keep.back() == *keeper) {
+            Batch::Item &item = b->items[b->count++];
+            item.pkt = pkt;
+            item.bytes = packet.ip_bytes;
+            item.offset = kInPlace;
+            return;
+        }
+    }
+    submit_general(packet, keeper);
+}
+
+void Pipeline::submit_general(const DecodedPacket &packet,
+                              const std::shared_ptr<const void> *keeper) {
+    const host_packet &pkt = packet.pkt;
     // With one queue there is nothing to choose, and the queue hashes the connection itself.
     Worker &w = workers_.size() == 1 ? *workers_[0] : *workers_[queue_index(pkt, workers_.size())];
     Batch &b = w.filling ? *w.filling : filling(w);
-    b.items.push_back({pkt, packet.ip_bytes, kInPlace});
+    Batch::Item &item = b.items[b.count++];
+    item.pkt = pkt;
+    item.bytes = packet.ip_bytes;
+    item.offset = kInPlace;
     if (keeper) {
         if (b.keep.empty() || b.keep.back() != *keeper) b.keep.push_back(*keeper);
     } else {
-        Batch::Item &item = b.items.back();
         item.offset = b.arena.size();
         item.pkt.length = need_.bytes(pkt);
         b.arena.insert(b.arena.end(), pkt.data, pkt.data + item.pkt.length);
     }
-    if (b.items.size() >= kBatchPackets || b.arena.size() >= kBatchBytes) push(w);
+    if (b.count == kBatchPackets || b.arena.size() >= kBatchBytes) push(w);
     if (clock_ns_ >= next_broadcast_ns_) {
         // Queues that get no packets still learn how capture time moves on.
         if (next_broadcast_ns_ != 0)
@@ -193,7 +217,7 @@ void Pipeline::worker_main(Worker &w) {
     parse_results_bind_thread(&w.parse);
     while (auto batch = w.in.pop()) {
         Batch &b = **batch;
-        for (auto &item : b.items) {
+        for (auto &item : std::span(b.items.get(), b.count)) {
             if (item.offset != kInPlace) item.pkt.data = b.arena.data() + item.offset;
             w.queue->process(item.pkt, item.bytes);
         }
@@ -203,7 +227,7 @@ void Pipeline::worker_main(Worker &w) {
         if (w.handed.count && (w.handed.count >= kExportFlows || w.in.empty())) send(w, false);
         free_some(w.pending);
         b.arena.clear();
-        b.items.clear();
+        b.count = 0;
         b.keep.clear();
         spare_->try_push(std::move(*batch));
     }
@@ -284,7 +308,7 @@ void Pipeline::finish() {
     if (finished_) return;
     finished_ = true;
     for (auto &w : workers_) {
-        if (w->filling && !w->filling->items.empty()) push(*w);
+        if (w->filling && w->filling->count) push(*w);
         w->in.close();
     }
     for (auto &w : workers_)
@@ -313,7 +337,7 @@ void submit_capture(Capture &capture, Pipeline &pipeline, uint64_t max_frames) {
     Frame frame;
     corvane_host::DecodedPacket packet;
     for (uint64_t n = 0; max_frames == 0 || n < max_frames; ++n) {
-        if (capture.next(frame) != ReadStatus::Packet) break;
+        if (read_frame(capture, frame) != ReadStatus::Packet) break;
         if (corvane_host::decode_frame(frame.link_type, frame.data, frame.caplen, packet) !=
             corvane_host::DecodeStatus::Ok)
             continue;

@@ -67,6 +67,9 @@ class Pipeline {
     struct ExportMsg;
     struct Worker;
 
+    // submit's cases other than the most common one.
+    [[gnu::noinline]] void submit_general(const corvane_host::DecodedPacket &packet,
+                                          const std::shared_ptr<const void> *keeper);
     Batch &filling(Worker &w);  // the batch being filled, a spare one if need be
     void push(Worker &w);
     void worker_main(Worker &w);

@@ -1,6 +1,7 @@
 // A small process plug-in for testing the host without the SMB plug-in. It makes a record for
 // every TCP packet with payload, counts payload bytes per flow, takes a name from payloads
-// that start with "N:", splits flows by payloads that start with "F:<digit>", takes its update
+// that start with "N:", splits flows by payloads that start with "F:<digit>" (or gives them the
+// flow hash <digit> whatever their connection with "H:<digit>"), takes its update
 // hook off flows that have seen more than ten packets without a record, and counts every
 // call so that tests can check the host's side of the contract. With the parameter `kinds`
 // it registers one more field of each kind a host presents: numbers of 2 and 8 bytes, a
@@ -60,6 +61,7 @@ int fake_filter(void *, host_packet *pkt, void *, host_slot *slot) {
     const size_t len = pkt->length - pkt->payload_offset;
     if (len >= 3 && payload[0] == 'F' && payload[1] == ':')
         pkt->flow_hash = pkt->flow_hash * 31 + payload[2];
+    if (len >= 3 && payload[0] == 'H' && payload[1] == ':') pkt->flow_hash = payload[2];
     fake_record *rec = new_record();
     rec->bytes = static_cast<uint32_t>(len);
     rec->packets = 1;

@@ -4,7 +4,9 @@
 
 #include <arpa/inet.h>
 
+#include <cstring>
 #include <memory>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -192,6 +194,51 @@ TEST(Decode, BadAndForeignFrames) {
         DecodedPacket d;
         EXPECT_EQ(decode_frame(c.dlt, c.frame.data(), c.frame.size(), d), c.status) << c.what;
     }
+}
+
+// Plain Ethernet with IPv4 TCP and UDP has a shorter path through the decoder: every variant of
+// those headers and every cut of the frame decodes as the same datagram does without a link
+// layer, which takes the general path.
+TEST(Decode, EthernetIpv4MatchesRawIpv4) {
+    const Bytes tcp = tcp_datagram(segment(false));
+    const Bytes udp = udp_datagram(ipv4(10, 0, 0, 1), ipv4(10, 0, 0, 2), 5353, 137, kPayload);
+    struct Edit {
+        size_t at;
+        uint8_t value;
+    };
+    const std::vector<std::vector<Edit>> edits = {
+        {},
+        {{0, 0x46}},             // IPv4 options
+        {{0, 0x44}},             // header length below 20
+        {{2, 0}, {3, 0}},        // length field left empty (offload)
+        {{2, 0}, {3, 30}},       // datagram shorter than its headers
+        {{2, 0x05}, {3, 0xdc}},  // longer than captured
+        {{6, 0x20}},             // first fragment
+        {{6, 0x00}, {7, 3}},     // later fragment
+        {{9, 1}},                // ICMP: no ports
+        {{9, 132}},              // SCTP
+        {{32, 0x00}},            // TCP data offset 0 (bogus); UDP: a payload byte
+        {{32, 0xf0}},            // TCP data offset 60, past the end
+    };
+    for (const Bytes *base : {&tcp, &udp})
+        for (const auto &edit : edits) {
+            Bytes ip = *base;
+            for (const Edit &e : edit)
+                ip[e.at] = e.value;
+            const Bytes eth = frame(kEthernet, ip, 0, 4);
+            for (size_t cut = 14; cut <= eth.size(); ++cut) {
+                DecodedPacket via_eth, via_raw;
+                const DecodeStatus s_eth = decode_frame(1, eth.data(), cut, via_eth);
+                const DecodeStatus s_raw = decode_frame(228, eth.data() + 14, cut - 14, via_raw);
+                const std::string what = "protocol " + std::to_string(base[0][9]) + ", edit " +
+                                         std::to_string(&edit - edits.data()) + ", cut " +
+                                         std::to_string(cut);
+                ASSERT_EQ(s_eth, s_raw) << what;
+                if (s_eth != DecodeStatus::Ok) continue;
+                EXPECT_EQ(via_eth.pkt.data, via_raw.pkt.data) << what;
+                EXPECT_EQ(memcmp(&via_eth, &via_raw, sizeof via_eth), 0) << what;
+            }
+        }
 }
 
 }  // namespace

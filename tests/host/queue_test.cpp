@@ -193,24 +193,33 @@ TEST_F(FakeHostTest, TheClockEndsFlowsWhoseTimeoutPacketsPushedBack) {
 
 // A connection remembers the flow entry its last packet went to. When that flow times out,
 // its entry is freed and the next new flow, of another connection, takes it: the first
-// connection's next packet must start a flow of its own, not count in the other's.
+// connection's next packet must start a flow of its own, not count in the other's, also when
+// the filter gave both flows the same hash.
 TEST_F(FakeHostTest, AFreedFlowEntryTakenByAnotherConnectionIsNotFoundAgain) {
-    for (uint64_t s = 0; s <= 280; s += 20)
-        send(true, kT0 + s * kSecond, "a");
-    queue->advance(kT0 + 300 * kSecond);
-    ASSERT_EQ(handed.size(), 1u);
-    EXPECT_EQ(handed[0].reason, ExportReason::Active);
-    EXPECT_EQ(queue->flow_count(), 0u);
-    send(true, kT0 + 301 * kSecond, "b", 50001);
-    send(true, kT0 + 302 * kSecond, "c");
-    send(true, kT0 + 303 * kSecond, "d", 50001);
-    queue->flush();
-    ASSERT_EQ(handed.size(), 3u);
-    std::vector<std::pair<uint16_t, uint64_t>> port_packets;
-    for (const auto &h : handed)
-        port_packets.emplace_back(h.rec.src_port, h.rec.dir_counters[0].packets);
-    EXPECT_EQ(port_packets,
-              (std::vector<std::pair<uint16_t, uint64_t>>{{50000, 15}, {50001, 2}, {50000, 1}}));
+    for (const std::string payload : {"a", "H:7"}) {
+        if (!handed.empty()) {
+            TearDown();
+            handed.clear();
+            start();
+        }
+        for (uint64_t s = 0; s <= 280; s += 20)
+            send(true, kT0 + s * kSecond, payload);
+        queue->advance(kT0 + 300 * kSecond);
+        ASSERT_EQ(handed.size(), 1u);
+        EXPECT_EQ(handed[0].reason, ExportReason::Active);
+        EXPECT_EQ(queue->flow_count(), 0u);
+        send(true, kT0 + 301 * kSecond, payload, 50001);
+        send(true, kT0 + 302 * kSecond, payload);
+        send(true, kT0 + 303 * kSecond, payload, 50001);
+        queue->flush();
+        ASSERT_EQ(handed.size(), 3u);
+        std::vector<std::pair<uint16_t, uint64_t>> port_packets;
+        for (const auto &h : handed)
+            port_packets.emplace_back(h.rec.src_port, h.rec.dir_counters[0].packets);
+        EXPECT_EQ(port_packets,
+                  (std::vector<std::pair<uint16_t, uint64_t>>{{50000, 15}, {50001, 2}, {50000, 1}}))
+            << payload;
+    }
 }
 
 // Connections interleaved packet by packet each keep the direction their first packet set,
