@@ -16,7 +16,8 @@ consteval Crc32cTables make_crc32c_tables() {
     Crc32cTables t{};
     for (uint32_t i = 0; i < 256; ++i) {
         uint32_t c = i;
-        for (int b = 0; b < 8; ++b) c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
+        for (int b = 0; b < 8; ++b)
+            c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
         t[0][i] = c;
     }
     for (int k = 1; k < 8; ++k)
@@ -30,7 +31,8 @@ consteval Crc64Tables make_crc64_tables() {
     Crc64Tables t{};
     for (uint64_t i = 0; i < 256; ++i) {
         uint64_t c = i;
-        for (int b = 0; b < 8; ++b) c = (c & 1) ? (c >> 1) ^ 0xC96C5795D7870F42ull : c >> 1;
+        for (int b = 0; b < 8; ++b)
+            c = (c & 1) ? (c >> 1) ^ 0xC96C5795D7870F42ull : c >> 1;
         t[0][i] = c;
     }
     for (int k = 1; k < 4; ++k)
