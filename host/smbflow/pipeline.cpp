@@ -67,6 +67,15 @@ struct Pipeline::Batch {
     size_t count = 0;
     std::vector<std::shared_ptr<const void>> keep;  // what in-place items point into
     uint64_t clock_ns = 0;
+
+    // The next item, for a packet whose bytes stay where they are (in the mapped file).
+    Item &add_in_place(const DecodedPacket &packet) {
+        Item &item = items[count++];
+        item.pkt = packet.pkt;
+        item.bytes = packet.ip_bytes;
+        item.offset = kInPlace;
+        return item;
+    }
 };
 
 // Flow records that a queue exported, already post-processed: the export thread takes their
@@ -170,10 +179,7 @@ void Pipeline::submit(const DecodedPacket &packet, const std::shared_ptr<const v
         Batch *b = workers_[0]->filling.get();
         if (b && b->count + 1 < kBatchPackets && b->arena.size() < kBatchBytes &&
             !b->keep.empty() && b->keep.back() == *keeper) {
-            Batch::Item &item = b->items[b->count++];
-            item.pkt = pkt;
-            item.bytes = packet.ip_bytes;
-            item.offset = kInPlace;
+            b->add_in_place(packet);
             return;
         }
     }
@@ -186,10 +192,7 @@ void Pipeline::submit_general(const DecodedPacket &packet,
     // With one queue there is nothing to choose, and the queue hashes the connection itself.
     Worker &w = workers_.size() == 1 ? *workers_[0] : *workers_[queue_index(pkt, workers_.size())];
     Batch &b = w.filling ? *w.filling : filling(w);
-    Batch::Item &item = b.items[b.count++];
-    item.pkt = pkt;
-    item.bytes = packet.ip_bytes;
-    item.offset = kInPlace;
+    Batch::Item &item = b.add_in_place(packet);
     if (keeper) {
         if (b.keep.empty() || b.keep.back() != *keeper) b.keep.push_back(*keeper);
     } else {

@@ -63,11 +63,10 @@ void smb_activity_take(smb_flow_data *into, smb_flow_data *from) {
     }
     // Every count marks its block first: a block not marked is still all zero (most requests'
     // records), and clearing it again would only cost a packet's worth of stores.
-    if (!a->counted) {
-        if (smb_activity_is_inline(from)) return;
-    } else {
+    if (a->counted)
         smb_activity_merge(smb_activity_of(into), a);
-    }
+    else if (smb_activity_is_inline(from))
+        return;
     if (smb_activity_is_inline(from)) {
         *a = smb_activity{};
     } else {
