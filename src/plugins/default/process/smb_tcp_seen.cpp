@@ -1,7 +1,5 @@
 #include "smb_tcp_seen.h"
 
-#include <string.h>
-
 namespace {
 
 constexpr uint8_t kTcp = 6;
@@ -56,7 +54,7 @@ bool before(uint32_t a, uint32_t b) {
     return size_t{d[0] & 15u} * 4;
 }
 
-// The slot of an IPv6 sender's direction: its address folded to one word.
+// An IPv6 sender's address folded to one word.
 [[gnu::noinline]] uint32_t address_hash_v6(const host_packet *pkt) {
     uint32_t h = 0;
     for (int i = 0; i < 16; i += 4)
@@ -64,42 +62,17 @@ bool before(uint32_t a, uint32_t b) {
     return h;
 }
 
-[[gnu::always_inline]] inline uint32_t slot_of(const host_packet *pkt) {
+// The direction as its slot names it (tcp_seen_direction::key).
+[[gnu::always_inline]] inline uint64_t key_of(const host_packet *pkt) {
     const uint32_t h = pkt->ip_version == 4   ? pkt->src_addr.v4
                        : pkt->ip_version == 6 ? address_hash_v6(pkt)
                                               : 0;
-    const uint64_t k =
-        (uint64_t{h} << 32 | uint32_t{pkt->src_port} << 16 | pkt->dst_port) * 0x9E3779B97F4A7C15ull;
+    return uint64_t{h} << 32 | uint32_t{pkt->src_port} << 16 | pkt->dst_port;
+}
+
+[[gnu::always_inline]] inline tcp_seen_direction &slot_of(tcp_seen_table *t, uint64_t key) {
     static_assert(tcp_seen_table::kSlots == 4096, "the top 12 bits of the product pick the slot");
-    return static_cast<uint32_t>(k >> 52);
-}
-
-// The sender's address as the slot keeps it (IPv4 in the first four bytes, the rest zero), as
-// two words, so that comparing it takes two compares.
-struct source_words {
-    uint64_t lo;
-    uint64_t hi;
-};
-
-source_words source_of(const host_packet *pkt) {
-    source_words w;
-    if (pkt->ip_version == 4) {
-        uint8_t bytes[8] = {};
-        memcpy(bytes, &pkt->src_addr.v4, 4);
-        memcpy(&w.lo, bytes, 8);
-        w.hi = 0;
-    } else {
-        memcpy(&w.lo, pkt->src_addr.v6, 8);
-        memcpy(&w.hi, pkt->src_addr.v6 + 8, 8);
-    }
-    return w;
-}
-
-bool same_source(const tcp_seen_direction &d, const source_words &w) {
-    uint64_t lo, hi;
-    memcpy(&lo, d.src, 8);
-    memcpy(&hi, d.src + 8, 8);
-    return lo == w.lo && hi == w.hi;
+    return t->slots[(key * 0x9E3779B97F4A7C15ull) >> 52];
 }
 
 [[gnu::noinline]] void add_hole(tcp_seen_direction &d, uint32_t begin, uint32_t end) {
@@ -163,18 +136,15 @@ void remove_hole(tcp_seen_direction &d, int i) {
 
 // Whether the segment is the next one in order of a direction that has nothing missing below
 // it: most segments are, and for them noting the bytes is moving `next`.
-[[gnu::always_inline]] inline bool in_order(const tcp_seen_direction &d, const host_packet *pkt,
-                                            const source_words &src, const tcp_segment &segment) {
-    return d.used && d.holes == 0 && !segment.syn && segment.seq == d.next &&
-           d.src_port == pkt->src_port && d.dst_port == pkt->dst_port && same_source(d, src);
+[[gnu::always_inline]] inline bool in_order(const tcp_seen_direction &d, uint64_t key,
+                                            const tcp_segment &segment) {
+    return d.key == key && d.used && d.holes == 0 && !segment.syn && segment.seq == d.next;
 }
 
 // Every other segment (and the in-order ones too, for callers without the shortcut).
-[[gnu::noinline]] bool seen_before(tcp_seen_direction &d, const host_packet *pkt,
-                                   const source_words &src, const tcp_segment &segment,
+[[gnu::noinline]] bool seen_before(tcp_seen_direction &d, uint64_t key, const tcp_segment &segment,
                                    uint32_t length) {
-    const bool same =
-        d.used && d.src_port == pkt->src_port && d.dst_port == pkt->dst_port && same_source(d, src);
+    const bool same = d.used && d.key == key;
     if (length == 0) {
         if (segment.syn && same) d.used = 0;
         return false;
@@ -190,10 +160,7 @@ void remove_hole(tcp_seen_direction &d, int i) {
     // (a new connection on the same ports).
     constexpr uint32_t kFarBehind = 1u << 30;
     if (!same || segment.syn || before(end, d.next - kFarBehind)) {
-        memcpy(d.src, &src.lo, 8);
-        memcpy(d.src + 8, &src.hi, 8);
-        d.src_port = pkt->src_port;
-        d.dst_port = pkt->dst_port;
+        d.key = key;
         d.used = 1;
         d.holes = 0;
         d.next = end;
@@ -226,18 +193,19 @@ bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out) {
 bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_segment &segment,
                          uint32_t length) {
     if (brings_nothing(segment, length)) return false;
-    return seen_before(t->slots[slot_of(pkt)], pkt, source_of(pkt), segment, length);
+    const uint64_t key = key_of(pkt);
+    return seen_before(slot_of(t, key), key, segment, length);
 }
 
 // Runs for every TCP packet with activity=1: the in-order case stays in line.
 bool smb_tcp_repeat(tcp_seen_table *t, const host_packet *pkt, uint32_t length) {
     tcp_segment segment;
     if (!segment_of(pkt, segment) || brings_nothing(segment, length)) return false;
-    tcp_seen_direction &d = t->slots[slot_of(pkt)];
-    const source_words src = source_of(pkt);
-    if (in_order(d, pkt, src, segment)) [[likely]] {
+    const uint64_t key = key_of(pkt);
+    tcp_seen_direction &d = slot_of(t, key);
+    if (in_order(d, key, segment)) [[likely]] {
         d.next = segment.seq + length;
         return false;
     }
-    return seen_before(d, pkt, src, segment, length);
+    return seen_before(d, key, segment, length);
 }
