@@ -4,6 +4,7 @@
 #include "smb_activity.h"
 #include "smb_activity_table.h"
 #include "smb_parser_internal.h"
+#include "smb_who.h"
 #include "utils_alloc.h"
 
 namespace smb::parser {
@@ -180,6 +181,7 @@ void count_response(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q
 
 void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        Smb2Message msg, smb_activity *into) {
+    smb_who_note_session(pkt, rec, msg.session_id());
     const ConnKey key = connection_key(pkt, msg.is_response());
     if (msg.is_response()) {
         count_response(pkt, rec, q, msg, key, into);
@@ -187,6 +189,8 @@ void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx
     }
     if (msg.flags() & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
     count_request(pkt, q, msg, key);
+    if (smb_who_reads_request(msg.command())) [[unlikely]]
+        smb_who_note_request(pkt, rec, q, msg);
 }
 
 void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply) {
