@@ -49,13 +49,27 @@ struct Header {
     uint32_t status;
     uint32_t flags;
     uint64_t message_id;
+    uint64_t session_id;
     uint16_t command;
 
-    explicit Header(const Smb2Message &msg)
-        : status(msg.status()),
-          flags(msg.flags()),
-          message_id(msg.message_id()),
-          command(msg.command()) {}
+    explicit Header(const Smb2Message &msg) {
+        const uint8_t *h = msg.whole_header();
+        if (!h) [[unlikely]] {
+            status = msg.status();
+            flags = msg.flags();
+            message_id = msg.message_id();
+            session_id = msg.session_id();
+            command = msg.command();
+            return;
+        }
+        // A reader of exactly the header's size: its bounds checks fold away.
+        const ByteReader r(h, SMB2_HEADER_SIZE);
+        status = r.le32(8);
+        command = r.le16(12);
+        flags = r.le32(16);
+        message_id = r.le64(24);
+        session_id = r.le64(40);
+    }
     bool is_response() const { return flags & SMB2_FLAGS_SERVER_TO_REDIR; }
     bool is_async() const { return flags & SMB2_FLAGS_ASYNC_COMMAND; }
 };
@@ -200,7 +214,7 @@ void count_response(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q
 void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        Smb2Message msg, smb_activity *into) {
     const Header h(msg);
-    smb_who_note_session(pkt, rec, msg.session_id());
+    smb_who_note_session(pkt, rec, h.session_id);
     const ConnKey key = connection_key(pkt, h.is_response());
     if (h.is_response()) {
         count_response(pkt, rec, q, msg, h, key, into);

@@ -39,6 +39,11 @@ class Smb2Message {
     bool succeeded() const { return status() == 0; }
 
     uint32_t available() const { return static_cast<uint32_t>(bytes_.size()); }
+    // The header's bytes when all of them are held (as the constructor demands), else null: for
+    // reading several header fields with one check.
+    const uint8_t *whole_header() const {
+        return bytes_.size() >= SMB2_HEADER_SIZE ? bytes_.data() : nullptr;
+    }
     uint32_t body_length() const { return available() - SMB2_HEADER_SIZE; }
     ByteReader body() const { return bytes_.from(SMB2_HEADER_SIZE); }
 
