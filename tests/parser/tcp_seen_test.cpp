@@ -18,12 +18,19 @@ struct Step {
     bool repeat;  // expected
 };
 
-host_packet packet_from(uint16_t src_port) {
+host_packet packet_from(uint16_t src_port, uint8_t ip_version = 4) {
     host_packet p{};
-    p.ip_version = 4;
+    p.ip_version = ip_version;
     p.protocol = 6;
-    p.src_addr.v4 = 0x0200a8c0;
-    p.dst_addr.v4 = 0x0100a8c0;
+    if (ip_version == 4) {
+        p.src_addr.v4 = 0x0200a8c0;
+        p.dst_addr.v4 = 0x0100a8c0;
+    } else {
+        p.src_addr.v6[0] = 0xfd;
+        p.src_addr.v6[15] = 2;
+        p.dst_addr.v6[0] = 0xfd;
+        p.dst_addr.v6[15] = 1;
+    }
     p.src_port = src_port;
     p.dst_port = 445;
     return p;
@@ -37,17 +44,37 @@ struct Sequence {
 class TcpSeen : public testing::TestWithParam<Sequence> {};
 
 TEST_P(TcpSeen, TellsRepeatsFromNewBytes) {
-    auto table = std::make_unique<tcp_seen_table>();
-    const host_packet pkt = packet_from(50000);
-    // The other direction and another connection interleave without effect.
-    host_packet other = packet_from(50001);
-    uint32_t other_seq = 5;
-    size_t i = 0;
-    for (const Step &s : GetParam().steps) {
-        EXPECT_EQ(smb_tcp_seen_before(table.get(), &pkt, {s.seq, s.syn}, s.length), s.repeat)
-            << "step " << i++;
-        EXPECT_FALSE(smb_tcp_seen_before(table.get(), &other, {other_seq, false}, 10));
-        other_seq += 10;
+    for (const uint8_t ip_version : {4, 6}) {
+        auto table = std::make_unique<tcp_seen_table>();
+        const host_packet pkt = packet_from(50000, ip_version);
+        // The other direction and another connection interleave without effect.
+        host_packet other = packet_from(50001, ip_version);
+        uint32_t other_seq = 5;
+        size_t i = 0;
+        for (const Step &s : GetParam().steps) {
+            EXPECT_EQ(smb_tcp_seen_before(table.get(), &pkt, {s.seq, s.syn}, s.length), s.repeat)
+                << "IPv" << int{ip_version} << " step " << i++;
+            EXPECT_FALSE(smb_tcp_seen_before(table.get(), &other, {other_seq, false}, 10));
+            other_seq += 10;
+        }
+    }
+}
+
+// Senders that differ only in their address keep directions of their own, IPv4 and IPv6 alike.
+TEST(TcpSeenKey, TheSenderAddressTellsDirectionsApart) {
+    for (const uint8_t ip_version : {4, 6}) {
+        auto table = std::make_unique<tcp_seen_table>();
+        const host_packet a = packet_from(50000, ip_version);
+        host_packet b = a;
+        if (ip_version == 4)
+            b.src_addr.v4 = 0x0300a8c0;
+        else
+            b.src_addr.v6[15] = 3;
+        EXPECT_FALSE(smb_tcp_seen_before(table.get(), &a, {0, false}, 100));
+        // b's bytes at the same sequence numbers are new, and noting them leaves a's alone.
+        EXPECT_FALSE(smb_tcp_seen_before(table.get(), &b, {0, false}, 100)) << int{ip_version};
+        EXPECT_TRUE(smb_tcp_seen_before(table.get(), &a, {0, false}, 100)) << int{ip_version};
+        EXPECT_TRUE(smb_tcp_seen_before(table.get(), &b, {0, false}, 100)) << int{ip_version};
     }
 }
 

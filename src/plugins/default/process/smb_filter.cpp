@@ -61,6 +61,11 @@ struct Plain {
 // A dropped record's counters are parked with the connection (smb_park_activity). A
 // retransmitted segment is parsed as any other, but its messages are not counted again.
 struct Counting {
+    // Most dropped records counted nothing: their counters are still all zero.
+    static void park(host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q) {
+        if (rec->activity && rec->activity->counted) smb_park_activity(pkt, rec, q);
+    }
+
     static void note_segment(host_packet *pkt, smb_queue_ctx *q, size_t payload_length) {
         q->repeat_segment =
             q->tcp_seen && smb_tcp_repeat(q->tcp_seen, pkt, static_cast<uint32_t>(payload_length));
@@ -73,7 +78,7 @@ struct Counting {
             *slot = rec;
             return true;
         }
-        smb_park_activity(pkt, rec, q);
+        park(pkt, rec, q);
         host_slot discarded = rec;
         smb_record_free(&discarded);
         return false;
@@ -89,7 +94,7 @@ struct Counting {
         if (keep) {
             *slot = smb_record_move_to_heap(&local.rec);
         } else {
-            smb_park_activity(pkt, &local.rec, q);
+            park(pkt, &local.rec, q);
             smb_record_release(&local.rec);
         }
         return keep;

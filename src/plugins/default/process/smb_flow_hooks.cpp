@@ -33,7 +33,11 @@ void *attach_or_give_up(smb_queue_ctx *q, host_flow_record *flow, host_slot *pkt
 // The packet's activity counters (activity=1 only) are added whatever the version.
 void merge(smb_flow_data *flow_rec, smb_flow_data *pkt_rec, bool first_direction,
            const host_flow_record *flow) {
-    if (pkt_rec->activity) smb_activity_take(flow_rec, pkt_rec);
+    // Most packet records counted nothing: counters of their own allocation that no count
+    // marked are all zero and need no call.
+    if (const smb_activity *a = pkt_rec->activity;
+        a && (a->counted || !smb_activity_is_inline(pkt_rec)))
+        smb_activity_take(flow_rec, pkt_rec);
     // Both are only ever set with activity=1: the default run makes no call here.
     if (pkt_rec->session_id || pkt_rec->who) smb_who_take(flow_rec, pkt_rec);
     flow_rec->security |= pkt_rec->security;

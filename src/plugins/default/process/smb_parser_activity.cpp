@@ -4,6 +4,7 @@
 #include "smb_activity.h"
 #include "smb_activity_table.h"
 #include "smb_parser_internal.h"
+#include "smb_who.h"
 #include "utils_alloc.h"
 
 namespace smb::parser {
@@ -40,6 +41,38 @@ constexpr uint32_t kSetInfoMinBody = 32;
 // FILE_RENAME_INFORMATION_TYPE_2: ReplaceIfExists, Reserved, RootDirectory, FileNameLength.
 constexpr size_t kRenameNameLengthOffset = 16;
 constexpr size_t kRenameNameOffset = 20;
+
+// The header fields that counting reads, read once: the stores into the record and its
+// counters might alias the packet's bytes as far as the compiler can tell, so that every
+// accessor would read (and bounds-check) its field again.
+struct Header {
+    uint32_t status;
+    uint32_t flags;
+    uint64_t message_id;
+    uint64_t session_id;
+    uint16_t command;
+
+    explicit Header(const Smb2Message &msg) {
+        const uint8_t *h = msg.whole_header();
+        if (!h) [[unlikely]] {
+            status = msg.status();
+            flags = msg.flags();
+            message_id = msg.message_id();
+            session_id = msg.session_id();
+            command = msg.command();
+            return;
+        }
+        // A reader of exactly the header's size: its bounds checks fold away.
+        const ByteReader r(h, SMB2_HEADER_SIZE);
+        status = r.le32(8);
+        command = r.le16(12);
+        flags = r.le32(16);
+        message_id = r.le64(24);
+        session_id = r.le64(40);
+    }
+    bool is_response() const { return flags & SMB2_FLAGS_SERVER_TO_REDIR; }
+    bool is_async() const { return flags & SMB2_FLAGS_ASYNC_COMMAND; }
+};
 
 bool is_error(uint32_t status) {
     return (status >> 30) == 3 && status != kStatusMoreProcessingRequired;
@@ -91,12 +124,12 @@ PendingSetInfo read_set_info(const Smb2Message &msg, uint8_t (&name)[SMB_NAME_SI
                       info);
 }
 
-void count_request(const host_packet *pkt, smb_queue_ctx *q, const Smb2Message &msg, ConnKey key) {
-    const uint16_t command = msg.command();
-    if (command == SMB2_CANCEL) return;  // answered by the cancelled request's response
-    if (command == SMB2_SET_INFO) [[unlikely]]
+void count_request(const host_packet *pkt, smb_queue_ctx *q, const Smb2Message &msg,
+                   const Header &h, ConnKey key) {
+    if (h.command == SMB2_CANCEL) return;  // answered by the cancelled request's response
+    if (h.command == SMB2_SET_INFO) [[unlikely]]
         return put_set_info(pkt, q, msg, key);
-    activitytable_put(q->activitytable, key.addr, key.port, msg.message_id(), pkt->timestamp_ns,
+    activitytable_put(q->activitytable, key.addr, key.port, h.message_id, pkt->timestamp_ns,
                       PendingSetInfo{});
 }
 
@@ -109,9 +142,9 @@ void count_latency(smb_activity *a, uint64_t request_ns, uint64_t response_ns) {
 }
 
 void count_success(smb_queue_ctx *q, smb_flow_data *rec, smb_activity *a, const Smb2Message &msg,
-                   ConnKey key, TakenRequest &request) {
+                   uint16_t command, ConnKey key, TakenRequest &request) {
     const ByteReader body = msg.body();
-    switch (msg.command()) {
+    switch (command) {
         case SMB2_NEGOTIATE: {
             if (msg.body_length() < kDialectOffset + 2) return;
             uint16_t dialect = body.le16(kDialectOffset);
@@ -157,21 +190,21 @@ void count_success(smb_queue_ctx *q, smb_flow_data *rec, smb_activity *a, const 
 }
 
 void count_response(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
-                    const Smb2Message &msg, ConnKey key, smb_activity *into) {
-    const uint32_t status = msg.status();
+                    const Smb2Message &msg, const Header &h, ConnKey key, smb_activity *into) {
+    const uint32_t status = h.status;
     // An interim response only says that the final one will follow.
-    if (msg.is_async() && status == kStatusPending) return;
+    if (h.is_async() && status == kStatusPending) return;
     smb_activity *a = into ? into : smb_activity_of(rec);
     a->counted = 1;
-    if (msg.flags() & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
+    if (h.flags & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
     TakenRequest request;
-    if (activitytable_take(q->activitytable, key.addr, key.port, msg.message_id(), request))
+    if (activitytable_take(q->activitytable, key.addr, key.port, h.message_id, request))
         count_latency(a, request.request_ns, pkt->timestamp_ns);
     if (is_error(status)) {
         ++a->errors;
         a->last_error = status;
     }
-    if (status == 0) count_success(q, rec, a, msg, key, request);
+    if (status == 0) count_success(q, rec, a, msg, h.command, key, request);
     if (request.rename_to) [[unlikely]]
         free(request.rename_to);  // a rename that did not succeed
 }
@@ -180,13 +213,17 @@ void count_response(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q
 
 void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        Smb2Message msg, smb_activity *into) {
-    const ConnKey key = connection_key(pkt, msg.is_response());
-    if (msg.is_response()) {
-        count_response(pkt, rec, q, msg, key, into);
+    const Header h(msg);
+    smb_who_note_session(pkt, rec, h.session_id);
+    const ConnKey key = connection_key(pkt, h.is_response());
+    if (h.is_response()) {
+        count_response(pkt, rec, q, msg, h, key, into);
         return;
     }
-    if (msg.flags() & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
-    count_request(pkt, q, msg, key);
+    if (h.flags & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;
+    count_request(pkt, q, msg, h, key);
+    if (smb_who_reads_request(h.command)) [[unlikely]]
+        smb_who_note_request(pkt, rec, q, msg);
 }
 
 void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply) {

@@ -39,6 +39,11 @@ class Smb2Message {
     bool succeeded() const { return status() == 0; }
 
     uint32_t available() const { return static_cast<uint32_t>(bytes_.size()); }
+    // The header's bytes when all of them are held (as the constructor demands), else null: for
+    // reading several header fields with one check.
+    const uint8_t *whole_header() const {
+        return bytes_.size() >= SMB2_HEADER_SIZE ? bytes_.data() : nullptr;
+    }
     uint32_t body_length() const { return available() - SMB2_HEADER_SIZE; }
     ByteReader body() const { return bytes_.from(SMB2_HEADER_SIZE); }
 
@@ -142,8 +147,9 @@ int32_t parse_tree_connect(const CommandContext &ctx);
 int32_t parse_create(const CommandContext &ctx);
 
 // Activity counting (nothing with activity=0): one SMB2 message, whose counters go to `into`
-// (the record's own when null) and whose flags go to `rec`; an SMB1 message (`reply` from its
-// Flags); a transform header. The checks are inline so that activity=0 costs no call.
+// (the record's own when null) and whose flags and session (smb_who.h) go to `rec`; an SMB1 message
+// (`reply` from its Flags); a transform header. The checks are inline so that activity=0 costs no
+// call.
 void count_activity_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        Smb2Message msg, smb_activity *into);
 void count_smb1_on(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q, uint8_t reply);
@@ -154,10 +160,8 @@ inline bool counting(const smb_queue_ctx *q) {
 }
 inline void count_activity(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                            const Smb2Message &msg, smb_activity *into = nullptr) {
-    if (counting(q)) [[unlikely]] {
+    if (counting(q)) [[unlikely]]
         count_activity_on(pkt, rec, q, msg, into);
-        smb_who_note(pkt, rec, q, msg);
-    }
 }
 inline void count_smb1(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
                        uint8_t reply) {

@@ -121,8 +121,7 @@ client_end connection_client(const smb_plugin_ctx *ctx, const host_flow_record *
 }
 
 // The connection's dialect and security facts go to every SMB2 record of the connection.
-void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_data *rec) {
-    const client_end client = connection_client(ctx, flow, rec);
+void complete_connection(smb_plugin_ctx *ctx, smb_flow_data *rec, client_end client) {
     uint16_t dialect = 0;
     uint8_t security = 0;
     smb_activity *parked = nullptr;
@@ -142,29 +141,27 @@ void complete_connection(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_d
     if (dialect) a->dialect = dialect;
 }
 
-// Identity and remote calls, once the record knows its tree.
-void complete_who(smb_plugin_ctx *ctx, host_flow_record *flow, smb_flow_data *rec) {
-    const client_end client = connection_client(ctx, flow, rec);
-    smb_who_complete(ctx, rec, client.addr32, client.port);
-}
-
 }  // namespace
 
 int process_smb_postprocess(void *plugin_ctx, host_flow_record *flow, host_slot *flow_slot) {
     auto *rec = static_cast<smb_flow_data *>(*flow_slot);
-    if (rec && rec->version == SMB_VERSION_2 && static_cast<smb_plugin_ctx *>(plugin_ctx)->activity)
-        complete_connection(static_cast<smb_plugin_ctx *>(plugin_ctx), flow, rec);
-    // Encrypted traffic names nothing but its session; SMB1 keeps no tables.
-    if (rec && rec->version == SMB_VERSION_2 && (rec->commands[0] & SMB_CMD_TRANSFORM) &&
-        static_cast<smb_plugin_ctx *>(plugin_ctx)->activity)
-        complete_who(static_cast<smb_plugin_ctx *>(plugin_ctx), flow, rec);
-    if (!rec || rec->version != SMB_VERSION_2 || (rec->commands[0] & SMB_CMD_TRANSFORM)) return 0;
-
+    // SMB1 keeps no tables.
+    if (!rec || rec->version != SMB_VERSION_2) return 0;
     auto *ctx = static_cast<smb_plugin_ctx *>(plugin_ctx);
-    const client_end client = client_of(flow, rec);
-    file_outcome file;
-    if (rec->file_id != 0 && !rec->file_name) file = complete_file(ctx, rec, client);
-    if (rec->tree_id != 0 && !rec->tree_name) complete_tree(ctx, rec, client, file);
-    if (ctx->activity) complete_who(ctx, flow, rec);
+    // With activity=1: the connection's facts first, the identity and remote calls once the
+    // record knows its tree.
+    client_end connection{};
+    if (ctx->activity) {
+        connection = connection_client(ctx, flow, rec);
+        complete_connection(ctx, rec, connection);
+    }
+    // Encrypted traffic names nothing but its session.
+    if (!(rec->commands[0] & SMB_CMD_TRANSFORM)) {
+        const client_end client = client_of(flow, rec);
+        file_outcome file;
+        if (rec->file_id != 0 && !rec->file_name) file = complete_file(ctx, rec, client);
+        if (rec->tree_id != 0 && !rec->tree_name) complete_tree(ctx, rec, client, file);
+    }
+    if (ctx->activity) smb_who_complete(ctx, rec, connection.addr32, connection.port);
     return 0;
 }

@@ -35,10 +35,16 @@ class ByteReader {
     constexpr uint64_t le64(size_t offset) const { return little<uint64_t>(offset); }
     constexpr uint32_t be32(size_t offset) const {
         if (!has(offset, 4)) return 0;
-        uint32_t v = 0;
-        for (size_t i = 0; i < 4; ++i)
-            v = (v << 8) | bytes_[offset + i];
-        return v;
+        if (std::is_constant_evaluated() || std::endian::native != std::endian::little) {
+            uint32_t v = 0;
+            for (size_t i = 0; i < 4; ++i)
+                v = (v << 8) | bytes_[offset + i];
+            return v;
+        }
+        // One load and a byte swap: g++ does not merge the byte loop above into one.
+        uint32_t v;
+        std::memcpy(&v, bytes_.data() + offset, sizeof v);
+        return __builtin_bswap32(v);
     }
 
     // `count` bytes at `offset`, or an empty span when they are not all there.

@@ -8,8 +8,9 @@
 // compared in serial-number arithmetic (RFC 1982), so a connection may wrap them.
 //
 // Per queue (both directions of a connection go to one queue), no lock. One slot per
-// direction, found by hash; the newest direction takes a slot, and a direction whose slot was
-// taken simply starts over (its next retransmission is counted, as without the table).
+// direction, found by hash of its addresses and ports; the newest direction takes a slot, and a
+// direction whose slot was taken simply starts over (its next retransmission is counted, as without
+// the table).
 #pragma once
 
 #include <stddef.h>
@@ -19,15 +20,18 @@
 
 struct tcp_seen_direction {
     static constexpr int kHoles = 3;
-    uint8_t src[16];  // the sender's address (IPv4 in the first four bytes)
-    uint16_t src_port;
-    uint16_t dst_port;
+    // The direction: the sender's address in the high half (IPv4, or IPv6 folded to 32 bits,
+    // so that two IPv6 senders whose folds and ports agree would share a slot's bytes: a risk
+    // of one in 2^32 per pair, for a slot of 40 bytes rather than 52), source and destination
+    // port in the low half.
+    uint64_t key;
+    uint32_t next;  // sequence number after the highest payload byte seen
     uint8_t used;
     uint8_t holes;  // how many of hole_begin/hole_end are in use
-    uint32_t next;  // sequence number after the highest payload byte seen
     uint32_t hole_begin[kHoles];
     uint32_t hole_end[kHoles];
 };
+static_assert(sizeof(tcp_seen_direction) == 40);
 
 struct tcp_seen_table {
     static constexpr uint32_t kSlots = 4096;

@@ -15,8 +15,7 @@ using smb::parser::ConnKey;
 using smb::parser::Smb2Message;
 
 constexpr uint64_t kNoSession = 0;
-constexpr uint64_t kRelatedSession = 0xFFFFFFFFFFFFFFFFull;  // a related chain's "the same"
-constexpr uint32_t kTransformSessionOffset = 44;             // MS-SMB2 2.2.41
+constexpr uint32_t kTransformSessionOffset = 44;  // MS-SMB2 2.2.41
 constexpr uint32_t kTransformHeaderSize = 52;
 
 // SESSION_SETUP request (MS-SMB2 2.2.5): SecurityBufferOffset (from the header), Length.
@@ -42,12 +41,6 @@ constexpr uint16_t kOpnumOverflowBit = 63;
 ByteReader buffer_at(const Smb2Message &msg, uint32_t offset_from_header, uint32_t length) {
     if (offset_from_header < SMB2_HEADER_SIZE) return {};
     return msg.body().from(offset_from_header - SMB2_HEADER_SIZE).first(length);
-}
-
-void note_session(const host_packet *pkt, smb_flow_data *rec, uint64_t session_id) {
-    if (session_id == kNoSession || session_id == kRelatedSession) return;
-    rec->session_id = session_id;
-    rec->session_ns = pkt->timestamp_ns;
 }
 
 void note_authenticate(const host_packet *pkt, smb_queue_ctx *q, const Smb2Message &msg) {
@@ -233,10 +226,8 @@ void smb_who_complete(smb_plugin_ctx *ctx, smb_flow_data *rec, uint32_t client_a
     w->identity = names;
 }
 
-void smb_who_note(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
-                  const Smb2Message &msg) {
-    note_session(pkt, rec, msg.session_id());
-    if (msg.is_response()) return;
+void smb_who_note_request(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                          const Smb2Message &msg) {
     switch (msg.command()) {
         case SMB2_SESSION_SETUP:
             if (q->sessiontable) note_authenticate(pkt, q, msg);
@@ -253,5 +244,5 @@ void smb_who_note(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
 void smb_who_note_transform(const host_packet *pkt, smb_flow_data *rec,
                             const ByteReader &transform) {
     if (transform.size() >= kTransformHeaderSize)
-        note_session(pkt, rec, transform.le64(kTransformSessionOffset));
+        smb_who_note_session(pkt, rec, transform.le64(kTransformSessionOffset));
 }

@@ -60,10 +60,23 @@ namespace smb::parser {
 class Smb2Message;
 }
 
-// Parse time, one SMB2 message: the session reference, the identity of a SESSION_SETUP
-// request, the PDUs of a pipe WRITE or FSCTL_PIPE_TRANSCEIVE request.
-void smb_who_note(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
-                  const smb::parser::Smb2Message &msg);
+// Parse time, any SMB2 message or transform header: the session that it names (none for 0, and
+// for a related chain's "the same", all ones).
+inline void smb_who_note_session(const host_packet *pkt, smb_flow_data *rec, uint64_t session_id) {
+    if (session_id == 0 || session_id == ~uint64_t{0}) return;
+    rec->session_id = session_id;
+    rec->session_ns = pkt->timestamp_ns;
+}
+
+// The requests that smb_who_note_request reads.
+inline bool smb_who_reads_request(uint16_t command) {
+    return command == SMB2_SESSION_SETUP || command == SMB2_WRITE || command == SMB2_IOCTL;
+}
+
+// Parse time, one SMB2 request of those: the identity of a SESSION_SETUP request, the PDUs of
+// a pipe WRITE or FSCTL_PIPE_TRANSCEIVE request.
+void smb_who_note_request(const host_packet *pkt, smb_flow_data *rec, smb_queue_ctx *q,
+                          const smb::parser::Smb2Message &msg);
 
 // Parse time, a transform header: its SessionId.
 void smb_who_note_transform(const host_packet *pkt, smb_flow_data *rec,
