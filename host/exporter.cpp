@@ -81,7 +81,8 @@ __attribute__((always_inline)) inline void Exporter::evaluate(const FieldDef &fi
             // `value` is this position's of the record before: a default it holds already
             // (the common case of counters at zero) is not copied again.
             value.kind = FieldValue::Kind::Default;
-            value.binary.assign(field.default_value.begin(), field.default_value.end());
+            value.binary.clear();
+            value.binary.append(field.default_value.data(), field.default_value.size());
             value.text.assign(default_texts_[position]);
         }
         return;

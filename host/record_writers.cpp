@@ -37,10 +37,24 @@ HOST_API int record_universal_get_num(void *output, const void *value, uint32_t 
     auto *out = static_cast<FieldOutput *>(output);
     const auto *bytes = static_cast<const uint8_t *>(value);
     if (byte_order == corvane_host::kByteOrderHost) {
-        // Called for every number of every record: a resize and a copy of at most 8 bytes.
-        const size_t at = out->binary.size();
-        out->binary.resize(at + size);
-        std::memcpy(out->binary.data() + at, bytes, size);
+        // Called for every number of every record: a bounds test and a copy of at most 8
+        // bytes.
+        uint8_t *const to = out->binary.room(8);
+        switch (size) {
+            case 1:
+                *to = *bytes;
+                break;
+            case 2:
+                std::memcpy(to, bytes, 2);
+                break;
+            case 4:
+                std::memcpy(to, bytes, 4);
+                break;
+            default:
+                std::memcpy(to, bytes, 8);
+                break;
+        }
+        out->binary.commit(size);
     } else {
         for (uint32_t i = size; i-- > 0;)
             out->binary.push_back(bytes[i]);
@@ -80,7 +94,7 @@ HOST_API int record_universal_get_array(void *output, const void *buffer, uint32
     if (!output || !buffer) return -1;
     auto *out = static_cast<FieldOutput *>(output);
     const auto *bytes = static_cast<const uint8_t *>(buffer);
-    out->binary.insert(out->binary.end(), bytes, bytes + size);
+    out->binary.append(bytes, size);
     ++out->writes;
     return static_cast<int>(size);
 }
