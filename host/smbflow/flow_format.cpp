@@ -30,6 +30,21 @@ const char *const kSmb2Commands[] = {
 constexpr const char *kFieldNames[] = {"SMB_CMD_REQUEST", "SMB_CMD_RESPONSE", "SMB_TREE",
                                        "SMB_FILE_TYPE",   "SMB_FILE_NAME",    "SMB_OP"};
 
+// The SMB plug-in's counters (activity=1), whose text is the value in decimal: smbflow writes
+// that text from the binary form itself, and their text fills are not asked at all.
+constexpr const char *kDecimalFields[] = {
+    "SMB_BYTES_READ",     "SMB_BYTES_WRITTEN",  "SMB_READS",    "SMB_WRITES",
+    "SMB_ERRORS",         "SMB_RENAMES",        "SMB_DELETES",  "SMB_LATENCY_COUNT",
+    "SMB_LATENCY_SUM_US", "SMB_LATENCY_MAX_US", "SMB_SECURITY", "SMB_RPC_OPNUMS",
+    "SMB_RPC_CALLS"};
+
+bool is_decimal_field(const FieldDef &field) {
+    if (field.type != CORVANE_FIELD_NUMBER || field.size == 0 || field.size > 8 || !field.fill)
+        return false;
+    return std::find(std::begin(kDecimalFields), std::end(kDecimalFields), field.name) !=
+           std::end(kDecimalFields);
+}
+
 // Texts of small codes, made once at compile time: the decimal text of every byte value
 // (for dotted quads), the two hex digits of every byte and the eight flag letters of every
 // TCP flags byte. A table look-up and a fixed-size copy beat digit loops and printf.
@@ -228,7 +243,11 @@ const std::vector<Column> &columns() {
 }
 
 const std::vector<std::string> &host_rendered_fields() {
-    static const std::vector<std::string> names(std::begin(kFieldNames), std::end(kFieldNames));
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> n(std::begin(kFieldNames), std::end(kFieldNames));
+        n.insert(n.end(), std::begin(kDecimalFields), std::end(kDecimalFields));
+        return n;
+    }();
     return names;
 }
 
@@ -452,8 +471,11 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
             interface_extra_ = static_cast<int>(i);
     for (const Column &c : columns())
         verbatim_.push_back(c.verbatim);
-    for (const Extra &e : extras_)
+    for (const Extra &e : extras_) {
         verbatim_.push_back(plugin_column(*e.def).verbatim);
+        plans_.push_back({is_decimal_field(*e.def),
+                          !e.def->has_default || !needs_csv_quotes(default_text(*e.def))});
+    }
     if (has_service_column()) verbatim_.push_back(true);
 }
 
@@ -492,6 +514,7 @@ class RowSink {
     void close_unless_empty(size_t k, uint32_t from) {
         if (row_.mark() != from) row_.close(k, from);
     }
+    void close_plain(size_t k, uint32_t from) { row_.close(k, from); }
     void skip(size_t) {}
     void display(size_t k, std::string_view text) { row_.set_display(k, text); }
 
@@ -515,6 +538,8 @@ class CsvSink {
         if (!verbatim_[k]) quote_if_needed(from);
     }
     void close_unless_empty(size_t k, uint32_t from) { close(k, from); }
+    // A text that cannot need quotes (digits, hex, words of our own).
+    void close_plain(size_t, uint32_t) {}
     void skip(size_t k) { open(k); }
     void display(size_t, std::string_view) {}
 
@@ -565,23 +590,30 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     size_t k = 0;
     // Inlined: a record has a few dozen columns, and a call per column costs as much as the
     // bookkeeping it wraps.
+    // A column of text that may need quoting (names from the wire, words joined by commas).
     auto cell = [&](auto write) __attribute__((always_inline)) {
         const uint32_t from = sink.open(k);
         write();
         sink.close(k++, from);
     };
+    // A column of text made here that no output quotes: not looked at again.
+    auto plain = [&](auto write) __attribute__((always_inline)) {
+        const uint32_t from = sink.open(k);
+        write();
+        sink.close_plain(k++, from);
+    };
     auto null = [&]() __attribute__((always_inline)) {
         sink.skip(k++);
     };
     auto num = [&](uint64_t v) __attribute__((always_inline)) {
-        cell([&] { append_uint(t, v); });
+        plain([&] { append_uint(t, v); });
     };
 
-    cell([&] { append_time(t, r.first_ns, nano_); });
-    cell([&] { append_time(t, r.last_ns, nano_); });
-    cell([&] { append_addr(t, r.src_addr, r.ip_version); });
+    plain([&] { append_time(t, r.first_ns, nano_); });
+    plain([&] { append_time(t, r.last_ns, nano_); });
+    plain([&] { append_addr(t, r.src_addr, r.ip_version); });
     num(r.src_port);
-    cell([&] { append_addr(t, r.dst_addr, r.ip_version); });
+    plain([&] { append_addr(t, r.dst_addr, r.ip_version); });
     num(r.dst_port);
     sink.display(k, protocol_text(r.protocol));
     num(r.protocol);
@@ -591,7 +623,7 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     num(r.dir_counters[1].bytes);
     for (int dir = 0; dir < 2; ++dir) {
         if (r.protocol == 6)
-            cell([&] { append_tcp_flags(t, r.tcp_flags[dir]); });
+            plain([&] { append_tcp_flags(t, r.tcp_flags[dir]); });
         else
             null();
     }
@@ -601,7 +633,7 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     for (const FieldValue *v : {smb.cmd_request, smb.cmd_response}) {
         if (v) {
             const auto word = static_cast<uint32_t>(v->number());
-            cell([&] { append_hex(t, word, 8); });
+            plain([&] { append_hex(t, word, 8); });
             const uint32_t from = sink.open(k);
             append_command_names(t, word);
             sink.close_unless_empty(k++, from);
@@ -618,7 +650,7 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     }
     if (const FieldValue *v = smb.file_type) {
         const auto type = static_cast<uint8_t>(v->number());
-        cell([&] { t += file_type_text(type); });
+        plain([&] { t += file_type_text(type); });
         num(type);
     } else {
         null();
@@ -627,16 +659,31 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     if (const FieldValue *v = smb.op) {
         const auto op = static_cast<uint8_t>(v->number());
         cell([&] { t += op_text(op); });
-        cell([&] { append_hex(t, op, 2); });
+        plain([&] { append_hex(t, op, 2); });
     } else {
         null();
         null();
     }
-    for (const Extra &e : extras_) {
-        if (const FieldValue *v = extra_value(flow, e))
-            cell([&] { append_field_text(t, *e.def, *v); });
-        else
+    for (size_t i = 0; i < extras_.size(); ++i) {
+        const Extra &e = extras_[i];
+        const ExtraPlan plan = plans_[i];
+        const FieldValue *v = extra_value(flow, e);
+        if (!v) {
             null();
+        } else if (v->kind == FieldValue::Kind::Default) {
+            // The default's text, made once by the exporter: looked at for quotes only when
+            // it may need them.
+            const uint32_t from = sink.open(k);
+            t += v->text;
+            if (plan.default_plain)
+                sink.close_plain(k++, from);
+            else
+                sink.close(k++, from);
+        } else if (plan.decimal && !v->binary.empty() && v->binary.size() <= 8) {
+            num(v->number());
+        } else {
+            cell([&] { append_field_text(t, *e.def, *v); });
+        }
     }
     if (has_service_column()) {
         const FieldValue *v = extra_value(flow, extras_[interface_extra_]);

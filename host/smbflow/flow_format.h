@@ -94,6 +94,12 @@ class FlowFormatter {
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
     std::vector<Extra> extras_;
+    // How each extra's value is written, by its index in extras_.
+    struct ExtraPlan {
+        bool decimal;        // a counter written in decimal from its binary form
+        bool default_plain;  // the text of its default needs no quotes
+    };
+    std::vector<ExtraPlan> plans_;
     int interface_extra_ = -1;       // index into extras_ of SMB_RPC_INTERFACE
     std::vector<uint8_t> verbatim_;  // by column: 1 for a column no output quotes
     bool nano_ = false;
