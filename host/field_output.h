@@ -63,10 +63,21 @@ class ByteBuffer {
     size_t size_ = 0;
 };
 
+// The last UTF-16LE text that the string writer converted for one output, and its UTF-8: a
+// field's text is most often the one it had in the record before (the session's user name,
+// the dialect, the share), and a comparison of a few bytes is cheaper than their conversion.
+struct Utf16Memo {
+    static constexpr uint32_t kMaxBytes = 128;  // a name buffer; longer texts are converted
+    uint32_t size = UINT32_MAX;                 // of `bytes`; none yet
+    uint8_t bytes[kMaxBytes];
+    TextBuffer text;
+};
+
 struct FieldOutput {
     ByteBuffer binary;
     TextBuffer text;      // written in place by the text writers
     unsigned writes = 0;  // successful writer calls; 0 means the fill gave no value
+    Utf16Memo memo;       // kept by the string writer from one record to the next
 
     void clear() {
         binary.clear();

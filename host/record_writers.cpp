@@ -83,8 +83,20 @@ HOST_API int record_universal_get_txt_string(void *output, const void *buffer, u
                                              uint32_t, uint32_t) {
     if (!output || !buffer) return -1;
     auto *out = static_cast<FieldOutput *>(output);
+    const auto *bytes = static_cast<const uint8_t *>(buffer);
     const size_t before = out->text.size();
-    corvane_host::append_utf16le_as_utf8(out->text, static_cast<const uint8_t *>(buffer), size);
+    corvane_host::Utf16Memo &memo = out->memo;
+    if (size <= corvane_host::Utf16Memo::kMaxBytes && size == memo.size &&
+        std::memcmp(bytes, memo.bytes, size) == 0) {
+        out->text += memo.text.view();
+    } else {
+        corvane_host::append_utf16le_as_utf8(out->text, bytes, size);
+        if (size <= corvane_host::Utf16Memo::kMaxBytes) {
+            memo.size = size;
+            std::memcpy(memo.bytes, bytes, size);
+            memo.text.assign(out->text.view(before, out->text.size()));
+        }
+    }
     ++out->writes;
     return static_cast<int>(out->text.size() - before);
 }
