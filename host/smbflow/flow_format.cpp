@@ -478,7 +478,8 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
     for (const Extra &e : extras_) {
         verbatim_.push_back(plugin_column(*e.def).verbatim);
         plans_.push_back({is_decimal_field(*e.def),
-                          !e.def->has_default || !needs_csv_quotes(default_text(*e.def))});
+                          !e.def->has_default || !needs_csv_quotes(default_text(*e.def)),
+                          e.def->plugin_index < 32 ? 1u << e.def->plugin_index : 0u});
     }
     if (has_service_column()) verbatim_.push_back(true);
 }
@@ -692,10 +693,18 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
         null();
         null();
     }
-    for (size_t i = 0; i < extras_.size(); ++i) {
-        const Extra &e = extras_[i];
-        const ExtraPlan plan = plans_[i];
-        const FieldValue *v = extra_value(flow, e);
+    // The extras, as extra_value() picks their values, with the loop's bounds and the
+    // record's in locals: the appends write chars, which the compiler must assume may change
+    // any member it would otherwise read again.
+    const FieldValue *const values = flow.fields.data();
+    const size_t value_count = flow.fields.size();
+    const uint32_t records = flow.plugin_records;
+    const ExtraPlan *plan = plans_.data();
+    for (const Extra *e = extras_.data(), *const end = e + extras_.size(); e != end; ++e, ++plan) {
+        const FieldValue *v = e->position < value_count ? &values[e->position] : nullptr;
+        if (v && v->kind != FieldValue::Kind::Value &&
+            !(v->kind == FieldValue::Kind::Default && (records & plan->plugin_bit)))
+            v = nullptr;
         if (!v) {
             null();
         } else if (v->kind == FieldValue::Kind::Default) {
@@ -703,14 +712,14 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
             // it may need them.
             const uint32_t from = sink.open(k);
             t += v->text;
-            if (plan.default_plain)
+            if (plan->default_plain)
                 sink.close_plain(k++, from);
             else
                 sink.close(k++, from);
-        } else if (plan.decimal && !v->binary.empty() && v->binary.size() <= 8) {
+        } else if (plan->decimal && !v->binary.empty() && v->binary.size() <= 8) {
             num(v->number());
         } else {
-            cell([&] { append_field_text(t, *e.def, *v); });
+            cell([&] { append_field_text(t, *e->def, *v); });
         }
     }
     if (has_service_column()) {

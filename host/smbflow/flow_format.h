@@ -96,8 +96,9 @@ class FlowFormatter {
     std::vector<Extra> extras_;
     // How each extra's value is written, by its index in extras_.
     struct ExtraPlan {
-        bool decimal;        // a counter written in decimal from its binary form
-        bool default_plain;  // the text of its default needs no quotes
+        bool decimal;         // a counter written in decimal from its binary form
+        bool default_plain;   // the text of its default needs no quotes
+        uint32_t plugin_bit;  // its plug-in's bit in ExportedFlow::plugin_records
     };
     std::vector<ExtraPlan> plans_;
     int interface_extra_ = -1;       // index into extras_ of SMB_RPC_INTERFACE
