@@ -25,6 +25,28 @@ using corvane_host::FieldOutput;
 
 namespace {
 
+// Names and short texts: up to 16 bytes as two fixed-size comparisons that may overlap,
+// with no call.
+bool same_bytes(const uint8_t *a, const uint8_t *b, size_t n) {
+    if (n >= 8 && n <= 16) {
+        uint64_t a0, a1, b0, b1;
+        std::memcpy(&a0, a, 8);
+        std::memcpy(&b0, b, 8);
+        std::memcpy(&a1, a + n - 8, 8);
+        std::memcpy(&b1, b + n - 8, 8);
+        return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+    }
+    if (n >= 4 && n < 8) {
+        uint32_t a0, a1, b0, b1;
+        std::memcpy(&a0, a, 4);
+        std::memcpy(&b0, b, 4);
+        std::memcpy(&a1, a + n - 4, 4);
+        std::memcpy(&b1, b + n - 4, 4);
+        return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+    }
+    return std::memcmp(a, b, n) == 0;
+}
+
 bool number_size_ok(uint32_t size) {
     return size == 1 || size == 2 || size == 4 || size == 8;
 }
@@ -87,7 +109,7 @@ HOST_API int record_universal_get_txt_string(void *output, const void *buffer, u
     const size_t before = out->text.size();
     corvane_host::Utf16Memo &memo = out->memo;
     if (size <= corvane_host::Utf16Memo::kMaxBytes && size == memo.size &&
-        std::memcmp(bytes, memo.bytes, size) == 0) {
+        same_bytes(bytes, memo.bytes, size)) {
         out->text += memo.text.view();
     } else {
         corvane_host::append_utf16le_as_utf8(out->text, bytes, size);
