@@ -487,16 +487,21 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
     const FieldValue *v[kSmbFields];
     bool smb = false;
+    const FieldValue *const values = flow.fields.data();
+    const size_t count = flow.fields.size();
     for (int which = 0; which < kSmbFields; ++which) {
-        const int i = index_[which];
-        v[which] =
-            i >= 0 && static_cast<size_t>(i) < flow.fields.size() ? &flow.fields[i] : nullptr;
+        const auto i = static_cast<size_t>(index_[which]);  // -1: past any count
+        v[which] = i < count ? values + i : nullptr;
         smb |= v[which] && v[which]->kind == FieldValue::Kind::Value;
     }
+    if (!smb) {
+        out = {};
+        return false;
+    }
     for (const FieldValue *&f : v)
-        if (!smb || (f && !f->present())) f = nullptr;
+        if (f && !f->present()) f = nullptr;
     out = {v[CmdRequest], v[CmdResponse], v[Tree], v[FileType], v[FileName], v[Op]};
-    return smb;
+    return true;
 }
 
 Row FlowFormatter::render(const ExportedFlow &flow) const {
