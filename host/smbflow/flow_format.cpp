@@ -519,6 +519,7 @@ class RowSink {
     explicit RowSink(Row &row) : row_(row) {}
     TextBuffer &text() { return row_.text(); }
     uint32_t open(size_t) { return row_.mark(); }
+    uint32_t open_first() { return row_.mark(); }
     void close(size_t k, uint32_t from) { row_.close(k, from); }
     // An empty text stands for no value (a command word with no command bit).
     void close_unless_empty(size_t k, uint32_t from) {
@@ -540,10 +541,12 @@ class CsvSink {
     CsvSink(TextBuffer &line, const std::vector<uint8_t> &verbatim)
         : line_(line), verbatim_(verbatim) {}
     TextBuffer &text() { return line_; }
-    __attribute__((always_inline)) uint32_t open(size_t k) {
-        if (k) line_ += ',';
+    // Every column but the first (open_first()) follows a separator.
+    __attribute__((always_inline)) uint32_t open(size_t) {
+        line_ += ',';
         return static_cast<uint32_t>(line_.size());
     }
+    uint32_t open_first() { return static_cast<uint32_t>(line_.size()); }
     __attribute__((always_inline)) void close(size_t k, uint32_t from) {
         if (!verbatim_[k]) quote_if_needed(from);
     }
@@ -643,7 +646,12 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
         plain([&] { append_uint(t, v); });
     };
 
-    plain([&] { append_time(t, r.first_ns, nano_); });
+    // The first column, always present: no separator before it.
+    {
+        const uint32_t from = sink.open_first();
+        append_time(t, r.first_ns, nano_);
+        sink.close_plain(k++, from);
+    }
     plain([&] { append_time(t, r.last_ns, nano_); });
     plain([&] { append_addr(t, r.src_addr, r.ip_version); });
     num(r.src_port);
