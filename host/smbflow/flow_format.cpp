@@ -477,9 +477,18 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         verbatim_.push_back(c.verbatim);
     for (const Extra &e : extras_) {
         verbatim_.push_back(plugin_column(*e.def).verbatim);
-        plans_.push_back({is_decimal_field(*e.def),
-                          !e.def->has_default || !needs_csv_quotes(default_text(*e.def)),
-                          e.def->plugin_index < 32 ? 1u << e.def->plugin_index : 0u});
+        const std::string text = e.def->has_default ? default_text(*e.def) : std::string();
+        ExtraPlan plan{is_decimal_field(*e.def),
+                       !e.def->has_default || !needs_csv_quotes(text),
+                       e.def->plugin_index < 32 ? 1u << e.def->plugin_index : 0u,
+                       {},
+                       0};
+        if (e.def->has_default && plan.default_plain && text.size() < sizeof plan.default_cell) {
+            plan.default_cell[0] = ',';
+            memcpy(plan.default_cell + 1, text.data(), text.size());
+            plan.default_cell_len = static_cast<uint8_t>(text.size() + 1);
+        }
+        plans_.push_back(plan);
     }
     if (has_service_column()) verbatim_.push_back(true);
 }
@@ -526,6 +535,10 @@ class RowSink {
         if (row_.mark() != from) row_.close(k, from);
     }
     void close_plain(size_t k, uint32_t from) { row_.close(k, from); }
+    // A column's text after its separator, `n` bytes of a 16-byte array.
+    void put_cell(size_t k, const char (&cell)[16], size_t n) {
+        row_.set(k, std::string_view(cell + 1, n - 1));
+    }
     void skip(size_t) {}
     void display(size_t k, std::string_view text) { row_.set_display(k, text); }
 
@@ -553,6 +566,11 @@ class CsvSink {
     void close_unless_empty(size_t k, uint32_t from) { close(k, from); }
     // A text that cannot need quotes (digits, hex, words of our own).
     void close_plain(size_t, uint32_t) {}
+    __attribute__((always_inline)) void put_cell(size_t, const char (&cell)[16], size_t n) {
+        char *const p = line_.room(sizeof cell);
+        memcpy(p, cell, sizeof cell);  // the whole array: a fixed-size copy
+        line_.commit(p + n);
+    }
     void skip(size_t k) { open(k); }
     void display(size_t, std::string_view) {}
 
@@ -720,6 +738,8 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
             v = nullptr;
         if (!v) {
             null();
+        } else if (v->kind == FieldValue::Kind::Default && plan->default_cell_len) {
+            sink.put_cell(k++, plan->default_cell, plan->default_cell_len);
         } else if (v->kind == FieldValue::Kind::Default) {
             // The default's text, made once by the exporter: looked at for quotes only when
             // it may need them.

@@ -298,6 +298,8 @@ TEST(FlowFormat, PluginColumnsFromBinaryAndQuotedAnywhere) {
         formatter.render(flow, row);
         EXPECT_EQ(row.value(columns().size()), "66770");
         EXPECT_EQ(row.value(columns().size() + 1), names[i]);
+        EXPECT_EQ(row.value(columns().size() + 2), "a,");
+        EXPECT_EQ(row.value(columns().size() + 3), "7");
     }
 }
 
