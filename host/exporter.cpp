@@ -11,7 +11,24 @@ namespace corvane_host {
 uint64_t FieldValue::number() const {
     uint64_t v = 0;
     if constexpr (std::endian::native == std::endian::little) {
-        if (!binary.empty()) memcpy(&v, binary.data(), std::min<size_t>(binary.size(), 8));
+        // Fixed-size copies for the sizes a number has.
+        const uint8_t *b = binary.data();
+        switch (binary.size()) {
+            case 0:
+                break;
+            case 1:
+                v = b[0];
+                break;
+            case 2:
+                memcpy(&v, b, 2);
+                break;
+            case 4:
+                memcpy(&v, b, 4);
+                break;
+            default:
+                memcpy(&v, b, std::min<size_t>(binary.size(), 8));
+                break;
+        }
     } else {
         for (size_t i = 0; i < binary.size() && i < 8; ++i)
             v |= static_cast<uint64_t>(binary[i]) << (8 * i);
@@ -62,18 +79,21 @@ std::string default_text(const FieldDef &field) {
 Exporter::Exporter(const Host &host, FillForms forms, const std::vector<std::string> &host_rendered)
     : host_(host), fields_(host.fields()) {
     for (const FieldDef *f : fields_) {
-        default_texts_.push_back(f->has_default ? default_text(*f) : std::string());
-        forms_.push_back(forms_of(*f, forms, host_rendered));
+        const uint8_t wanted = forms_of(*f, forms, host_rendered);
+        plans_.push_back({f->ctx, f->validity, wanted & kBinaryForm ? f->fill : nullptr,
+                          wanted & kTextForm ? f->fill_txt : nullptr, f->plugin_index, f,
+                          f->has_default ? default_text(*f) : std::string()});
     }
 }
 
 // Inlined into the loop over a record's fields: it runs for every field of every record.
-__attribute__((always_inline)) inline void Exporter::evaluate(const FieldDef &field,
-                                                              uint32_t position,
+// The length callbacks are not asked: a value's size is what its fills write.
+__attribute__((always_inline)) inline void Exporter::evaluate(const Plan &plan, uint32_t position,
                                                               host_flow_record &rec,
                                                               host_slot *slot, FieldValue &value) {
-    const int valid = field.validity ? field.validity(field.ctx, &rec, slot) : 1;
+    const int valid = plan.validity ? plan.validity(plan.ctx, &rec, slot) : 1;
     if (!valid) {
+        const FieldDef &field = *plan.def;
         if (!field.has_default) {
             value.kind = FieldValue::Kind::Absent;
             value.clear();
@@ -81,20 +101,17 @@ __attribute__((always_inline)) inline void Exporter::evaluate(const FieldDef &fi
             // `value` is this position's of the record before: a default it holds already
             // (the common case of counters at zero) is not copied again.
             value.kind = FieldValue::Kind::Default;
-            value.binary.assign(field.default_value.begin(), field.default_value.end());
-            value.text.assign(default_texts_[position]);
+            value.binary.clear();
+            value.binary.append(field.default_value.data(), field.default_value.size());
+            value.text.assign(plan.default_text);
         }
         return;
     }
-    if (field.length) field.length(field.ctx, &rec, slot);
     // The writers take the output as a FieldOutput.
     FieldOutput *const out = &value;
     out->clear();
-    const uint8_t forms = forms_[position];
-    if (field.fill && (forms & kBinaryForm))
-        field.fill(field.ctx, &rec, slot, out, position, kByteOrderHost);
-    if (field.fill_txt && (forms & kTextForm))
-        field.fill_txt(field.ctx, &rec, slot, out, position, kByteOrderHost);
+    if (plan.fill) plan.fill(plan.ctx, &rec, slot, out, position, kByteOrderHost);
+    if (plan.fill_txt) plan.fill_txt(plan.ctx, &rec, slot, out, position, kByteOrderHost);
     // A valid field whose fill writes nothing has no value for this flow, and its default
     // does not stand in for it either.
     value.kind = value.writes ? FieldValue::Kind::Value : FieldValue::Kind::Absent;
@@ -122,11 +139,14 @@ void Exporter::postprocess(FlowHandoff &flow) {
 }
 
 void Exporter::export_postprocessed(FlowHandoff &flow, ExportedFlow &out) {
-    out.fields.resize(fields_.size());
-    for (uint32_t pos = 0; pos < fields_.size(); ++pos) {
-        const FieldDef &f = *fields_[pos];
-        evaluate(f, pos, flow.rec, &flow.slots[f.plugin_index], out.fields[pos]);
-    }
+    const size_t n = plans_.size();
+    out.fields.resize(n);
+    // Locals, kept in registers across the callbacks.
+    const Plan *const plans = plans_.data();
+    FieldValue *const values = out.fields.data();
+    host_slot *const slots = flow.slots.data();
+    for (uint32_t pos = 0; pos < n; ++pos)
+        evaluate(plans[pos], pos, flow.rec, &slots[plans[pos].plugin_index], values[pos]);
     out.rec = flow.rec;
     out.flow_hash = flow.flow_hash;
     out.reason = flow.reason;

@@ -1,5 +1,5 @@
 // Export of flow records: runs the plug-ins' post-processing on a flow record handed over by
-// a queue, asks each field's validity, length and fill callbacks for its value (binary and
+// a queue, asks each field's validity and fill callbacks for its value (binary and
 // text form), falls back to the field's default, and frees the plug-ins' records.
 #pragma once
 
@@ -70,13 +70,23 @@ class Exporter {
     const std::vector<const FieldDef *> &fields() const { return fields_; }
 
   private:
-    void evaluate(const FieldDef &field, uint32_t position, host_flow_record &rec, host_slot *slot,
+    // What the export of one field needs, by position, side by side: the callbacks it asks
+    // (a form it does not ask has none) and the field's default.
+    struct Plan {
+        void *ctx;
+        corvane_validity_fn validity;
+        corvane_fill_fn fill;
+        corvane_fill_fn fill_txt;
+        size_t plugin_index;
+        const FieldDef *def;
+        std::string default_text;
+    };
+    void evaluate(const Plan &plan, uint32_t position, host_flow_record &rec, host_slot *slot,
                   FieldValue &value);
 
     const Host &host_;
     std::vector<const FieldDef *> fields_;
-    std::vector<uint8_t> forms_;              // by position: kBinaryForm, kTextForm
-    std::vector<std::string> default_texts_;  // by position
+    std::vector<Plan> plans_;  // by position
 };
 
 // Text of a field's default value, as the text writers would render it.

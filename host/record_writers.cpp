@@ -25,6 +25,28 @@ using corvane_host::FieldOutput;
 
 namespace {
 
+// Names and short texts: up to 16 bytes as two fixed-size comparisons that may overlap,
+// with no call.
+bool same_bytes(const uint8_t *a, const uint8_t *b, size_t n) {
+    if (n >= 8 && n <= 16) {
+        uint64_t a0, a1, b0, b1;
+        std::memcpy(&a0, a, 8);
+        std::memcpy(&b0, b, 8);
+        std::memcpy(&a1, a + n - 8, 8);
+        std::memcpy(&b1, b + n - 8, 8);
+        return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+    }
+    if (n >= 4 && n < 8) {
+        uint32_t a0, a1, b0, b1;
+        std::memcpy(&a0, a, 4);
+        std::memcpy(&b0, b, 4);
+        std::memcpy(&a1, a + n - 4, 4);
+        std::memcpy(&b1, b + n - 4, 4);
+        return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+    }
+    return std::memcmp(a, b, n) == 0;
+}
+
 bool number_size_ok(uint32_t size) {
     return size == 1 || size == 2 || size == 4 || size == 8;
 }
@@ -37,10 +59,24 @@ HOST_API int record_universal_get_num(void *output, const void *value, uint32_t 
     auto *out = static_cast<FieldOutput *>(output);
     const auto *bytes = static_cast<const uint8_t *>(value);
     if (byte_order == corvane_host::kByteOrderHost) {
-        // Called for every number of every record: a resize and a copy of at most 8 bytes.
-        const size_t at = out->binary.size();
-        out->binary.resize(at + size);
-        std::memcpy(out->binary.data() + at, bytes, size);
+        // Called for every number of every record: a bounds test and a copy of at most 8
+        // bytes.
+        uint8_t *const to = out->binary.room(8);
+        switch (size) {
+            case 1:
+                *to = *bytes;
+                break;
+            case 2:
+                std::memcpy(to, bytes, 2);
+                break;
+            case 4:
+                std::memcpy(to, bytes, 4);
+                break;
+            default:
+                std::memcpy(to, bytes, 8);
+                break;
+        }
+        out->binary.commit(size);
     } else {
         for (uint32_t i = size; i-- > 0;)
             out->binary.push_back(bytes[i]);
@@ -69,8 +105,20 @@ HOST_API int record_universal_get_txt_string(void *output, const void *buffer, u
                                              uint32_t, uint32_t) {
     if (!output || !buffer) return -1;
     auto *out = static_cast<FieldOutput *>(output);
+    const auto *bytes = static_cast<const uint8_t *>(buffer);
     const size_t before = out->text.size();
-    corvane_host::append_utf16le_as_utf8(out->text, static_cast<const uint8_t *>(buffer), size);
+    corvane_host::Utf16Memo &memo = out->memo;
+    if (size <= corvane_host::Utf16Memo::kMaxBytes && size == memo.size &&
+        same_bytes(bytes, memo.bytes, size)) {
+        out->text += memo.text.view();
+    } else {
+        corvane_host::append_utf16le_as_utf8(out->text, bytes, size);
+        if (size <= corvane_host::Utf16Memo::kMaxBytes) {
+            memo.size = size;
+            std::memcpy(memo.bytes, bytes, size);
+            memo.text.assign(out->text.view(before, out->text.size()));
+        }
+    }
     ++out->writes;
     return static_cast<int>(out->text.size() - before);
 }
@@ -80,7 +128,7 @@ HOST_API int record_universal_get_array(void *output, const void *buffer, uint32
     if (!output || !buffer) return -1;
     auto *out = static_cast<FieldOutput *>(output);
     const auto *bytes = static_cast<const uint8_t *>(buffer);
-    out->binary.insert(out->binary.end(), bytes, bytes + size);
+    out->binary.append(bytes, size);
     ++out->writes;
     return static_cast<int>(size);
 }

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 namespace corvane_host {
 
@@ -21,26 +21,39 @@ class TextBuffer {
         assign(s);
         return *this;
     }
-
-    void clear() { size_ = 0; }
-    size_t size() const { return size_; }
-    bool empty() const { return size_ == 0; }
-    const char *data() const { return buf_.data(); }
-    std::string_view view() const { return {buf_.data(), size_}; }
-    std::string_view view(size_t begin, size_t end) const {
-        return {buf_.data() + begin, end - begin};
+    TextBuffer(const TextBuffer &other) { append(other.view()); }
+    TextBuffer &operator=(const TextBuffer &other) {
+        if (this != &other) assign(other.view());
+        return *this;
     }
+    TextBuffer(TextBuffer &&other) noexcept { swap(other); }
+    TextBuffer &operator=(TextBuffer &&other) noexcept {
+        swap(other);
+        return *this;
+    }
+    ~TextBuffer() { delete[] begin_; }
+
+    void clear() { end_ = begin_; }
+    size_t size() const { return static_cast<size_t>(end_ - begin_); }
+    bool empty() const { return end_ == begin_; }
+    const char *data() const { return begin_; }
+    std::string_view view() const { return {begin_, size()}; }
+    std::string_view view(size_t begin, size_t end) const { return {begin_ + begin, end - begin}; }
     operator std::string_view() const { return view(); }  // NOLINT: reads like a string
     std::string str() const { return std::string(view()); }
 
     // Room for `n` more bytes: write them at the pointer returned, then commit what was written.
+    // The buffer is three pointers, so that the bounds test is one subtraction of two of them
+    // (a vector's size would be one more).
     char *room(size_t n) {
-        if (n > buf_.size() - size_) grow(n);
-        return buf_.data() + size_;
+        if (n > static_cast<size_t>(limit_ - end_)) grow(n);
+        return end_;
     }
-    void commit(char *end) { size_ = static_cast<size_t>(end - buf_.data()); }
+    void commit(char *end) { end_ = end; }
     // Drops what follows the first `size` bytes.
-    void truncate(size_t size) { size_ = std::min(size_, size); }
+    void truncate(size_t size) {
+        if (size < this->size()) end_ = begin_ + size;
+    }
 
     void assign(std::string_view s) {
         clear();
@@ -51,12 +64,13 @@ class TextBuffer {
         const size_t n = s.size();
         char *p = room(n);
         copy_small(p, s.data(), n);
-        size_ += n;
+        end_ = p + n;
     }
     void append(const char *s, size_t n) { append(std::string_view(s, n)); }
     void push_back(char c) {
-        *room(1) = c;
-        ++size_;
+        char *p = room(1);
+        *p = c;
+        end_ = p + 1;
     }
     TextBuffer &operator+=(std::string_view s) {
         append(s);
@@ -73,7 +87,21 @@ class TextBuffer {
     }
 
   private:
-    void grow(size_t n) { buf_.resize(std::max(buf_.size() * 2, size_ + n + 64)); }
+    void swap(TextBuffer &other) noexcept {
+        std::swap(begin_, other.begin_);
+        std::swap(end_, other.end_);
+        std::swap(limit_, other.limit_);
+    }
+    void grow(size_t n) {
+        const size_t size = this->size();
+        const size_t capacity = std::max(2 * static_cast<size_t>(limit_ - begin_), size + n + 64);
+        char *const to = new char[capacity];
+        if (size) memcpy(to, begin_, size);
+        delete[] begin_;
+        begin_ = to;
+        end_ = to + size;
+        limit_ = to + capacity;
+    }
 
     // Most of what a record appends is a few bytes (numbers, words, short names): up to 16
     // bytes are copied inline, as two fixed-size copies that may overlap, with no call.
@@ -92,8 +120,9 @@ class TextBuffer {
         }
     }
 
-    std::vector<char> buf_;
-    size_t size_ = 0;
+    char *begin_ = nullptr;
+    char *end_ = nullptr;    // of the text
+    char *limit_ = nullptr;  // of the room
 };
 
 }  // namespace corvane_host

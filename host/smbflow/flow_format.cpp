@@ -12,6 +12,10 @@
 
 #include <fmt/format.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "utf16.h"
 
 namespace smbflow {
@@ -29,6 +33,21 @@ const char *const kSmb2Commands[] = {
 
 constexpr const char *kFieldNames[] = {"SMB_CMD_REQUEST", "SMB_CMD_RESPONSE", "SMB_TREE",
                                        "SMB_FILE_TYPE",   "SMB_FILE_NAME",    "SMB_OP"};
+
+// The SMB plug-in's counters (activity=1), whose text is the value in decimal: smbflow writes
+// that text from the binary form itself, and their text fills are not asked at all.
+constexpr const char *kDecimalFields[] = {
+    "SMB_BYTES_READ",     "SMB_BYTES_WRITTEN",  "SMB_READS",    "SMB_WRITES",
+    "SMB_ERRORS",         "SMB_RENAMES",        "SMB_DELETES",  "SMB_LATENCY_COUNT",
+    "SMB_LATENCY_SUM_US", "SMB_LATENCY_MAX_US", "SMB_SECURITY", "SMB_RPC_OPNUMS",
+    "SMB_RPC_CALLS"};
+
+bool is_decimal_field(const FieldDef &field) {
+    if (field.type != CORVANE_FIELD_NUMBER || field.size == 0 || field.size > 8 || !field.fill)
+        return false;
+    return std::find(std::begin(kDecimalFields), std::end(kDecimalFields), field.name) !=
+           std::end(kDecimalFields);
+}
 
 // Texts of small codes, made once at compile time: the decimal text of every byte value
 // (for dotted quads), the two hex digits of every byte and the eight flag letters of every
@@ -228,7 +247,11 @@ const std::vector<Column> &columns() {
 }
 
 const std::vector<std::string> &host_rendered_fields() {
-    static const std::vector<std::string> names(std::begin(kFieldNames), std::end(kFieldNames));
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> n(std::begin(kFieldNames), std::end(kFieldNames));
+        n.insert(n.end(), std::begin(kDecimalFields), std::end(kDecimalFields));
+        return n;
+    }();
     return names;
 }
 
@@ -452,24 +475,42 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
             interface_extra_ = static_cast<int>(i);
     for (const Column &c : columns())
         verbatim_.push_back(c.verbatim);
-    for (const Extra &e : extras_)
+    for (const Extra &e : extras_) {
         verbatim_.push_back(plugin_column(*e.def).verbatim);
+        const std::string text = e.def->has_default ? default_text(*e.def) : std::string();
+        ExtraPlan plan{is_decimal_field(*e.def),
+                       !e.def->has_default || !needs_csv_quotes(text),
+                       e.def->plugin_index < 32 ? 1u << e.def->plugin_index : 0u,
+                       {},
+                       0};
+        if (e.def->has_default && plan.default_plain && text.size() < sizeof plan.default_cell) {
+            plan.default_cell[0] = ',';
+            memcpy(plan.default_cell + 1, text.data(), text.size());
+            plan.default_cell_len = static_cast<uint8_t>(text.size() + 1);
+        }
+        plans_.push_back(plan);
+    }
     if (has_service_column()) verbatim_.push_back(true);
 }
 
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
     const FieldValue *v[kSmbFields];
     bool smb = false;
+    const FieldValue *const values = flow.fields.data();
+    const size_t count = flow.fields.size();
     for (int which = 0; which < kSmbFields; ++which) {
-        const int i = index_[which];
-        v[which] =
-            i >= 0 && static_cast<size_t>(i) < flow.fields.size() ? &flow.fields[i] : nullptr;
+        const auto i = static_cast<size_t>(index_[which]);  // -1: past any count
+        v[which] = i < count ? values + i : nullptr;
         smb |= v[which] && v[which]->kind == FieldValue::Kind::Value;
     }
+    if (!smb) {
+        out = {};
+        return false;
+    }
     for (const FieldValue *&f : v)
-        if (!smb || (f && !f->present())) f = nullptr;
+        if (f && !f->present()) f = nullptr;
     out = {v[CmdRequest], v[CmdResponse], v[Tree], v[FileType], v[FileName], v[Op]};
-    return smb;
+    return true;
 }
 
 Row FlowFormatter::render(const ExportedFlow &flow) const {
@@ -487,10 +528,16 @@ class RowSink {
     explicit RowSink(Row &row) : row_(row) {}
     TextBuffer &text() { return row_.text(); }
     uint32_t open(size_t) { return row_.mark(); }
+    uint32_t open_first() { return row_.mark(); }
     void close(size_t k, uint32_t from) { row_.close(k, from); }
     // An empty text stands for no value (a command word with no command bit).
     void close_unless_empty(size_t k, uint32_t from) {
         if (row_.mark() != from) row_.close(k, from);
+    }
+    void close_plain(size_t k, uint32_t from) { row_.close(k, from); }
+    // A column's text after its separator, `n` bytes of a 16-byte array.
+    void put_cell(size_t k, const char (&cell)[16], size_t n) {
+        row_.set(k, std::string_view(cell + 1, n - 1));
     }
     void skip(size_t) {}
     void display(size_t k, std::string_view text) { row_.set_display(k, text); }
@@ -507,20 +554,53 @@ class CsvSink {
     CsvSink(TextBuffer &line, const std::vector<uint8_t> &verbatim)
         : line_(line), verbatim_(verbatim) {}
     TextBuffer &text() { return line_; }
-    __attribute__((always_inline)) uint32_t open(size_t k) {
-        if (k) line_ += ',';
+    // Every column but the first (open_first()) follows a separator.
+    __attribute__((always_inline)) uint32_t open(size_t) {
+        line_ += ',';
         return static_cast<uint32_t>(line_.size());
     }
+    uint32_t open_first() { return static_cast<uint32_t>(line_.size()); }
     __attribute__((always_inline)) void close(size_t k, uint32_t from) {
         if (!verbatim_[k]) quote_if_needed(from);
     }
     void close_unless_empty(size_t k, uint32_t from) { close(k, from); }
+    // A text that cannot need quotes (digits, hex, words of our own).
+    void close_plain(size_t, uint32_t) {}
+    __attribute__((always_inline)) void put_cell(size_t, const char (&cell)[16], size_t n) {
+        char *const p = line_.room(sizeof cell);
+        memcpy(p, cell, sizeof cell);  // the whole array: a fixed-size copy
+        line_.commit(p + n);
+    }
     void skip(size_t k) { open(k); }
     void display(size_t, std::string_view) {}
 
   private:
     __attribute__((always_inline)) void quote_if_needed(uint32_t from) {
-        if (needs_csv_quotes(line_.view(from, line_.size()))) quote(from);
+        if (has_special(from)) quote(from);
+    }
+    // needs_csv_quotes() of the column's text, sixteen bytes at a time: the line has room
+    // after its text, so the last block may read past the end (into its own buffer) and the
+    // bytes beyond are masked off.
+    bool has_special(uint32_t from) {
+#if defined(__SSE2__)
+        line_.room(16);
+        const char *p = line_.data() + from;
+        const char *const end = line_.data() + line_.size();
+        const __m128i comma = _mm_set1_epi8(','), quote = _mm_set1_epi8('"'),
+                      cr = _mm_set1_epi8('\r'), lf = _mm_set1_epi8('\n');
+        for (; p < end; p += 16) {
+            const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+            const __m128i hit =
+                _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, comma), _mm_cmpeq_epi8(x, quote)),
+                             _mm_or_si128(_mm_cmpeq_epi8(x, cr), _mm_cmpeq_epi8(x, lf)));
+            unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+            if (end - p < 16) mask &= (1u << (end - p)) - 1;
+            if (mask) return true;
+        }
+        return false;
+#else
+        return needs_csv_quotes(line_.view(from, line_.size()));
+#endif
     }
     // In place: the text moves back by one byte for the opening quote and one more for each
     // quote before it, which is doubled (RFC 4180).
@@ -565,23 +645,35 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     size_t k = 0;
     // Inlined: a record has a few dozen columns, and a call per column costs as much as the
     // bookkeeping it wraps.
+    // A column of text that may need quoting (names from the wire, words joined by commas).
     auto cell = [&](auto write) __attribute__((always_inline)) {
         const uint32_t from = sink.open(k);
         write();
         sink.close(k++, from);
     };
+    // A column of text made here that no output quotes: not looked at again.
+    auto plain = [&](auto write) __attribute__((always_inline)) {
+        const uint32_t from = sink.open(k);
+        write();
+        sink.close_plain(k++, from);
+    };
     auto null = [&]() __attribute__((always_inline)) {
         sink.skip(k++);
     };
     auto num = [&](uint64_t v) __attribute__((always_inline)) {
-        cell([&] { append_uint(t, v); });
+        plain([&] { append_uint(t, v); });
     };
 
-    cell([&] { append_time(t, r.first_ns, nano_); });
-    cell([&] { append_time(t, r.last_ns, nano_); });
-    cell([&] { append_addr(t, r.src_addr, r.ip_version); });
+    // The first column, always present: no separator before it.
+    {
+        const uint32_t from = sink.open_first();
+        append_time(t, r.first_ns, nano_);
+        sink.close_plain(k++, from);
+    }
+    plain([&] { append_time(t, r.last_ns, nano_); });
+    plain([&] { append_addr(t, r.src_addr, r.ip_version); });
     num(r.src_port);
-    cell([&] { append_addr(t, r.dst_addr, r.ip_version); });
+    plain([&] { append_addr(t, r.dst_addr, r.ip_version); });
     num(r.dst_port);
     sink.display(k, protocol_text(r.protocol));
     num(r.protocol);
@@ -591,7 +683,7 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     num(r.dir_counters[1].bytes);
     for (int dir = 0; dir < 2; ++dir) {
         if (r.protocol == 6)
-            cell([&] { append_tcp_flags(t, r.tcp_flags[dir]); });
+            plain([&] { append_tcp_flags(t, r.tcp_flags[dir]); });
         else
             null();
     }
@@ -601,7 +693,7 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     for (const FieldValue *v : {smb.cmd_request, smb.cmd_response}) {
         if (v) {
             const auto word = static_cast<uint32_t>(v->number());
-            cell([&] { append_hex(t, word, 8); });
+            plain([&] { append_hex(t, word, 8); });
             const uint32_t from = sink.open(k);
             append_command_names(t, word);
             sink.close_unless_empty(k++, from);
@@ -618,7 +710,7 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     }
     if (const FieldValue *v = smb.file_type) {
         const auto type = static_cast<uint8_t>(v->number());
-        cell([&] { t += file_type_text(type); });
+        plain([&] { t += file_type_text(type); });
         num(type);
     } else {
         null();
@@ -627,16 +719,41 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     if (const FieldValue *v = smb.op) {
         const auto op = static_cast<uint8_t>(v->number());
         cell([&] { t += op_text(op); });
-        cell([&] { append_hex(t, op, 2); });
+        plain([&] { append_hex(t, op, 2); });
     } else {
         null();
         null();
     }
-    for (const Extra &e : extras_) {
-        if (const FieldValue *v = extra_value(flow, e))
-            cell([&] { append_field_text(t, *e.def, *v); });
-        else
+    // The extras, as extra_value() picks their values, with the loop's bounds and the
+    // record's in locals: the appends write chars, which the compiler must assume may change
+    // any member it would otherwise read again.
+    const FieldValue *const values = flow.fields.data();
+    const size_t value_count = flow.fields.size();
+    const uint32_t records = flow.plugin_records;
+    const ExtraPlan *plan = plans_.data();
+    for (const Extra *e = extras_.data(), *const end = e + extras_.size(); e != end; ++e, ++plan) {
+        const FieldValue *v = e->position < value_count ? &values[e->position] : nullptr;
+        if (v && v->kind != FieldValue::Kind::Value &&
+            !(v->kind == FieldValue::Kind::Default && (records & plan->plugin_bit)))
+            v = nullptr;
+        if (!v) {
             null();
+        } else if (v->kind == FieldValue::Kind::Default && plan->default_cell_len) {
+            sink.put_cell(k++, plan->default_cell, plan->default_cell_len);
+        } else if (v->kind == FieldValue::Kind::Default) {
+            // The default's text, made once by the exporter: looked at for quotes only when
+            // it may need them.
+            const uint32_t from = sink.open(k);
+            t += v->text;
+            if (plan->default_plain)
+                sink.close_plain(k++, from);
+            else
+                sink.close(k++, from);
+        } else if (plan->decimal && !v->binary.empty() && v->binary.size() <= 8) {
+            num(v->number());
+        } else {
+            cell([&] { append_field_text(t, *e->def, *v); });
+        }
     }
     if (has_service_column()) {
         const FieldValue *v = extra_value(flow, extras_[interface_extra_]);

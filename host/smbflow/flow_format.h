@@ -94,6 +94,17 @@ class FlowFormatter {
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
     std::vector<Extra> extras_;
+    // How each extra's value is written, by its index in extras_.
+    struct ExtraPlan {
+        bool decimal;         // a counter written in decimal from its binary form
+        bool default_plain;   // the text of its default needs no quotes
+        uint32_t plugin_bit;  // its plug-in's bit in ExportedFlow::plugin_records
+        // The default's text after a separator (",0"), for a default of at most 15 bytes
+        // that needs no quotes: written as one fixed-size copy. Length 0: none.
+        char default_cell[16];
+        uint8_t default_cell_len;
+    };
+    std::vector<ExtraPlan> plans_;
     int interface_extra_ = -1;       // index into extras_ of SMB_RPC_INTERFACE
     std::vector<uint8_t> verbatim_;  // by column: 1 for a column no output quotes
     bool nano_ = false;

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <ctime>
 
 #include "flow_format.h"
@@ -235,6 +236,71 @@ TEST(FlowFormat, CsvLineIsTheRowWrittenAsCsv) {
               std::string::npos)
         << straight;
     EXPECT_EQ(std::count(straight.begin(), straight.end(), '\n'), 5 + 1) << "a quoted line break";
+}
+
+// Plug-in columns: an SMB counter is written from its binary form (its text fill is not
+// asked, so its text is whatever the buffer held before); a text is quoted wherever its
+// separator falls, past the first sixteen bytes too; a default is quoted when its text needs
+// it.
+TEST(FlowFormat, PluginColumnsFromBinaryAndQuotedAnywhere) {
+    using corvane_host::ExportedFlow;
+    using corvane_host::FieldDef;
+    using corvane_host::FieldValue;
+    const corvane_fill_fn fill = [](void *, host_flow_record *, host_slot *, void *, uint32_t,
+                                    uint32_t) {};
+    std::vector<FieldDef> defs(4);
+    const char *names_of[] = {"SMB_READS", "SMB_RENAME_TO", "X_NOTE", "X_COUNT"};
+    const uint32_t types[] = {CORVANE_FIELD_NUMBER, CORVANE_FIELD_STRING, CORVANE_FIELD_STRING,
+                              CORVANE_FIELD_NUMBER};
+    const uint32_t sizes[] = {4, 128, 4, 1};
+    for (size_t i = 0; i < defs.size(); ++i) {
+        defs[i].name = names_of[i];
+        defs[i].type = types[i];
+        defs[i].size = sizes[i];
+        defs[i].fill = defs[i].fill_txt = fill;
+    }
+    defs[2].has_default = defs[3].has_default = true;
+    defs[2].default_value = {'a', 0, ',', 0};
+    defs[3].default_value = {7};
+    std::vector<const FieldDef *> fields;
+    for (const FieldDef &d : defs)
+        fields.push_back(&d);
+    for (const FieldDef *d : fields)
+        EXPECT_EQ(std::count(host_rendered_fields().begin(), host_rendered_fields().end(), d->name),
+                  d->name == "SMB_READS" ? 1 : 0);
+
+    ExportedFlow flow;
+    flow.rec.ip_version = 4;
+    flow.rec.protocol = 17;
+    flow.plugin_records = 1;
+    flow.fields.resize(defs.size());
+    flow.fields[0].kind = FieldValue::Kind::Value;
+    flow.fields[0].binary.append(std::array<uint8_t, 4>{0xd2, 0x04, 0x01, 0x00}.data(), 4);
+    flow.fields[0].text = "stale";
+    const std::string names[] = {"0123456789abcdef0123456789abcdef,x", "0123456789abcdef\"",
+                                 "0123456789abcde\n", "0123456789abcdef0123456789abcdef"};
+    const std::string quoted[] = {"\"0123456789abcdef0123456789abcdef,x\"",
+                                  "\"0123456789abcdef\"\"\"", "\"0123456789abcde\n\"",
+                                  "0123456789abcdef0123456789abcdef"};
+    for (size_t i = 0; i < std::size(names); ++i) {
+        flow.fields[1].kind = FieldValue::Kind::Value;
+        flow.fields[1].text = names[i];
+        for (size_t k : {2, 3})
+            flow.fields[k].kind = FieldValue::Kind::Default;
+        flow.fields[2].text = "a,";
+        flow.fields[3].text = "7";
+        const FlowFormatter formatter(fields);
+        TextBuffer line;
+        formatter.render_csv(flow, line);
+        const std::string want = ",66770," + quoted[i] + ",\"a,\",7";
+        EXPECT_EQ(line.view().substr(line.size() - want.size()), want);
+        Row row;
+        formatter.render(flow, row);
+        EXPECT_EQ(row.value(columns().size()), "66770");
+        EXPECT_EQ(row.value(columns().size() + 1), names[i]);
+        EXPECT_EQ(row.value(columns().size() + 2), "a,");
+        EXPECT_EQ(row.value(columns().size() + 3), "7");
+    }
 }
 
 TEST(FlowFormat, Quoting) {

@@ -1,6 +1,9 @@
 // The four record writers: binary and text forms, byte order, bad arguments.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "field_output.h"
 #include "host_interface.h"
 
@@ -52,6 +55,51 @@ TEST(RecordWriters, ArraysAreCopiedWholeAndStringsRenderedAsUtf8) {
     EXPECT_EQ(0, memcmp(bin.binary.data(), name, 128));
     EXPECT_EQ(record_universal_get_txt_string(&txt, name, 128, 0, 0), 3);
     EXPECT_EQ(txt.text, "a\xc3\xa9");
+}
+
+// One output reused from record to record, as the exporter reuses a field's: the string
+// writer keeps its last conversion, which must never stand in for different bytes (same size,
+// a change past the first zero unit, a text appended after another).
+TEST(RecordWriters, StringsOfSuccessiveRecordsAreEachTheirOwn) {
+    auto units = [](const char *ascii, size_t size) {
+        std::vector<uint8_t> b(size, 0);
+        for (size_t i = 0; ascii[i] && 2 * i < size; ++i)
+            b[2 * i] = static_cast<uint8_t>(ascii[i]);
+        return b;
+    };
+    struct Write {
+        std::vector<uint8_t> bytes;
+        bool keep;  // appended to the text before instead of starting a record
+        const char *want;
+    } writes[] = {
+        {units("root", 8), false, "root"},
+        {units("root", 8), false, "root"},
+        {units("rook", 8), false, "rook"},
+        {units("rook", 8), true, "rookrook"},
+        {units("ab", 128), false, "ab"},
+        {units("ab", 128), false, "ab"},
+        {units("abc", 128), false, "abc"},
+        {units("SMBGEN", 12), false, "SMBGEN"},
+        {units("", 2), false, ""},
+        {units("SMBGEN", 12), false, "SMBGEN"},
+        {std::vector<uint8_t>(300, 'x'), false, ""},
+    };
+    writes[3].bytes[7] = 0x01;  // the last unit's high byte alone differs: U+016B
+    writes[3].want = "rookroo\xc5\xab";
+    writes[5].bytes[100] = 'z';  // "ab" again, with other bytes after the zero unit
+    std::string long_x;
+    for (int i = 0; i < 150; ++i)
+        long_x += "\xe7\xa1\xb8";  // U+7878, as 0x78 0x78 reads
+    writes[10].want = long_x.c_str();
+    FieldOutput out;
+    for (const Write &w : writes) {
+        if (!w.keep) out.clear();
+        const size_t before = out.text.size();
+        const int n = record_universal_get_txt_string(&out, w.bytes.data(),
+                                                      static_cast<uint32_t>(w.bytes.size()), 0, 0);
+        EXPECT_EQ(out.text, w.want);
+        EXPECT_EQ(n, static_cast<int>(out.text.size() - before));
+    }
 }
 
 TEST(RecordWriters, RejectUnusableArguments) {

@@ -117,13 +117,24 @@ struct unit_text {
     }
 };
 
-// "0x" and `digits` lower-case hexadecimal digits of `value`.
+// The two hexadecimal digits of every byte as two UTF-16LE units (four bytes), made once.
+constexpr auto kHexUnits = [] {
+    std::array<std::array<uint8_t, 4>, 256> t{};
+    constexpr char kHex[] = "0123456789abcdef";
+    for (unsigned v = 0; v < 256; ++v)
+        t[v] = {static_cast<uint8_t>(kHex[v >> 4]), 0, static_cast<uint8_t>(kHex[v & 15]), 0};
+    return t;
+}();
+
+// "0x" and `digits` (an even number, at most 8) lower-case hexadecimal digits of `value`,
+// a byte at a time from the table.
 void hex_text(uint32_t value, int digits, unit_text &text) {
-    static const char kHex[] = "0123456789abcdef";
     text.put('0');
     text.put('x');
-    for (int i = 0; i < digits; ++i)
-        text.put(kHex[(value >> (4 * (digits - 1 - i))) & 15]);
+    for (int i = digits / 2 - 1; i >= 0; --i) {
+        memcpy(text.bytes + text.size, kHexUnits[(value >> (8 * i)) & 0xff].data(), 4);
+        text.size += 4;
+    }
 }
 
 // Called for every record: texts made without printf.
