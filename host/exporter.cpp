@@ -80,14 +80,13 @@ Exporter::Exporter(const Host &host, FillForms forms, const std::vector<std::str
     : host_(host), fields_(host.fields()) {
     for (const FieldDef *f : fields_) {
         const uint8_t wanted = forms_of(*f, forms, host_rendered);
-        plans_.push_back({f->ctx, f->validity, wanted & kBinaryForm ? f->fill : nullptr,
+        plans_.push_back({f->ctx, f->validity, f->length, wanted & kBinaryForm ? f->fill : nullptr,
                           wanted & kTextForm ? f->fill_txt : nullptr, f->plugin_index, f,
                           f->has_default ? default_text(*f) : std::string()});
     }
 }
 
 // Inlined into the loop over a record's fields: it runs for every field of every record.
-// The length callbacks are not asked: a value's size is what its fills write.
 __attribute__((always_inline)) inline void Exporter::evaluate(const Plan &plan, uint32_t position,
                                                               host_flow_record &rec,
                                                               host_slot *slot, FieldValue &value) {
@@ -107,6 +106,9 @@ __attribute__((always_inline)) inline void Exporter::evaluate(const Plan &plan, 
         }
         return;
     }
+    // A plug-in may expect its length callback before the fills; the size the host keeps is
+    // what the fills write.
+    if (plan.length) plan.length(plan.ctx, &rec, slot);
     // The writers take the output as a FieldOutput.
     FieldOutput *const out = &value;
     out->clear();

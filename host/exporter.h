@@ -1,5 +1,5 @@
 // Export of flow records: runs the plug-ins' post-processing on a flow record handed over by
-// a queue, asks each field's validity and fill callbacks for its value (binary and
+// a queue, asks each field's validity, length and fill callbacks for its value (binary and
 // text form), falls back to the field's default, and frees the plug-ins' records.
 #pragma once
 
@@ -75,6 +75,7 @@ class Exporter {
     struct Plan {
         void *ctx;
         corvane_validity_fn validity;
+        corvane_length_fn length;
         corvane_fill_fn fill;
         corvane_fill_fn fill_txt;
         size_t plugin_index;

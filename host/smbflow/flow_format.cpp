@@ -34,19 +34,11 @@ const char *const kSmb2Commands[] = {
 constexpr const char *kFieldNames[] = {"SMB_CMD_REQUEST", "SMB_CMD_RESPONSE", "SMB_TREE",
                                        "SMB_FILE_TYPE",   "SMB_FILE_NAME",    "SMB_OP"};
 
-// The SMB plug-in's counters (activity=1), whose text is the value in decimal: smbflow writes
-// that text from the binary form itself, and their text fills are not asked at all.
-constexpr const char *kDecimalFields[] = {
-    "SMB_BYTES_READ",     "SMB_BYTES_WRITTEN",  "SMB_READS",    "SMB_WRITES",
-    "SMB_ERRORS",         "SMB_RENAMES",        "SMB_DELETES",  "SMB_LATENCY_COUNT",
-    "SMB_LATENCY_SUM_US", "SMB_LATENCY_MAX_US", "SMB_SECURITY", "SMB_RPC_OPNUMS",
-    "SMB_RPC_CALLS"};
-
+// A plug-in's number field with no text form of its own is written in decimal from its
+// binary form.
 bool is_decimal_field(const FieldDef &field) {
-    if (field.type != CORVANE_FIELD_NUMBER || field.size == 0 || field.size > 8 || !field.fill)
-        return false;
-    return std::find(std::begin(kDecimalFields), std::end(kDecimalFields), field.name) !=
-           std::end(kDecimalFields);
+    return field.type == CORVANE_FIELD_NUMBER && field.size > 0 && field.size <= 8 && field.fill &&
+           !field.fill_txt;
 }
 
 // Texts of small codes, made once at compile time: the decimal text of every byte value
@@ -247,11 +239,7 @@ const std::vector<Column> &columns() {
 }
 
 const std::vector<std::string> &host_rendered_fields() {
-    static const std::vector<std::string> names = [] {
-        std::vector<std::string> n(std::begin(kFieldNames), std::end(kFieldNames));
-        n.insert(n.end(), std::begin(kDecimalFields), std::end(kDecimalFields));
-        return n;
-    }();
+    static const std::vector<std::string> names(std::begin(kFieldNames), std::end(kFieldNames));
     return names;
 }
 

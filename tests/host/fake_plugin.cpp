@@ -142,6 +142,7 @@ int valid_if_name(void *, host_flow_record *, host_slot *slot) {
 }
 template <int size>
 int length(void *, host_flow_record *, host_slot *slot) {
+    BUMP(length_calls);
     return record_of(slot) ? size : 0;
 }
 

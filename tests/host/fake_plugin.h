@@ -12,6 +12,7 @@ struct fake_plugin_stats {
     uint64_t update_removals;
     uint64_t release_calls;
     uint64_t postprocess_calls;
+    uint64_t length_calls;   // length callbacks asked (one per valid field of an exported record)
     uint64_t bad_counters;   // filter saw dir_counters other than the packet's own counts
     uint64_t bad_direction;  // update saw a direction bit that disagrees with the ports
     uint64_t init_calls;

@@ -52,6 +52,7 @@ TEST_F(FakeHostTest, TwoWayFlowCountsEachDirectionAndExportsFields) {
     EXPECT_EQ(stats().bad_counters, 0u);
     EXPECT_EQ(stats().bad_direction, 0u);
     EXPECT_EQ(stats().postprocess_calls, 1u);
+    EXPECT_EQ(stats().length_calls, 4u) << "each valid field is asked its length";
     EXPECT_EQ(stats().records_alive, 0) << "every record freed";
     EXPECT_EQ(stats().callbacks, stats().records_made) << "and freed once";
 }
