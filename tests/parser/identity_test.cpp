@@ -76,6 +76,26 @@ TEST(SharedIdentity, GivesBackEveryNameByteForByte) {
     }
 }
 
+// The last non-zero byte may sit anywhere in the buffer, on either side of each sixteen-byte
+// step from the end: every name comes back byte for byte.
+TEST(SharedIdentity, KeepsEveryNameUpToItsLastByteWhereverItIs) {
+    for (uint32_t last = 0; last < SMB_NAME_SIZE; ++last) {
+        for (const uint8_t value : {uint8_t{0x01}, uint8_t{0x80}}) {
+            Identity names{};
+            names.user[0] = 'u';
+            names.user[last] = value;
+            names.domain[last] = value;
+            SharedIdentity *id = SharedIdentity::make(names);
+            uint8_t out[SMB_NAME_SIZE];
+            id->expand(Name::user, out);
+            EXPECT_EQ(memcmp(out, names.user, SMB_NAME_SIZE), 0) << "user, last byte " << last;
+            id->expand(Name::domain, out);
+            EXPECT_EQ(memcmp(out, names.domain, SMB_NAME_SIZE), 0) << "domain, last byte " << last;
+            SharedIdentity::unref(id);
+        }
+    }
+}
+
 TEST(NameTextBytes, EndAtTheFirstZeroUnit) {
     // Units that are not zero although a byte of them is (0x0100, 0x0080, 0x8000) stand around
     // the zero unit, so that an eight-byte step that took them for zero would stop early.

@@ -43,19 +43,47 @@ struct Sequence {
 
 class TcpSeen : public testing::TestWithParam<Sequence> {};
 
+// Asks one of the two entry points: the one given the segment, or the one that reads it from
+// the packet's IP and TCP headers (its own path for IPv4).
+bool repeat_of(bool from_headers, tcp_seen_table *t, const host_packet &pkt, const Step &s) {
+    if (!from_headers) return smb_tcp_seen_before(t, &pkt, {s.seq, s.syn}, s.length);
+    std::vector<uint8_t> b;
+    if (pkt.ip_version == 4) {
+        b = {0x45, 0, 0, 0, 0, 0, 0, 0, 64, 6};
+        b.resize(20);
+    } else {
+        b.assign(40, 0);
+        b[0] = 0x60;
+        b[6] = 6;
+    }
+    const uint8_t seq[4] = {uint8_t(s.seq >> 24), uint8_t(s.seq >> 16), uint8_t(s.seq >> 8),
+                            uint8_t(s.seq)};
+    b.insert(b.end(), {0xc3, 0x50, 0x01, 0xbd});
+    b.insert(b.end(), seq, seq + 4);
+    b.insert(b.end(), {0, 0, 0, 0, 0x50, uint8_t(s.syn ? 0x02 : 0x18), 0, 0, 0, 0, 0, 0});
+    host_packet p = pkt;
+    p.data = b.data();
+    p.length = p.payload_offset = static_cast<uint16_t>(b.size());
+    return smb_tcp_repeat(t, &p, s.length);
+}
+
 TEST_P(TcpSeen, TellsRepeatsFromNewBytes) {
-    for (const uint8_t ip_version : {4, 6}) {
-        auto table = std::make_unique<tcp_seen_table>();
-        const host_packet pkt = packet_from(50000, ip_version);
-        // The other direction and another connection interleave without effect.
-        host_packet other = packet_from(50001, ip_version);
-        uint32_t other_seq = 5;
-        size_t i = 0;
-        for (const Step &s : GetParam().steps) {
-            EXPECT_EQ(smb_tcp_seen_before(table.get(), &pkt, {s.seq, s.syn}, s.length), s.repeat)
-                << "IPv" << int{ip_version} << " step " << i++;
-            EXPECT_FALSE(smb_tcp_seen_before(table.get(), &other, {other_seq, false}, 10));
-            other_seq += 10;
+    for (const bool from_headers : {false, true}) {
+        for (const uint8_t ip_version : {4, 6}) {
+            auto table = std::make_unique<tcp_seen_table>();
+            const host_packet pkt = packet_from(50000, ip_version);
+            // The other direction and another connection interleave without effect.
+            host_packet other = packet_from(50001, ip_version);
+            uint32_t other_seq = 5;
+            size_t i = 0;
+            for (const Step &s : GetParam().steps) {
+                EXPECT_EQ(repeat_of(from_headers, table.get(), pkt, s), s.repeat)
+                    << "IPv" << int{ip_version} << (from_headers ? " from headers" : "") << " step "
+                    << i++;
+                EXPECT_FALSE(
+                    repeat_of(from_headers, table.get(), other, {other_seq, 10, false, false}));
+                other_seq += 10;
+            }
         }
     }
 }

@@ -7,7 +7,7 @@
 #include "utils_alloc.h"
 
 smb_activity *smb_activity_alloc(smb_flow_data *rec) {
-    rec->activity = static_cast<smb_activity *>(corvaneexp_malloc(sizeof(smb_activity), 0));
+    rec->activity = smb_activity_block_new();
     return rec->activity;
 }
 
@@ -21,7 +21,7 @@ void smb_activity_copy_into(smb_activity *into, const smb_activity &from) {
 
 smb_activity *smb_activity_copy(const smb_activity *a) {
     if (!a) return nullptr;
-    auto *copy = static_cast<smb_activity *>(corvaneexp_malloc(sizeof(smb_activity), 0));
+    smb_activity *copy = smb_activity_block_new();
     smb_activity_copy_into(copy, *a);
     return copy;
 }
@@ -70,7 +70,7 @@ void smb_activity_take(smb_flow_data *into, smb_flow_data *from) {
     if (smb_activity_is_inline(from)) {
         *a = smb_activity{};
     } else {
-        free(a);
+        smb_activity_block_free(a);
         from->activity = nullptr;
     }
 }
@@ -86,12 +86,12 @@ void smb_activity_drop(smb_flow_data *rec) {
 }
 
 void smb_activity_park(smb_activity *&parked, smb_activity &counters) {
-    if (!parked) parked = static_cast<smb_activity *>(corvaneexp_malloc(sizeof(smb_activity), 0));
+    if (!parked) parked = smb_activity_block_new();
     smb_activity_merge(parked, &counters);
 }
 
 void smb_activity_free(smb_activity *a) {
     if (!a) return;
     smb_activity_release(a);
-    free(a);
+    smb_activity_block_free(a);
 }

@@ -53,6 +53,11 @@ inline bool smb_activity_is_inline(const smb_flow_data *rec) {
            &reinterpret_cast<smb_record_block *>(const_cast<smb_flow_data *>(rec))->activity;
 }
 
+// A separate zero-filled block of counters, and its release (what it owns is not freed). The
+// blocks are reused by the thread that frees them, as records are.
+smb_activity *smb_activity_block_new(void);
+void smb_activity_block_free(smb_activity *a);
+
 // Gives the record a separate zero-filled block of counters.
 smb_activity *smb_activity_alloc(smb_flow_data *rec);
 

@@ -26,9 +26,11 @@ namespace {
 // batch of exported flows (the host hands up to 512 back at once to the queue's thread, each
 // with a record, names and a block): shallower stacks overflow on each batch, and the
 // allocations between two batches then miss them.
-enum Kind { kPlainRecord, kBlockRecord, kName, kWho, kKinds };
+// Separate blocks of counters (activity=1) come and go with the counters parked for a connection
+// until its flow is exported, a few thousand of them in a large capture.
+enum Kind { kPlainRecord, kBlockRecord, kName, kWho, kActivity, kKinds };
 constexpr size_t kSizes[kKinds] = {sizeof(smb_flow_data), sizeof(smb_record_block), SMB_NAME_SIZE,
-                                   sizeof(smb_who)};
+                                   sizeof(smb_who), sizeof(smb_activity)};
 #if defined(__SANITIZE_ADDRESS__)
 constexpr int kDepth = 0;  // every block goes back at once, so that a use after free is seen
 #else
@@ -132,6 +134,16 @@ void smb_who_block_free(smb_who *w) {
     give_back(stacks(), kWho, w);
 }
 
+smb_activity *smb_activity_block_new(void) {
+    void *a = take(kActivity);
+    memset(a, 0, sizeof(smb_activity));
+    return static_cast<smb_activity *>(a);
+}
+
+void smb_activity_block_free(smb_activity *a) {
+    if (a) give_back(stacks(), kActivity, a);
+}
+
 void smb_record_init(smb_flow_data *rec) {
     // One copy of a constant rather than a memset and four stores: this runs for every packet.
     static constexpr smb_flow_data kFresh = [] {
@@ -183,7 +195,7 @@ smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src) {
     auto *block = static_cast<smb_record_block *>(take(kBlockRecord));
     block->rec = *src;
     block->activity = *src->activity;
-    if (!smb_activity_is_inline(src)) free(src->activity);
+    if (!smb_activity_is_inline(src)) smb_activity_block_free(src->activity);
     block->rec.activity = &block->activity;
     return &block->rec;
 }

@@ -124,14 +124,19 @@ void remove_hole(tcp_seen_direction &d, int i) {
     return filled;
 }
 
-[[gnu::always_inline]] inline bool segment_of(const host_packet *pkt, tcp_segment &out) {
-    const size_t off = tcp_offset(pkt);
+// The TCP header at `off` (0: none found), when it ends where the payload begins.
+[[gnu::always_inline]] inline bool segment_at(const host_packet *pkt, size_t off,
+                                              tcp_segment &out) {
     if (off == 0 || off + 20 > pkt->length) return false;
     const uint8_t *tcp = pkt->data + off;
     if (off + static_cast<size_t>(tcp[12] >> 4) * 4 != pkt->payload_offset) return false;
     out.seq = be32(tcp + 4);
     out.syn = tcp[13] & 0x02;
     return true;
+}
+
+[[gnu::always_inline]] inline bool segment_of(const host_packet *pkt, tcp_segment &out) {
+    return segment_at(pkt, tcp_offset(pkt), out);
 }
 
 // Whether the segment is the next one in order of a direction that has nothing missing below
@@ -142,7 +147,7 @@ void remove_hole(tcp_seen_direction &d, int i) {
 }
 
 // Every other segment (and the in-order ones too, for callers without the shortcut).
-[[gnu::noinline]] bool seen_before(tcp_seen_direction &d, uint64_t key, const tcp_segment &segment,
+[[gnu::noinline]] bool seen_before(tcp_seen_direction &d, uint64_t key, tcp_segment segment,
                                    uint32_t length) {
     const bool same = d.used && d.key == key;
     if (length == 0) {
@@ -184,6 +189,15 @@ void remove_hole(tcp_seen_direction &d, int i) {
     return length == 0 && !segment.syn;
 }
 
+// A packet that is not IPv4; out of line, so that the IPv4 path below calls nothing but in its
+// tail and needs no stack frame.
+[[gnu::noinline]] bool repeat_other(tcp_seen_table *t, const host_packet *pkt, uint32_t length) {
+    tcp_segment segment;
+    if (!segment_of(pkt, segment) || brings_nothing(segment, length)) return false;
+    const uint64_t key = key_of(pkt);
+    return seen_before(slot_of(t, key), key, segment, length);
+}
+
 }  // namespace
 
 bool smb_tcp_segment(const host_packet *pkt, tcp_segment &out) {
@@ -197,11 +211,14 @@ bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_se
     return seen_before(slot_of(t, key), key, segment, length);
 }
 
-// Runs for every TCP packet with activity=1: the in-order case stays in line.
+// Runs for every TCP packet with activity=1: the in-order case of IPv4 stays in line.
 bool smb_tcp_repeat(tcp_seen_table *t, const host_packet *pkt, uint32_t length) {
+    if (pkt->ip_version != 4) [[unlikely]]
+        return repeat_other(t, pkt, length);
     tcp_segment segment;
-    if (!segment_of(pkt, segment) || brings_nothing(segment, length)) return false;
-    const uint64_t key = key_of(pkt);
+    if (!segment_at(pkt, tcp_offset(pkt), segment) || brings_nothing(segment, length)) return false;
+    const uint64_t key =
+        uint64_t{pkt->src_addr.v4} << 32 | uint32_t{pkt->src_port} << 16 | pkt->dst_port;
     tcp_seen_direction &d = slot_of(t, key);
     if (in_order(d, key, segment)) [[likely]] {
         d.next = segment.seq + length;
