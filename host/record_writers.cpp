@@ -26,9 +26,21 @@ using corvane_host::FieldOutput;
 
 namespace {
 
-// Names and short texts: up to 16 bytes as two fixed-size comparisons that may overlap,
-// with no call.
+uint64_t load8(const uint8_t *p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+
+// Names and short texts: up to 32 bytes as two or four fixed-size comparisons that may
+// overlap, with no call (a hexadecimal code of eight digits is twenty bytes in UTF-16LE).
 bool same_bytes(const uint8_t *a, const uint8_t *b, size_t n) {
+    if (n > 16 && n <= 32) {
+        const uint64_t head = (load8(a) ^ load8(b)) | (load8(a + 8) ^ load8(b + 8));
+        const uint64_t tail =
+            (load8(a + n - 16) ^ load8(b + n - 16)) | (load8(a + n - 8) ^ load8(b + n - 8));
+        return (head | tail) == 0;
+    }
     if (n >= 8 && n <= 16) {
         uint64_t a0, a1, b0, b1;
         std::memcpy(&a0, a, 8);

@@ -96,6 +96,10 @@ TEST(RecordWriters, StringsOfSuccessiveRecordsAreEachTheirOwn) {
         {units("SMBGEN", 12), false, "SMBGEN"},
         {units("", 2), false, ""},
         {units("SMBGEN", 12), false, "SMBGEN"},
+        {units("0x00000000", 20), false, "0x00000000"},
+        {units("0x00000001", 20), false, "0x00000001"},
+        {units("abcdefghijklmnop", 32), false, "abcdefghijklmnop"},
+        {units("abcdefghXjklmnop", 32), false, "abcdefghXjklmnop"},
         {std::vector<uint8_t>(300, 'x'), false, ""},
     };
     writes[3].bytes[7] = 0x01;  // the last unit's high byte alone differs: U+016B
@@ -104,7 +108,7 @@ TEST(RecordWriters, StringsOfSuccessiveRecordsAreEachTheirOwn) {
     std::string long_x;
     for (int i = 0; i < 150; ++i)
         long_x += "\xe7\xa1\xb8";  // U+7878, as 0x78 0x78 reads
-    writes[10].want = long_x.c_str();
+    writes[std::size(writes) - 1].want = long_x.c_str();
     FieldOutput out;
     for (const Write &w : writes) {
         if (!w.keep) out.clear();
