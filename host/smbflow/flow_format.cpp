@@ -665,6 +665,60 @@ void FlowFormatter::render_csv(const ExportedFlow &flow, TextBuffer &line) const
 }
 
 template <typename Sink>
+__attribute__((noinline)) size_t FlowFormatter::render_extras(const ExportedFlow &flow, Sink &sink,
+                                                              size_t k) const {
+    TextBuffer &t = sink.text();
+    auto cell = [&](auto write) __attribute__((always_inline)) {
+        const uint32_t from = sink.open(k);
+        write();
+        sink.close(k++, from);
+    };
+    auto null = [&]() __attribute__((always_inline)) {
+        sink.skip(k++);
+    };
+    auto num = [&](uint64_t v) __attribute__((always_inline)) {
+        const uint32_t from = sink.open(k);
+        append_uint(t, v);
+        sink.close_plain(k++, from);
+    };
+    // The extras, as extra_value() picks their values, with the loop's bounds and the
+    // record's in locals: the appends write chars, which the compiler must assume may change
+    // any member it would otherwise read again.
+    const FieldValue *const values = flow.fields.data();
+    const size_t value_count = flow.fields.size();
+    const uint32_t records = flow.plugin_records;
+    const ExtraPlan *plan = plans_.data();
+    for (const Extra *e = extras_.data(), *const end = e + extras_.size(); e != end; ++e, ++plan) {
+        const FieldValue *v = e->position < value_count ? &values[e->position] : nullptr;
+        if (v && v->kind != FieldValue::Kind::Value &&
+            !(v->kind == FieldValue::Kind::Default && (records & plan->plugin_bit)))
+            v = nullptr;
+        if (!v) {
+            null();
+        } else if (v->kind == FieldValue::Kind::Default && plan->default_cell_len) {
+            sink.put_cell(k++, plan->default_cell, plan->default_cell_len);
+        } else if (v->kind == FieldValue::Kind::Default) {
+            // The default's text, made once by the exporter: looked at for quotes only when
+            // it may need them.
+            const uint32_t from = sink.open(k);
+            t += v->text;
+            if (plan->default_plain)
+                sink.close_plain(k++, from);
+            else
+                sink.close(k++, from);
+        } else if (plan->decimal && !v->binary.empty() && v->binary.size() <= 8) {
+            num(v->number());
+        } else if (plan->text_fill) {
+            // A value: what the text fill wrote.
+            sink.put_text(k++, v->text.view());
+        } else {
+            cell([&] { append_field_text(t, *e->def, *v); });
+        }
+    }
+    return k;
+}
+
+template <typename Sink>
 void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
     const host_flow_record &r = flow.rec;
     TextBuffer &t = sink.text();
@@ -750,40 +804,9 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
         null();
         null();
     }
-    // The extras, as extra_value() picks their values, with the loop's bounds and the
-    // record's in locals: the appends write chars, which the compiler must assume may change
-    // any member it would otherwise read again.
-    const FieldValue *const values = flow.fields.data();
-    const size_t value_count = flow.fields.size();
-    const uint32_t records = flow.plugin_records;
-    const ExtraPlan *plan = plans_.data();
-    for (const Extra *e = extras_.data(), *const end = e + extras_.size(); e != end; ++e, ++plan) {
-        const FieldValue *v = e->position < value_count ? &values[e->position] : nullptr;
-        if (v && v->kind != FieldValue::Kind::Value &&
-            !(v->kind == FieldValue::Kind::Default && (records & plan->plugin_bit)))
-            v = nullptr;
-        if (!v) {
-            null();
-        } else if (v->kind == FieldValue::Kind::Default && plan->default_cell_len) {
-            sink.put_cell(k++, plan->default_cell, plan->default_cell_len);
-        } else if (v->kind == FieldValue::Kind::Default) {
-            // The default's text, made once by the exporter: looked at for quotes only when
-            // it may need them.
-            const uint32_t from = sink.open(k);
-            t += v->text;
-            if (plan->default_plain)
-                sink.close_plain(k++, from);
-            else
-                sink.close(k++, from);
-        } else if (plan->decimal && !v->binary.empty() && v->binary.size() <= 8) {
-            num(v->number());
-        } else if (plan->text_fill) {
-            // A value: what the text fill wrote.
-            sink.put_text(k++, v->text.view());
-        } else {
-            cell([&] { append_field_text(t, *e->def, *v); });
-        }
-    }
+    // The plug-in's other fields, when it has any: out of line, so that the columns every
+    // record has are compiled as if they were all.
+    if (!extras_.empty()) k = render_extras(flow, sink, k);
     if (has_service_column()) {
         const FieldValue *v = extra_value(flow, extras_[interface_extra_]);
         const std::string_view name =

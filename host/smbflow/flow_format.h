@@ -90,6 +90,9 @@ class FlowFormatter {
   private:
     template <typename Sink>
     void render_to(const corvane_host::ExportedFlow &flow, Sink &sink) const;
+    // The extras' columns from column `k` on; returns the column after them.
+    template <typename Sink>
+    size_t render_extras(const corvane_host::ExportedFlow &flow, Sink &sink, size_t k) const;
 
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
