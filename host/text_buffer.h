@@ -86,23 +86,6 @@ class TextBuffer {
         return a.view() == b.view();
     }
 
-  private:
-    void swap(TextBuffer &other) noexcept {
-        std::swap(begin_, other.begin_);
-        std::swap(end_, other.end_);
-        std::swap(limit_, other.limit_);
-    }
-    void grow(size_t n) {
-        const size_t size = this->size();
-        const size_t capacity = std::max(2 * static_cast<size_t>(limit_ - begin_), size + n + 64);
-        char *const to = new char[capacity];
-        if (size) memcpy(to, begin_, size);
-        delete[] begin_;
-        begin_ = to;
-        end_ = to + size;
-        limit_ = to + capacity;
-    }
-
     // Most of what a record appends is a few bytes (numbers, words, short names): up to 16
     // bytes are copied inline, as two fixed-size copies that may overlap, with no call.
     static void copy_small(char *to, const char *from, size_t n) {
@@ -118,6 +101,23 @@ class TextBuffer {
             for (size_t i = 0; i < n; ++i)
                 to[i] = from[i];
         }
+    }
+
+  private:
+    void swap(TextBuffer &other) noexcept {
+        std::swap(begin_, other.begin_);
+        std::swap(end_, other.end_);
+        std::swap(limit_, other.limit_);
+    }
+    void grow(size_t n) {
+        const size_t size = this->size();
+        const size_t capacity = std::max(2 * static_cast<size_t>(limit_ - begin_), size + n + 64);
+        char *const to = new char[capacity];
+        if (size) memcpy(to, begin_, size);
+        delete[] begin_;
+        begin_ = to;
+        end_ = to + size;
+        limit_ = to + capacity;
     }
 
     char *begin_ = nullptr;

@@ -468,6 +468,7 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         const std::string text = e.def->has_default ? default_text(*e.def) : std::string();
         ExtraPlan plan{is_decimal_field(*e.def),
                        !e.def->has_default || !needs_csv_quotes(text),
+                       e.def->fill_txt != nullptr,
                        e.def->plugin_index < 32 ? 1u << e.def->plugin_index : 0u,
                        {},
                        0};
@@ -527,6 +528,11 @@ class RowSink {
     void put_cell(size_t k, const char (&cell)[16], size_t n) {
         row_.set(k, std::string_view(cell + 1, n - 1));
     }
+    void put_text(size_t k, std::string_view text) {
+        const uint32_t from = open(k);
+        row_.text() += text;
+        close(k, from);
+    }
     void skip(size_t) {}
     void display(size_t k, std::string_view text) { row_.set_display(k, text); }
 
@@ -559,10 +565,42 @@ class CsvSink {
         memcpy(p, cell, sizeof cell);  // the whole array: a fixed-size copy
         line_.commit(p + n);
     }
+    // A column's separator and text, looked at for quotes unless the column never needs
+    // them. A text of up to 16 bytes takes one bounds test for the separator, the copy and
+    // the look, which reads one block of 16 bytes from the room after it.
+    __attribute__((always_inline)) void put_text(size_t k, std::string_view text) {
+        const size_t n = text.size();
+        if (n > 16) {
+            const uint32_t from = open(k);
+            line_ += text;
+            close(k, from);
+            return;
+        }
+        char *const p = line_.room(1 + 16 + 16);
+        *p = ',';
+        TextBuffer::copy_small(p + 1, text.data(), n);
+        line_.commit(p + 1 + n);
+        if (!verbatim_[k] && has_special_short(p + 1, n))
+            quote(static_cast<uint32_t>(p + 1 - line_.data()));
+    }
     void skip(size_t k) { open(k); }
     void display(size_t, std::string_view) {}
 
   private:
+    // needs_csv_quotes() of `n` (at most 16) bytes at `p`, which has 16 readable bytes.
+    static bool has_special_short(const char *p, size_t n) {
+#if defined(__SSE2__)
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+        const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8(',')),
+                                                      _mm_cmpeq_epi8(x, _mm_set1_epi8('"'))),
+                                         _mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8('\r')),
+                                                      _mm_cmpeq_epi8(x, _mm_set1_epi8('\n'))));
+        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit)) & ((1u << n) - 1);
+        return mask != 0;
+#else
+        return needs_csv_quotes(std::string_view(p, n));
+#endif
+    }
     __attribute__((always_inline)) void quote_if_needed(uint32_t from) {
         if (has_special(from)) quote(from);
     }
@@ -624,6 +662,60 @@ void FlowFormatter::render(const ExportedFlow &flow, Row &row) const {
 void FlowFormatter::render_csv(const ExportedFlow &flow, TextBuffer &line) const {
     CsvSink sink(line, verbatim_);
     render_to(flow, sink);
+}
+
+template <typename Sink>
+__attribute__((noinline)) size_t FlowFormatter::render_extras(const ExportedFlow &flow, Sink &sink,
+                                                              size_t k) const {
+    TextBuffer &t = sink.text();
+    auto cell = [&](auto write) __attribute__((always_inline)) {
+        const uint32_t from = sink.open(k);
+        write();
+        sink.close(k++, from);
+    };
+    auto null = [&]() __attribute__((always_inline)) {
+        sink.skip(k++);
+    };
+    auto num = [&](uint64_t v) __attribute__((always_inline)) {
+        const uint32_t from = sink.open(k);
+        append_uint(t, v);
+        sink.close_plain(k++, from);
+    };
+    // The extras, as extra_value() picks their values, with the loop's bounds and the
+    // record's in locals: the appends write chars, which the compiler must assume may change
+    // any member it would otherwise read again.
+    const FieldValue *const values = flow.fields.data();
+    const size_t value_count = flow.fields.size();
+    const uint32_t records = flow.plugin_records;
+    const ExtraPlan *plan = plans_.data();
+    for (const Extra *e = extras_.data(), *const end = e + extras_.size(); e != end; ++e, ++plan) {
+        const FieldValue *v = e->position < value_count ? &values[e->position] : nullptr;
+        if (v && v->kind != FieldValue::Kind::Value &&
+            !(v->kind == FieldValue::Kind::Default && (records & plan->plugin_bit)))
+            v = nullptr;
+        if (!v) {
+            null();
+        } else if (v->kind == FieldValue::Kind::Default && plan->default_cell_len) {
+            sink.put_cell(k++, plan->default_cell, plan->default_cell_len);
+        } else if (v->kind == FieldValue::Kind::Default) {
+            // The default's text, made once by the exporter: looked at for quotes only when
+            // it may need them.
+            const uint32_t from = sink.open(k);
+            t += v->text;
+            if (plan->default_plain)
+                sink.close_plain(k++, from);
+            else
+                sink.close(k++, from);
+        } else if (plan->decimal && !v->binary.empty() && v->binary.size() <= 8) {
+            num(v->number());
+        } else if (plan->text_fill) {
+            // A value: what the text fill wrote.
+            sink.put_text(k++, v->text.view());
+        } else {
+            cell([&] { append_field_text(t, *e->def, *v); });
+        }
+    }
+    return k;
 }
 
 template <typename Sink>
@@ -712,37 +804,9 @@ void FlowFormatter::render_to(const ExportedFlow &flow, Sink &sink) const {
         null();
         null();
     }
-    // The extras, as extra_value() picks their values, with the loop's bounds and the
-    // record's in locals: the appends write chars, which the compiler must assume may change
-    // any member it would otherwise read again.
-    const FieldValue *const values = flow.fields.data();
-    const size_t value_count = flow.fields.size();
-    const uint32_t records = flow.plugin_records;
-    const ExtraPlan *plan = plans_.data();
-    for (const Extra *e = extras_.data(), *const end = e + extras_.size(); e != end; ++e, ++plan) {
-        const FieldValue *v = e->position < value_count ? &values[e->position] : nullptr;
-        if (v && v->kind != FieldValue::Kind::Value &&
-            !(v->kind == FieldValue::Kind::Default && (records & plan->plugin_bit)))
-            v = nullptr;
-        if (!v) {
-            null();
-        } else if (v->kind == FieldValue::Kind::Default && plan->default_cell_len) {
-            sink.put_cell(k++, plan->default_cell, plan->default_cell_len);
-        } else if (v->kind == FieldValue::Kind::Default) {
-            // The default's text, made once by the exporter: looked at for quotes only when
-            // it may need them.
-            const uint32_t from = sink.open(k);
-            t += v->text;
-            if (plan->default_plain)
-                sink.close_plain(k++, from);
-            else
-                sink.close(k++, from);
-        } else if (plan->decimal && !v->binary.empty() && v->binary.size() <= 8) {
-            num(v->number());
-        } else {
-            cell([&] { append_field_text(t, *e->def, *v); });
-        }
-    }
+    // The plug-in's other fields, when it has any: out of line, so that the columns every
+    // record has are compiled as if they were all.
+    if (!extras_.empty()) k = render_extras(flow, sink, k);
     if (has_service_column()) {
         const FieldValue *v = extra_value(flow, extras_[interface_extra_]);
         const std::string_view name =

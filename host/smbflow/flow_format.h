@@ -90,6 +90,9 @@ class FlowFormatter {
   private:
     template <typename Sink>
     void render_to(const corvane_host::ExportedFlow &flow, Sink &sink) const;
+    // The extras' columns from column `k` on; returns the column after them.
+    template <typename Sink>
+    size_t render_extras(const corvane_host::ExportedFlow &flow, Sink &sink, size_t k) const;
 
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
@@ -98,6 +101,7 @@ class FlowFormatter {
     struct ExtraPlan {
         bool decimal;         // a counter written in decimal from its binary form
         bool default_plain;   // the text of its default needs no quotes
+        bool text_fill;       // a value's text is what the field's text fill wrote
         uint32_t plugin_bit;  // its plug-in's bit in ExportedFlow::plugin_records
         // The default's text after a separator (",0"), for a default of at most 15 bytes
         // that needs no quotes: written as one fixed-size copy. Length 0: none.

@@ -157,6 +157,28 @@ INSTANTIATE_TEST_SUITE_P(Fields, ActivityExport, ::testing::Values(
     export_case{"SMB_SECURITY", true, {0x13}, "19"}));
 // clang-format on
 
+// Every dialect's text, handed over with its exact size; one the table does not know is
+// written in hexadecimal.
+TEST(ActivityDialect, TextsOfKnownAndOtherDialects) {
+    mini_host::reset();
+    smb_plugin_ctx ctx{};
+    ctx.activity = 1;
+    smb_register_fields(nullptr, 3, &ctx);
+    const std::pair<uint16_t, std::string> cases[] = {{0x0202, "2.0.2"}, {0x0210, "2.1"},
+                                                      {0x0300, "3.0"},   {0x0302, "3.0.2"},
+                                                      {0x0311, "3.1.1"}, {0x02ff, "0x02ff"}};
+    host_flow_record flow = flow_between(50000, 445, 1, 1);
+    for (const auto &[dialect, text] : cases) {
+        owned_slot slot(record_with_activity(SMB_VERSION_2));
+        smb_activity_of(slot.rec())->dialect = dialect;
+        const mini_host::exported txt =
+            mini_host::export_field("SMB_DIALECT", &flow, &slot.slot, true);
+        ASSERT_EQ(txt.writes.size(), 1u);
+        EXPECT_EQ(ascii_of(txt.writes[0].bytes), text);
+        EXPECT_EQ(txt.writes[0].bytes.size(), 2 * text.size()) << text;
+    }
+}
+
 TEST(ActivityExport, DialectRenameTargetAndCountersAreValidOnlyWhenSeenAndSmb1HasNoFields) {
     mini_host::reset();
     smb_plugin_ctx ctx{};

@@ -275,11 +275,24 @@ TEST(FlowFormat, PluginColumnsFromBinaryAndQuotedAnywhere) {
     flow.fields[0].kind = FieldValue::Kind::Value;
     flow.fields[0].binary.append(std::array<uint8_t, 4>{0xd2, 0x04, 0x01, 0x00}.data(), 4);
     flow.fields[0].text = "stale";
-    const std::string names[] = {"0123456789abcdef0123456789abcdef,x", "0123456789abcdef\"",
-                                 "0123456789abcde\n", "0123456789abcdef0123456789abcdef"};
+    const std::string names[] = {"0123456789abcdef0123456789abcdef,x",
+                                 "0123456789abcdef\"",
+                                 "0123456789abcde\n",
+                                 "0123456789abcdef0123456789abcdef",
+                                 ",",
+                                 "x\"y",
+                                 "",
+                                 "short",
+                                 "\r23456789abcdef"};
     const std::string quoted[] = {"\"0123456789abcdef0123456789abcdef,x\"",
-                                  "\"0123456789abcdef\"\"\"", "\"0123456789abcde\n\"",
-                                  "0123456789abcdef0123456789abcdef"};
+                                  "\"0123456789abcdef\"\"\"",
+                                  "\"0123456789abcde\n\"",
+                                  "0123456789abcdef0123456789abcdef",
+                                  "\",\"",
+                                  "\"x\"\"y\"",
+                                  "",
+                                  "short",
+                                  "\"\r23456789abcdef\""};
     for (size_t i = 0; i < std::size(names); ++i) {
         flow.fields[1].kind = FieldValue::Kind::Value;
         flow.fields[1].text = names[i];

@@ -1,6 +1,7 @@
 // The four record writers: binary and text forms, byte order, bad arguments.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -32,13 +33,26 @@ TEST(RecordWriters, NumbersAsTextAreDecimal) {
         uint64_t value;
         uint32_t size;
         const char *text;
-    } cases[] = {{0xff, 1, "255"},        {0x3f, 1, "63"},
-                 {0x000020ff, 4, "8447"}, {0xffffffff, 4, "4294967295"},
-                 {0x0102, 2, "258"},      {~0ull, 8, "18446744073709551615"}};
+    } cases[] = {{0xff, 1, "255"},
+                 {0x3f, 1, "63"},
+                 {0x000020ff, 4, "8447"},
+                 {0xffffffff, 4, "4294967295"},
+                 {0x0102, 2, "258"},
+                 {~0ull, 8, "18446744073709551615"},
+                 // one and two digits, and the first of three; only `size` bytes are read
+                 {0, 8, "0"},
+                 {9, 1, "9"},
+                 {10, 2, "10"},
+                 {99, 4, "99"},
+                 {100, 8, "100"},
+                 {0xff0a, 1, "10"},
+                 {0xffff0063, 2, "99"},
+                 {0xffffffff00000064, 4, "100"}};
     for (const Case &c : cases) {
         FieldOutput out;
-        EXPECT_GT(record_universal_get_txt_num(&out, &c.value, c.size, 0, 0), 0);
-        EXPECT_EQ(out.text, c.text);
+        EXPECT_EQ(record_universal_get_txt_num(&out, &c.value, c.size, 0, 0),
+                  static_cast<int>(strlen(c.text)));
+        EXPECT_EQ(out.text, c.text) << c.value;
     }
 }
 
@@ -82,6 +96,10 @@ TEST(RecordWriters, StringsOfSuccessiveRecordsAreEachTheirOwn) {
         {units("SMBGEN", 12), false, "SMBGEN"},
         {units("", 2), false, ""},
         {units("SMBGEN", 12), false, "SMBGEN"},
+        {units("0x00000000", 20), false, "0x00000000"},
+        {units("0x00000001", 20), false, "0x00000001"},
+        {units("abcdefghijklmnop", 32), false, "abcdefghijklmnop"},
+        {units("abcdefghXjklmnop", 32), false, "abcdefghXjklmnop"},
         {std::vector<uint8_t>(300, 'x'), false, ""},
     };
     writes[3].bytes[7] = 0x01;  // the last unit's high byte alone differs: U+016B
@@ -90,7 +108,7 @@ TEST(RecordWriters, StringsOfSuccessiveRecordsAreEachTheirOwn) {
     std::string long_x;
     for (int i = 0; i < 150; ++i)
         long_x += "\xe7\xa1\xb8";  // U+7878, as 0x78 0x78 reads
-    writes[10].want = long_x.c_str();
+    writes[std::size(writes) - 1].want = long_x.c_str();
     FieldOutput out;
     for (const Write &w : writes) {
         if (!w.keep) out.clear();

@@ -137,29 +137,45 @@ void hex_text(uint32_t value, int digits, unit_text &text) {
     }
 }
 
-// Called for every record: texts made without printf.
-void dialect_text(uint16_t dialect, unit_text &text) {
-    const char *known = nullptr;
+// An ASCII word as UTF-16LE units, made at compile time.
+template <size_t N>
+struct units_of {
+    uint8_t bytes[2 * (N - 1)] = {};
+    constexpr explicit units_of(const char (&word)[N]) {
+        for (size_t i = 0; i + 1 < N; ++i)
+            bytes[2 * i] = static_cast<uint8_t>(word[i]);
+    }
+};
+
+constexpr units_of k202("2.0.2");
+constexpr units_of k210("2.1");
+constexpr units_of k300("3.0");
+constexpr units_of k302("3.0.2");
+constexpr units_of k311("3.1.1");
+
+// Called for every record: the known dialects' texts are handed over as they are, others
+// written as hexadecimal, without printf.
+void dialect_fill_txt(uint16_t dialect, void *output, uint32_t a) {
     switch (dialect) {
         case 0x0202:
-            known = "2.0.2";
-            break;
+            record_universal_get_txt_string(output, k202.bytes, sizeof k202.bytes, a, 0);
+            return;
         case 0x0210:
-            known = "2.1";
-            break;
+            record_universal_get_txt_string(output, k210.bytes, sizeof k210.bytes, a, 0);
+            return;
         case 0x0300:
-            known = "3.0";
-            break;
+            record_universal_get_txt_string(output, k300.bytes, sizeof k300.bytes, a, 0);
+            return;
         case 0x0302:
-            known = "3.0.2";
-            break;
+            record_universal_get_txt_string(output, k302.bytes, sizeof k302.bytes, a, 0);
+            return;
         case 0x0311:
-            known = "3.1.1";
-            break;
+            record_universal_get_txt_string(output, k311.bytes, sizeof k311.bytes, a, 0);
+            return;
     }
-    if (!known) return hex_text(dialect, 4, text);
-    for (; *known; ++known)
-        text.put(*known);
+    unit_text text;
+    hex_text(dialect, 4, text);
+    record_universal_get_txt_string(output, text.bytes, text.size, a, 0);
 }
 
 // A decimal counter at zero is left to the field's default, which is zero as well: the host
@@ -201,13 +217,11 @@ void fill_txt(void *, host_flow_record *, host_slot *slot, void *output, uint32_
     } else if constexpr (f.text == Text::decimal) {
         const number_bytes n(f.value(*rec), f.size);
         record_universal_get_txt_num(output, n.bytes, f.size, a, b);
+    } else if constexpr (f.text == Text::dialect) {
+        dialect_fill_txt(static_cast<uint16_t>(f.value(*rec)), output, a);
     } else {
-        const uint64_t value = f.value(*rec);
         unit_text text;
-        if constexpr (f.text == Text::dialect)
-            dialect_text(static_cast<uint16_t>(value), text);
-        else
-            hex_text(static_cast<uint32_t>(value), 8, text);
+        hex_text(static_cast<uint32_t>(f.value(*rec)), 8, text);
         record_universal_get_txt_string(output, text.bytes, text.size, a, 0);
     }
 }
