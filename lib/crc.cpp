@@ -19,11 +19,8 @@ static_assert(kCrc64[0][128] == 0xC96C5795D7870F42ull);
 
 // Exported in the flat layout the hash consumers index: table 0 first, then 1, 2, 3.
 const uint64_t corvaneexp_crc64_table[4][256] = {
-#define CV_ROW(k)                                                            \
-    {                                                                        \
-        CV_ROW_ENTRIES(k, 0), CV_ROW_ENTRIES(k, 64), CV_ROW_ENTRIES(k, 128), \
-            CV_ROW_ENTRIES(k, 192)                                           \
-    }
+#define CV_ROW(k) \
+    { CV_ROW_ENTRIES(k, 0), CV_ROW_ENTRIES(k, 64), CV_ROW_ENTRIES(k, 128), CV_ROW_ENTRIES(k, 192) }
 #define CV_E(k, i) kCrc64[k][i]
 #define CV_E4(k, i) CV_E(k, i), CV_E(k, i + 1), CV_E(k, i + 2), CV_E(k, i + 3)
 #define CV_E16(k, i) CV_E4(k, i), CV_E4(k, i + 4), CV_E4(k, i + 8), CV_E4(k, i + 12)
@@ -38,7 +35,9 @@ const uint64_t corvaneexp_crc64_table[4][256] = {
 
 namespace cv::crc {
 
-bool cpu_has_sse42() { return impl::sse42_available(); }
+bool cpu_has_sse42() {
+    return impl::sse42_available();
+}
 
 uint32_t crc32c_hw(const uint8_t *data, uint64_t length, uint32_t crc) {
     return impl::hw(data, length, crc);
@@ -70,6 +69,7 @@ uint64_t corvaneexp_crc64(const void *data, int32_t length, uint64_t seed) {
         p += 4;
         n -= 4;
     }
-    while (n-- > 0) c = (c << 8) ^ t[0][(*p++ ^ (c >> 56)) & 0xff];
+    while (n-- > 0)
+        c = (c << 8) ^ t[0][(*p++ ^ (c >> 56)) & 0xff];
     return c;
 }

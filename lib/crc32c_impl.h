@@ -26,7 +26,8 @@ __attribute__((target("sse4.2"))) inline uint32_t hw(const uint8_t *p, uint64_t 
     while (words >= 8) {
         uint64_t w[8];
         std::memcpy(w, p, sizeof w);
-        for (uint64_t v : w) c = _mm_crc32_u64(c, v);
+        for (uint64_t v : w)
+            c = _mm_crc32_u64(c, v);
         p += 64;
         words -= 8;
     }
@@ -37,7 +38,8 @@ __attribute__((target("sse4.2"))) inline uint32_t hw(const uint8_t *p, uint64_t 
         p += 8;
     }
     uint32_t c32 = static_cast<uint32_t>(c);
-    for (uint64_t i = 0; i < n % 8; ++i) c32 = _mm_crc32_u8(c32, p[i]);
+    for (uint64_t i = 0; i < n % 8; ++i)
+        c32 = _mm_crc32_u8(c32, p[i]);
     return ~c32;
 }
 
@@ -48,7 +50,8 @@ inline uint32_t load_le32(const uint8_t *p) {
 inline uint32_t sw(const Crc32cTables &t, const uint8_t *p, uint64_t n, uint32_t crc) {
     uint64_t head = (0 - reinterpret_cast<uintptr_t>(p)) & 3;
     if (head > n) head = n;
-    for (uint64_t i = 0; i < head; ++i) crc = (crc >> 8) ^ t[0][(crc ^ *p++) & 0xff];
+    for (uint64_t i = 0; i < head; ++i)
+        crc = (crc >> 8) ^ t[0][(crc ^ *p++) & 0xff];
     n -= head;
     for (uint64_t blocks = n / 8; blocks; --blocks, p += 8) {
         uint32_t x = crc ^ load_le32(p);
@@ -56,7 +59,8 @@ inline uint32_t sw(const Crc32cTables &t, const uint8_t *p, uint64_t n, uint32_t
         crc = t[7][x & 0xff] ^ t[6][(x >> 8) & 0xff] ^ t[5][(x >> 16) & 0xff] ^ t[4][x >> 24] ^
               t[3][w1 & 0xff] ^ t[2][(w1 >> 8) & 0xff] ^ t[1][(w1 >> 16) & 0xff] ^ t[0][w1 >> 24];
     }
-    for (uint64_t i = 0; i < n % 8; ++i) crc = (crc >> 8) ^ t[0][(crc ^ *p++) & 0xff];
+    for (uint64_t i = 0; i < n % 8; ++i)
+        crc = (crc >> 8) ^ t[0][(crc ^ *p++) & 0xff];
     return ~crc;
 }
 

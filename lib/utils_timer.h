@@ -21,8 +21,14 @@ CV_EXPORT uint32_t timer_get_startup_time32(void);
 namespace cv::timer {
 // Unit conversions of one clock reading, kept apart from the clock so they can be tested at
 // any instant (12.999999999 s must give 12999 ms, not 13000).
-constexpr uint64_t to_nsec(const timespec &t) { return uint64_t(t.tv_sec) * 1000000000u + t.tv_nsec; }
-constexpr uint64_t to_usec(const timespec &t) { return uint64_t(t.tv_sec) * 1000000u + t.tv_nsec / 1000; }
-constexpr uint64_t to_msec(const timespec &t) { return uint64_t(t.tv_sec) * 1000u + t.tv_nsec / 1000000; }
+constexpr uint64_t to_nsec(const timespec &t) {
+    return uint64_t(t.tv_sec) * 1000000000u + t.tv_nsec;
+}
+constexpr uint64_t to_usec(const timespec &t) {
+    return uint64_t(t.tv_sec) * 1000000u + t.tv_nsec / 1000;
+}
+constexpr uint64_t to_msec(const timespec &t) {
+    return uint64_t(t.tv_sec) * 1000u + t.tv_nsec / 1000000;
+}
 }  // namespace cv::timer
 #endif

@@ -76,6 +76,7 @@ thread_tests() {
 }
 
 stage deps "install dependencies" tools/install-deps.sh
+stage format "every C and C++ source clang-formatted" tools/format-check.sh
 stage build "release build" tools/build.sh release
 stage tests "release tests" run_ctest build
 stage ipfix "IPFIX export: ipfixDump, tshark and nfcapd/nfdump" tools/ipfix-check.py build/smbflow

@@ -127,7 +127,9 @@ void drop_capability(int cap) {
 
 // A change of user hands the logging facility's configuration file to the new user and reloads
 // it: the facility must be running first.
-void start_logging() { CvLog_Init("supporttest", "corvane_main"); }
+void start_logging() {
+    CvLog_Init("supporttest", "corvane_main");
+}
 
 TEST_F(Startup, SwitchUser) {
     const passwd *pw = getpwnam("nobody");
