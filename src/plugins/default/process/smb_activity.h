@@ -21,6 +21,8 @@
 #define SMB_SEC_GUEST_OR_NULL 0x08u     // SESSION_SETUP response SessionFlags IS_GUEST / IS_NULL
 #define SMB_SEC_SMB1 0x10u              // an SMB1 message on the connection
 
+// The counters that merging sums come first and side by side, so that a merge adds them a
+// vector at a time (smb_activity_merge).
 struct smb_activity {
     uint64_t bytes_read;
     uint64_t bytes_written;
@@ -28,10 +30,10 @@ struct smb_activity {
     uint32_t reads;
     uint32_t writes;
     uint32_t errors;
-    uint32_t last_error;
     uint32_t renames;
     uint32_t deletes;
     uint32_t latency_count;
+    uint32_t last_error;
     uint32_t latency_max_us;
     uint16_t dialect;
     uint8_t security;  // only in counters parked in a table: the record keeps its own

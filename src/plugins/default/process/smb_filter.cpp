@@ -95,7 +95,11 @@ struct Counting {
             *slot = smb_record_move_to_heap(&local.rec);
         } else {
             park(pkt, &local.rec, q);
-            smb_record_release(&local.rec);
+            // Most packets without a header own nothing: no names, no remote calls, their
+            // counters in `local` and without a rename target.
+            if (local.rec.file_name || local.rec.tree_name || local.rec.who ||
+                local.rec.activity != &local.activity || local.activity.rename_to) [[unlikely]]
+                smb_record_release(&local.rec);
         }
         return keep;
     }
