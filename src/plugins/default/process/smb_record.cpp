@@ -184,14 +184,10 @@ smb_flow_data *smb_record_new_with_activity(void) {
     return &block->rec;
 }
 
-// A heap record holding `src` (moved: its names and counters change owner); inline counters
-// stay inline.
-smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src) {
-    if (!src->activity) {
-        auto *rec = static_cast<smb_flow_data *>(take(kPlainRecord));
-        *rec = *src;
-        return rec;
-    }
+namespace {
+
+// A record with counters (activity=1), out of line so that a plain record's move needs no frame.
+[[gnu::noinline]] smb_flow_data *move_block_to_heap(const smb_flow_data *src) {
     const bool who_in_room = smb_who_is_inline(src);
     auto *block = static_cast<smb_record_block *>(take(kBlockRecord));
     block->rec = *src;
@@ -203,6 +199,17 @@ smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src) {
         block->rec.who = &block->who;
     }
     return &block->rec;
+}
+
+}  // namespace
+
+// A heap record holding `src` (moved: its names and counters change owner); inline counters
+// stay inline.
+smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src) {
+    if (src->activity) return move_block_to_heap(src);
+    auto *rec = static_cast<smb_flow_data *>(take(kPlainRecord));
+    *rec = *src;
+    return rec;
 }
 
 smb_flow_data *smb_record_copy(const smb_flow_data *src) {

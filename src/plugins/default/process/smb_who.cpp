@@ -150,8 +150,13 @@ void smb_who_free(smb_who *w) {
     smb_who_block_free(w);
 }
 
-void smb_who_take_calls(smb_flow_data *into, smb_flow_data *from) {
+void smb_who_take(smb_flow_data *into, smb_flow_data *from) {
+    if (from->session_id) {
+        into->session_id = from->session_id;
+        into->session_ns = from->session_ns;
+    }
     smb_who *w = from->who;
+    if (!w) return;
     const bool in_room = smb_who_is_inline(from);
     from->who = nullptr;
     if (!into->who) {

@@ -43,15 +43,8 @@ void smb_who_free(smb_who *w);
 
 // Moves the packet record's session reference and remote calls into the flow's record: the
 // later session wins, calls and opnums add up, the later interfaces win. `from` is left
-// without an smb_who. The session part, which most packet records have, stays in line.
-void smb_who_take_calls(smb_flow_data *into, smb_flow_data *from);  // from->who not null
-inline void smb_who_take(smb_flow_data *into, smb_flow_data *from) {
-    if (from->session_id) {
-        into->session_id = from->session_id;
-        into->session_ns = from->session_ns;
-    }
-    if (from->who) smb_who_take_calls(into, from);
-}
+// without an smb_who.
+void smb_who_take(smb_flow_data *into, smb_flow_data *from);
 
 // The interface that the record shows: of its last REQUEST, else of its last bound context;
 // null when it has neither.
