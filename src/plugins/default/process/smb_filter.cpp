@@ -137,8 +137,8 @@ int filter(smb_queue_ctx *q, host_packet *pkt, host_slot *pkt_slot) {
 
 // The two filters, each out of line with the frame and registers its own steps need (the
 // counting one keeps its retransmission check in line and a larger record on the stack); the
-// hook only picks one.
-// The hook's arguments as they come, so that the hook's jump passes them on untouched.
+// hook only picks one. They take the hook's arguments as they come (and are not cloned), so
+// that the hook's jump passes them on untouched.
 template <typename Steps>
 [[gnu::noinline, gnu::noclone]] int filter_entry(void *queue_ctx, host_packet *pkt, void *,
                                                  host_slot *pkt_slot) {
