@@ -172,6 +172,20 @@ TEST(TcpSegment, ReadsTheSequenceBehindIpAndExtensionHeaders) {
         cases.push_back({"not tcp", b, 4, 44, false, 0, false});
     }
     {
+        std::vector<uint8_t> b = {0x45, 0, 0, 0, 0, 0, 0, 0, 64, 6};  // no options
+        b.resize(20);
+        tcp_header(b, 0x0a0b0c0d, 0x18);
+        cases.push_back({"ipv4 without options", b, 4, 40, true, 0x0a0b0c0d, false});
+        cases.push_back({"ipv4 without options, payload elsewhere", b, 4, 44, false, 0, false});
+        std::vector<uint8_t> cut(b.begin(), b.begin() + 39);
+        cases.push_back(
+            {"ipv4 without options, cut inside the tcp header", cut, 4, 40, false, 0, false});
+        b[33] = 0x02;
+        cases.push_back({"ipv4 without options, syn", b, 4, 40, true, 0x0a0b0c0d, true});
+        b[9] = 17;
+        cases.push_back({"ipv4 without options, not tcp", b, 4, 40, false, 0, false});
+    }
+    {
         std::vector<uint8_t> b(40, 0);
         b[0] = 0x60;
         b[6] = 0;  // hop-by-hop options, 8 bytes, then TCP
@@ -191,6 +205,12 @@ TEST(TcpSegment, ReadsTheSequenceBehindIpAndExtensionHeaders) {
         p.ip_version = c.ip_version;
         tcp_segment s{};
         EXPECT_EQ(smb_tcp_segment(&p, s), c.found) << c.what;
+        // The filter's entry point reads the same headers: a segment sent twice is a repeat the
+        // second time (a SYN starts its direction over instead), and a packet whose headers
+        // give no segment never is.
+        auto table = std::make_unique<tcp_seen_table>();
+        EXPECT_FALSE(smb_tcp_repeat(table.get(), &p, 3)) << c.what;
+        EXPECT_EQ(smb_tcp_repeat(table.get(), &p, 3), c.found && !c.syn) << c.what;
         if (!c.found) continue;
         EXPECT_EQ(s.seq, c.seq) << c.what;
         EXPECT_EQ(s.syn, c.syn) << c.what;

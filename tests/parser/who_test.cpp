@@ -3,6 +3,7 @@
 // offset and length that lies must give no name, never a read outside the message.
 #include "parser_harness.h"
 #include "rpc_builder.h"
+#include "smb_activity.h"
 #include "smb_activity_table.h"
 #include "smb_dcerpc.h"
 #include "smb_ntlmssp.h"
@@ -450,6 +451,69 @@ TEST(WhoMerge, LaterSessionAndInterfaceWinCallsAddUp) {
     smb_who_take(&flow, &none);
     EXPECT_EQ(flow.session_id, 2u);
     smb_who_free(flow.who);
+}
+
+// Records of activity=1 keep their smb_who in their own block's room. The room goes with its
+// record: a flow's record that takes a packet's smb_who, a heap record made from one parsed on
+// the stack and a copy for the host each hold one of their own, with its own identity reference.
+TEST(WhoRoom, GoesWithItsRecordAndIsCopiedNotShared) {
+    enum class Made { block, plain, on_stack };
+    ntlmssp::Identity names{};
+    names.user[0] = 'u';
+    ntlmssp::SharedIdentity *id = ntlmssp::SharedIdentity::make(names);
+    for (const Made flow_made : {Made::block, Made::plain}) {
+        for (const bool flow_has_who : {false, true}) {
+            for (const Made pkt_made : {Made::block, Made::plain, Made::on_stack}) {
+                SCOPED_TRACE(testing::Message() << int(flow_made) << flow_has_who << int(pkt_made));
+                smb_flow_data *flow =
+                    flow_made == Made::block ? smb_record_new_with_activity() : smb_record_new();
+                if (flow_has_who) smb_who_of(flow)->calls = 2;
+                smb_flow_data *pkt;
+                smb_record_block local;
+                if (pkt_made == Made::on_stack) {
+                    smb_record_init(&local.rec);
+                    local.activity = smb_activity{};
+                    local.rec.activity = &local.activity;
+                    pkt = &local.rec;
+                } else {
+                    pkt =
+                        pkt_made == Made::block ? smb_record_new_with_activity() : smb_record_new();
+                }
+                smb_who *w = smb_who_of(pkt);
+                w->calls = 1;
+                w->identity = id;
+                id->ref();
+                if (pkt_made == Made::on_stack) {
+                    pkt = smb_record_move_to_heap(&local.rec);
+                    memset(&local, 0x5a, sizeof local);  // the stack's room is gone
+                }
+                smb_who_take(flow, pkt);
+                EXPECT_EQ(pkt->who, nullptr);
+                host_slot pkt_slot = pkt;
+                smb_record_free(&pkt_slot);
+                // The freed blocks come back first: a room still in use would be overwritten.
+                smb_flow_data *scribble = smb_record_new_with_activity();
+                smb_who_of(scribble)->calls = 99;
+                smb_flow_data *scribble_plain = smb_record_new();
+                smb_who_of(scribble_plain)->calls = 99;
+                ASSERT_NE(flow->who, nullptr);
+                EXPECT_EQ(flow->who->calls, flow_has_who ? 3u : 1u);
+                // Merged into an smb_who of its own, the packet's identity is dropped.
+                EXPECT_EQ(flow->who->identity, flow_has_who ? nullptr : id);
+                smb_flow_data *copy = smb_record_copy(flow);
+                ASSERT_NE(copy->who, nullptr);
+                EXPECT_NE(copy->who, flow->who);
+                flow->who->calls = 7;
+                EXPECT_EQ(copy->who->calls, flow_has_who ? 3u : 1u);
+                EXPECT_EQ(copy->who->identity, flow->who->identity);
+                for (smb_flow_data *r : {copy, flow, scribble, scribble_plain}) {
+                    host_slot slot = r;
+                    smb_record_free(&slot);
+                }
+            }
+        }
+    }
+    ntlmssp::SharedIdentity::unref(id);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 // recently used record. Buckets are worked out here from the keys, not asked of the tables.
 #include <gtest/gtest.h>
 
+#include <string.h>
+
 #include <vector>
 
 #include "smb_activity_table.h"
@@ -113,6 +115,57 @@ TEST(SessionTable, SessionsOfOneSlotKeepTheirNames) {
         EXPECT_EQ(r->names->text(smb::ntlmssp::Name::user)[0], 'a' + i);
     }
     EXPECT_EQ(t->evicted, 0u);
+    sessiontable_free(t);
+}
+
+// Sessions of one user give the same names and may share a block: each session still gives
+// back exactly its own names, also when only a later byte, or only the anonymous flag, tells
+// two puts apart, and when a session's earlier block is the one shared.
+TEST(SessionTable, SessionsGiveBackTheirOwnNamesWhenBlocksAreShared) {
+    sessiontable *t = sessiontable_create(1024);
+    auto names_of = [](uint8_t user, uint8_t domain_tail) {
+        smb::ntlmssp::Identity names{};
+        names.user[0] = user;
+        names.domain[0] = 'd';
+        names.domain[SMB_NAME_SIZE - 1] = domain_tail;
+        names.workstation[0] = 'w';
+        return names;
+    };
+    struct Put {
+        uint64_t session;
+        smb::ntlmssp::Identity names;
+        bool anonymous;
+    };
+    const std::vector<Put> puts = {
+        {1, names_of('a', 0), false}, {2, names_of('a', 0), false}, {3, names_of('b', 0), false},
+        {4, names_of('a', 0), false}, {5, names_of('a', 7), false}, {6, names_of('a', 7), true},
+        {7, names_of('a', 7), false}, {2, names_of('c', 0), false},  // session 2 authenticates
+                                                                     // again
+    };
+    for (const Put &p : puts)
+        sessiontable_put(t, kClient, 445, p.session, 1000, p.anonymous, p.names);
+    std::vector<const Put *> last(8, nullptr);
+    for (const Put &p : puts)
+        last[p.session] = &p;
+    for (uint64_t session = 1; session < last.size(); ++session) {
+        SCOPED_TRACE(session);
+        const session_record *r = sessiontable_find(t, kClient, 445, session);
+        ASSERT_NE(r, nullptr);
+        if (last[session]->anonymous) {
+            EXPECT_EQ(r->names, nullptr);
+            continue;
+        }
+        ASSERT_NE(r->names, nullptr);
+        const std::pair<smb::ntlmssp::Name, const uint8_t *> expected[] = {
+            {smb::ntlmssp::Name::user, last[session]->names.user},
+            {smb::ntlmssp::Name::domain, last[session]->names.domain},
+            {smb::ntlmssp::Name::workstation, last[session]->names.workstation}};
+        for (const auto &[name, bytes] : expected) {
+            uint8_t out[SMB_NAME_SIZE];
+            r->names->expand(name, out);
+            EXPECT_EQ(memcmp(out, bytes, SMB_NAME_SIZE), 0) << "name " << int(name);
+        }
+    }
     sessiontable_free(t);
 }
 

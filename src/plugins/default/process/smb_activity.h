@@ -13,6 +13,7 @@
 #include <stdint.h>
 
 #include "smb.h"
+#include "smb_who.h"
 
 // SMB_SECURITY bits.
 #define SMB_SEC_SIGNING_REQUIRED 0x01u  // NEGOTIATE response SecurityMode has SIGNING_REQUIRED
@@ -21,6 +22,8 @@
 #define SMB_SEC_GUEST_OR_NULL 0x08u     // SESSION_SETUP response SessionFlags IS_GUEST / IS_NULL
 #define SMB_SEC_SMB1 0x10u              // an SMB1 message on the connection
 
+// The counters that merging sums come first and side by side, so that a merge adds them a
+// vector at a time (smb_activity_merge).
 struct smb_activity {
     uint64_t bytes_read;
     uint64_t bytes_written;
@@ -28,10 +31,10 @@ struct smb_activity {
     uint32_t reads;
     uint32_t writes;
     uint32_t errors;
-    uint32_t last_error;
     uint32_t renames;
     uint32_t deletes;
     uint32_t latency_count;
+    uint32_t last_error;
     uint32_t latency_max_us;
     uint16_t dialect;
     uint8_t security;  // only in counters parked in a table: the record keeps its own
@@ -41,16 +44,32 @@ struct smb_activity {
     uint8_t *rename_to;
 };
 
-// A record and its counters in one allocation.
+// A record, its counters and room for its identity and remote calls in one allocation. The
+// room is in use when rec.who points to it: post-processing gives most exported records of
+// activity=1 an smb_who, which then costs no allocation of its own.
 struct smb_record_block {
     smb_flow_data rec;
     smb_activity activity;
+    smb_who who;
 };
 
-// True when the record's counters live in its own allocation (smb_record_block).
+// True when the record's counters live in its own allocation (smb_record_block). A block's
+// counters stay there until the record is released, so this also tells a block from a plain
+// record.
 inline bool smb_activity_is_inline(const smb_flow_data *rec) {
     return rec->activity ==
            &reinterpret_cast<smb_record_block *>(const_cast<smb_flow_data *>(rec))->activity;
+}
+
+// The block's room for an smb_who, or null for a record that is not a block.
+inline smb_who *smb_who_room(smb_flow_data *rec) {
+    return smb_activity_is_inline(rec) ? &reinterpret_cast<smb_record_block *>(rec)->who : nullptr;
+}
+
+// True when the record's smb_who is the one in its block's room (not an allocation of its own).
+inline bool smb_who_is_inline(const smb_flow_data *rec) {
+    return rec->who && smb_activity_is_inline(rec) &&
+           rec->who == &reinterpret_cast<smb_record_block *>(const_cast<smb_flow_data *>(rec))->who;
 }
 
 // A separate zero-filled block of counters, and its release (what it owns is not freed). The

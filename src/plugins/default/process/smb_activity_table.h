@@ -123,7 +123,8 @@ inline bool activitytable_take(activitytable *t, uint32_t client_addr32, uint16_
     out.found = true;
     out.request_ns = r.request_ns;
     out.kind = r.kind;
-    if (t->renames) [[unlikely]] {
+    // Only a rename request leaves a name in its slot (a put of another request frees any).
+    if (r.kind == SetInfoKind::rename && t->renames) [[unlikely]] {
         out.rename_to = t->renames[index];
         t->renames[index] = nullptr;
     }

@@ -50,7 +50,7 @@ struct Plain {
         if (keep) {
             // The heap record takes over the names that the parser may have attached.
             *slot = smb_record_move_to_heap(&local);
-        } else {
+        } else if (local.file_name || local.tree_name) [[unlikely]] {
             smb_name_free(local.file_name);
             smb_name_free(local.tree_name);
         }
@@ -95,7 +95,11 @@ struct Counting {
             *slot = smb_record_move_to_heap(&local.rec);
         } else {
             park(pkt, &local.rec, q);
-            smb_record_release(&local.rec);
+            // Most packets without a header own nothing: no names, no remote calls, their
+            // counters in `local` and without a rename target.
+            if (local.rec.file_name || local.rec.tree_name || local.rec.who ||
+                local.rec.activity != &local.activity || local.activity.rename_to) [[unlikely]]
+                smb_record_release(&local.rec);
         }
         return keep;
     }
@@ -123,15 +127,29 @@ int filter(smb_queue_ctx *q, host_packet *pkt, host_slot *pkt_slot) {
     return 0;
 }
 
+// Whether the packet is a TCP segment to look at (clearing its slot then): IPv4 fragments are
+// not reassembled, so they are not looked at.
+[[gnu::always_inline]] inline bool worth_a_look(const host_packet *pkt, host_slot *pkt_slot) {
+    if (pkt->ip_version == 4 && pkt->ipv4_aux16 != 0) return false;
+    *pkt_slot = nullptr;
+    return pkt->payload_offset <= pkt->length && pkt->protocol == kTcp;
+}
+
+// The two filters, each out of line with the frame and registers its own steps need (the
+// counting one keeps its retransmission check in line and a larger record on the stack); the
+// hook only picks one. They take the hook's arguments as they come (and are not cloned), so
+// that the hook's jump passes them on untouched.
+template <typename Steps>
+[[gnu::noinline, gnu::noclone]] int filter_entry(void *queue_ctx, host_packet *pkt, void *,
+                                                 host_slot *pkt_slot) {
+    auto *q = static_cast<smb_queue_ctx *>(queue_ctx);
+    return worth_a_look(pkt, pkt_slot) ? filter<Steps>(q, pkt, pkt_slot) : 0;
+}
+
 }  // namespace
 
-int process_smb_filter(void *queue_ctx, host_packet *pkt, void *, host_slot *pkt_slot) {
-    // An IPv4 fragment field: fragments are not reassembled, so they are not looked at.
-    if (pkt->ip_version == 4 && pkt->ipv4_aux16 != 0) return 0;
-    *pkt_slot = nullptr;
-    if (pkt->payload_offset > pkt->length) return 0;
-    if (pkt->protocol != kTcp) return 0;
-
-    auto *q = static_cast<smb_queue_ctx *>(queue_ctx);
-    return q->activity ? filter<Counting>(q, pkt, pkt_slot) : filter<Plain>(q, pkt, pkt_slot);
+int process_smb_filter(void *queue_ctx, host_packet *pkt, void *unused, host_slot *pkt_slot) {
+    return static_cast<smb_queue_ctx *>(queue_ctx)->activity
+               ? filter_entry<Counting>(queue_ctx, pkt, unused, pkt_slot)
+               : filter_entry<Plain>(queue_ctx, pkt, unused, pkt_slot);
 }

@@ -184,20 +184,32 @@ smb_flow_data *smb_record_new_with_activity(void) {
     return &block->rec;
 }
 
-// A heap record holding `src` (moved: its names and counters change owner); inline counters
-// stay inline.
-smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src) {
-    if (!src->activity) {
-        auto *rec = static_cast<smb_flow_data *>(take(kPlainRecord));
-        *rec = *src;
-        return rec;
-    }
+namespace {
+
+// A record with counters (activity=1), out of line so that a plain record's move needs no frame.
+[[gnu::noinline]] smb_flow_data *move_block_to_heap(const smb_flow_data *src) {
+    const bool who_in_room = smb_who_is_inline(src);
     auto *block = static_cast<smb_record_block *>(take(kBlockRecord));
     block->rec = *src;
     block->activity = *src->activity;
     if (!smb_activity_is_inline(src)) smb_activity_block_free(src->activity);
     block->rec.activity = &block->activity;
+    if (who_in_room) {
+        block->who = *src->who;
+        block->rec.who = &block->who;
+    }
     return &block->rec;
+}
+
+}  // namespace
+
+// A heap record holding `src` (moved: its names and counters change owner); inline counters
+// stay inline.
+smb_flow_data *smb_record_move_to_heap(const smb_flow_data *src) {
+    if (src->activity) return move_block_to_heap(src);
+    auto *rec = static_cast<smb_flow_data *>(take(kPlainRecord));
+    *rec = *src;
+    return rec;
 }
 
 smb_flow_data *smb_record_copy(const smb_flow_data *src) {
@@ -214,18 +226,34 @@ smb_flow_data *smb_record_copy(const smb_flow_data *src) {
     }
     rec->file_name = copy_name(src->file_name);
     rec->tree_name = copy_name(src->tree_name);
-    rec->who = smb_who_copy(src->who);
+    rec->who = nullptr;
+    if (src->who) {
+        smb_who *room = smb_who_room(rec);
+        if (!room) {
+            rec->who = smb_who_copy(src->who);
+        } else {
+            *room = *src->who;
+            if (room->identity) room->identity->ref();
+            rec->who = room;
+        }
+    }
     return rec;
 }
 
 namespace {
 
 // What a record owns besides its names. Inline counters own nothing but a rename target,
-// mostly null.
+// mostly null; an smb_who in the block's room nothing but its identity reference. The room is
+// told before the counters are dropped (which ends the record's look of a block).
 inline void release_counters(smb_flow_data *rec) {
+    if (rec->who) {
+        if (smb_who_is_inline(rec))
+            smb::ntlmssp::SharedIdentity::unref(rec->who->identity);
+        else
+            smb_who_free(rec->who);
+    }
     if (smb_activity *a = rec->activity; a && (a->rename_to || !smb_activity_is_inline(rec)))
         smb_activity_drop(rec);
-    if (rec->who) smb_who_free(rec->who);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "smb_session_table.h"
 
+#include <string.h>
+
 namespace {
 
 // The record of `key`, pushing out (and counting) another key when its bucket is full.
@@ -11,6 +13,20 @@ auto &claim(Table *t, const Key &key) {
     return r;
 }
 
+// A reference to a block holding `names`: the last one made when it holds them, else a new one.
+smb::ntlmssp::SharedIdentity *names_block(sessiontable *t, const smb::ntlmssp::Identity &names) {
+    if (t->last_names && memcmp(&t->last_identity, &names, sizeof names) == 0) {
+        t->last_names->ref();
+        return t->last_names;
+    }
+    smb::ntlmssp::SharedIdentity *made = smb::ntlmssp::SharedIdentity::make(names);
+    smb::ntlmssp::SharedIdentity::unref(t->last_names);
+    made->ref();
+    t->last_names = made;
+    t->last_identity = names;
+    return made;
+}
+
 }  // namespace
 
 sessiontable *sessiontable_create(int32_t size) {
@@ -18,6 +34,7 @@ sessiontable *sessiontable_create(int32_t size) {
 }
 
 void sessiontable_free(sessiontable *t) {
+    if (t) smb::ntlmssp::SharedIdentity::unref(t->last_names);
     smb::free_table(t);
 }
 
@@ -29,7 +46,7 @@ void sessiontable_put(sessiontable *t, uint32_t client_addr32, uint16_t client_p
     r.anonymous = anonymous ? 1 : 0;
     // Records still exporting the session's earlier names keep them through their references.
     smb::ntlmssp::SharedIdentity::unref(r.names);
-    r.names = anonymous ? nullptr : smb::ntlmssp::SharedIdentity::make(names);
+    r.names = anonymous ? nullptr : names_block(t, names);
 }
 
 void session_record::release() {

@@ -44,6 +44,11 @@ struct session_record {
 struct sessiontable : smb::BucketTable<session_record> {
     pthread_spinlock_t lock;
     uint64_t evicted;
+    // The names block made last, a reference of the table's own, or null, and the names it
+    // was made from: sessions of one user mostly give the same names, and a later session
+    // that does shares the block.
+    smb::ntlmssp::SharedIdentity *last_names;
+    smb::ntlmssp::Identity last_identity;
 };
 
 sessiontable *sessiontable_create(int32_t size);

@@ -211,8 +211,9 @@ bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_se
     return seen_before(slot_of(t, key), key, segment, length);
 }
 
-// Runs for every TCP packet with activity=1: the in-order case of IPv4 stays in line.
-bool smb_tcp_repeat(tcp_seen_table *t, const host_packet *pkt, uint32_t length) {
+// The packets that the inline smb_tcp_repeat does not settle; the in-order case of IPv4 (with
+// options, say) stays in line here too.
+bool smb_tcp_repeat_general(tcp_seen_table *t, const host_packet *pkt, uint32_t length) {
     if (pkt->ip_version != 4) [[unlikely]]
         return repeat_other(t, pkt, length);
     tcp_segment segment;

@@ -54,5 +54,30 @@ bool smb_tcp_seen_before(tcp_seen_table *t, const host_packet *pkt, const tcp_se
                          uint32_t length);
 
 // Both steps for one packet with a payload of `length` bytes, as the filter takes them: false
-// when the headers do not frame the payload.
-bool smb_tcp_repeat(tcp_seen_table *t, const host_packet *pkt, uint32_t length);
+// when the headers do not frame the payload. The common case stays in line in the caller: an
+// IPv4 header of 20 bytes, a TCP header that ends where the payload begins, and a segment that
+// is the next one in order of its direction (or a bare acknowledgement); the general function
+// below takes every other packet, with the same outcome.
+bool smb_tcp_repeat_general(tcp_seen_table *t, const host_packet *pkt, uint32_t length);
+
+inline bool smb_tcp_repeat(tcp_seen_table *t, const host_packet *pkt, uint32_t length) {
+    const uint8_t *d = pkt->data;
+    // Version 4, IHL 5, TCP; the TCP header's 20 bytes are there and its data offset leads to
+    // the payload.
+    if (pkt->ip_version != 4 || !d || pkt->length < 40 || d[0] != 0x45 || d[9] != 6 ||
+        20 + (d[32] >> 4) * 4 != pkt->payload_offset) [[unlikely]]
+        return smb_tcp_repeat_general(t, pkt, length);
+    const bool syn = d[33] & 0x02;
+    if (length == 0 && !syn) return false;  // a bare acknowledgement
+    const uint32_t seq =
+        uint32_t{d[24]} << 24 | uint32_t{d[25]} << 16 | uint32_t{d[26]} << 8 | d[27];
+    const uint64_t key =
+        uint64_t{pkt->src_addr.v4} << 32 | uint32_t{pkt->src_port} << 16 | pkt->dst_port;
+    static_assert(tcp_seen_table::kSlots == 4096, "the top 12 bits of the product pick the slot");
+    tcp_seen_direction &s = t->slots[(key * 0x9E3779B97F4A7C15ull) >> 52];
+    if (s.key == key && s.used && s.holes == 0 && !syn && seq == s.next) [[likely]] {
+        s.next = seq + length;
+        return false;
+    }
+    return smb_tcp_repeat_general(t, pkt, length);
+}

@@ -126,7 +126,13 @@ bool ascii_equal_ignoring_case(uint16_t unit, char c) {
 }  // namespace
 
 smb_who *smb_who_of(smb_flow_data *rec) {
-    if (!rec->who) rec->who = smb_who_block_new();
+    if (rec->who) return rec->who;
+    if (smb_who *room = smb_who_room(rec)) {
+        *room = smb_who{};
+        rec->who = room;
+    } else {
+        rec->who = smb_who_block_new();
+    }
     return rec->who;
 }
 
@@ -151,9 +157,16 @@ void smb_who_take(smb_flow_data *into, smb_flow_data *from) {
     }
     smb_who *w = from->who;
     if (!w) return;
+    const bool in_room = smb_who_is_inline(from);
     from->who = nullptr;
     if (!into->who) {
-        into->who = w;
+        if (in_room) {
+            // The room goes with the packet's record: the flow's record takes a copy, and the
+            // identity reference with it.
+            *smb_who_of(into) = *w;
+        } else {
+            into->who = w;
+        }
         return;
     }
     smb_who *to = into->who;
@@ -167,7 +180,10 @@ void smb_who_take(smb_flow_data *into, smb_flow_data *from) {
         to->bound_interface = w->bound_interface;
         to->has_bound_interface = 1;
     }
-    smb_who_free(w);
+    if (in_room)
+        smb::ntlmssp::SharedIdentity::unref(w->identity);
+    else
+        smb_who_free(w);
 }
 
 const smb::dcerpc::Uuid *smb_who_interface(const smb_who *w) {

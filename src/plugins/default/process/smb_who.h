@@ -31,17 +31,19 @@ struct smb_who {
 };
 
 // A zero-filled block, and its release (not null), through the per-thread block stacks of
-// smb_record.cpp: post-processing gives most exported records one.
+// smb_record.cpp: for records without room of their own (smb_record_block).
 smb_who *smb_who_block_new();
 void smb_who_block_free(smb_who *w);
 
-// The record's block, allocated zero-filled on first use.
+// The record's smb_who, made zero-filled on first use: in the record's room when it has one,
+// else a block of its own.
 smb_who *smb_who_of(smb_flow_data *rec);
 smb_who *smb_who_copy(const smb_who *w);
 void smb_who_free(smb_who *w);
 
 // Moves the packet record's session reference and remote calls into the flow's record: the
-// later session wins, calls and opnums add up, the later interfaces win.
+// later session wins, calls and opnums add up, the later interfaces win. `from` is left
+// without an smb_who.
 void smb_who_take(smb_flow_data *into, smb_flow_data *from);
 
 // The interface that the record shows: of its last REQUEST, else of its last bound context;
