@@ -457,6 +457,9 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         if (std::find(std::begin(index_), std::end(index_), static_cast<int>(i)) ==
             std::end(index_))
             extras_.push_back({static_cast<uint32_t>(i), fields[i]});
+    is_extra_.assign(fields.size(), 0);
+    for (const Extra &e : extras_)
+        is_extra_[e.position] = 1;
     for (size_t i = 0; i < extras_.size(); ++i)
         if (extras_[i].def->name == "SMB_RPC_INTERFACE" &&
             extras_[i].def->type == CORVANE_FIELD_OCTETS)
@@ -466,7 +469,9 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
     for (const Extra &e : extras_) {
         verbatim_.push_back(plugin_column(*e.def).verbatim);
         const std::string text = e.def->has_default ? default_text(*e.def) : std::string();
-        ExtraPlan plan{is_decimal_field(*e.def),
+        ExtraPlan plan{e.position,
+                       e.def,
+                       is_decimal_field(*e.def),
                        !e.def->has_default || !needs_csv_quotes(text),
                        e.def->fill_txt != nullptr,
                        e.def->plugin_index < 32 ? 1u << e.def->plugin_index : 0u,
@@ -480,6 +485,13 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         plans_.push_back(plan);
     }
     if (has_service_column()) verbatim_.push_back(true);
+}
+
+std::vector<uint32_t> FlowFormatter::extra_positions() const {
+    std::vector<uint32_t> positions;
+    for (const Extra &e : extras_)
+        positions.push_back(e.position);
+    return positions;
 }
 
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
@@ -684,38 +696,73 @@ __attribute__((noinline)) size_t FlowFormatter::render_extras(const ExportedFlow
     // The extras, as extra_value() picks their values, with the loop's bounds and the
     // record's in locals: the appends write chars, which the compiler must assume may change
     // any member it would otherwise read again.
+    using Kind = FieldValue::Kind;
     const FieldValue *const values = flow.fields.data();
-    const size_t value_count = flow.fields.size();
     const uint32_t records = flow.plugin_records;
-    const ExtraPlan *plan = plans_.data();
-    for (const Extra *e = extras_.data(), *const end = e + extras_.size(); e != end; ++e, ++plan) {
-        const FieldValue *v = e->position < value_count ? &values[e->position] : nullptr;
-        if (v && v->kind != FieldValue::Kind::Value &&
-            !(v->kind == FieldValue::Kind::Default && (records & plan->plugin_bit)))
-            v = nullptr;
-        if (!v) {
+    auto put = [&](const ExtraPlan &plan, Kind kind) __attribute__((always_inline)) {
+        if (kind == Kind::Value) {
+            const FieldValue &v = values[plan.position];
+            if (plan.text_fill) {
+                // What the text fill wrote.
+                sink.put_text(k++, v.text.view());
+            } else if (plan.decimal && !v.binary.empty() && v.binary.size() <= 8) {
+                num(v.number());
+            } else {
+                cell([&] { append_field_text(t, *plan.def, v); });
+            }
+        } else if (kind == Kind::Absent || !(records & plan.plugin_bit)) {
             null();
-        } else if (v->kind == FieldValue::Kind::Default && plan->default_cell_len) {
-            sink.put_cell(k++, plan->default_cell, plan->default_cell_len);
-        } else if (v->kind == FieldValue::Kind::Default) {
+        } else if (plan.default_cell_len) {
+            sink.put_cell(k++, plan.default_cell, plan.default_cell_len);
+        } else {
             // The default's text, made once by the exporter: looked at for quotes only when
             // it may need them.
             const uint32_t from = sink.open(k);
-            t += v->text;
-            if (plan->default_plain)
+            t += values[plan.position].text;
+            if (plan.default_plain)
                 sink.close_plain(k++, from);
             else
                 sink.close(k++, from);
-        } else if (plan->decimal && !v->binary.empty() && v->binary.size() <= 8) {
-            num(v->number());
-        } else if (plan->text_fill) {
-            // A value: what the text fill wrote.
-            sink.put_text(k++, v->text.view());
-        } else {
-            cell([&] { append_field_text(t, *e->def, *v); });
         }
+    };
+    const ExtraPlan *const end = plans_.data() + plans_.size();
+    PendingFields *const pending = flow.pending;
+    if (pending && !pending->taken && pending->count >= is_extra_.size()) {
+        // Fields the exporter left to this output are asked here, each as its column is
+        // written: one pass over them, with the value's text written while it is at hand.
+        const FieldPlan *const fields = pending->plans;
+        const uint8_t *const deferred = pending->deferred;
+        host_flow_record &rec = *pending->rec;
+        host_slot *const slots = pending->slots;
+        FieldValue *const into = pending->values;
+        uint32_t asked = 0;
+        for (const ExtraPlan *plan = plans_.data(); plan != end; ++plan) {
+            const uint32_t pos = plan->position;
+            if (deferred[pos]) {
+                ++asked;
+                put(*plan, evaluate_field(fields[pos], pos, rec, slots, into[pos]));
+            } else {
+                put(*plan, values[pos].kind);
+            }
+        }
+        take(*pending, asked);
+        return k;
     }
+    const size_t value_count = flow.fields.size();
+    for (const ExtraPlan *plan = plans_.data(); plan != end; ++plan)
+        put(*plan, plan->position < value_count ? values[plan->position].kind : Kind::Absent);
     return k;
+}
+
+// Marks the record's deferred fields taken, once every one of them was asked: a field left to
+// the output that is none of its columns is asked here.
+void FlowFormatter::take(PendingFields &pending, uint32_t asked) const {
+    pending.taken = true;
+    if (asked == pending.deferred_count) return;
+    for (uint32_t pos = 0; pos < pending.count; ++pos)
+        if (pending.deferred[pos] && !(pos < is_extra_.size() && is_extra_[pos]))
+            evaluate_field(pending.plans[pos], pos, *pending.rec, pending.slots,
+                           pending.values[pos]);
 }
 
 template <typename Sink>
