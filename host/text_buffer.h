@@ -86,6 +86,33 @@ class TextBuffer {
         return a.view() == b.view();
     }
 
+    // Appends another buffer's text. A text of up to 16 bytes, most of what a record's fields
+    // hold, is one 16-byte copy, whatever its length: both buffers have the bytes to spare.
+    __attribute__((always_inline)) void append(const TextBuffer &other) {
+        const size_t n = other.size();
+        if (n - 1 < kSlack) {  // 1 to 16 bytes
+            room(kSlack);
+            append_block(other);
+        } else {
+            append(other.view());
+        }
+    }
+    // The same for a text of 1 to 16 bytes where spare() is 16 or more.
+    void append_block(const TextBuffer &other) {
+        memcpy(end_, other.begin_, kSlack);
+        end_ += other.size();
+    }
+    // Bytes of room there are without growing.
+    size_t spare() const { return static_cast<size_t>(limit_ - end_); }
+    TextBuffer &operator+=(const TextBuffer &other) {
+        append(other);
+        return *this;
+    }
+
+    // Bytes that may be read past the room of a buffer that has any (they belong to it, their
+    // values do not matter): a text of up to this many bytes is read as one fixed-size block.
+    static constexpr size_t kSlack = 16;
+
     // Most of what a record appends is a few bytes (numbers, words, short names): up to 16
     // bytes are copied inline, as two fixed-size copies that may overlap, with no call.
     static void copy_small(char *to, const char *from, size_t n) {
@@ -112,7 +139,7 @@ class TextBuffer {
     void grow(size_t n) {
         const size_t size = this->size();
         const size_t capacity = std::max(2 * static_cast<size_t>(limit_ - begin_), size + n + 64);
-        char *const to = new char[capacity];
+        char *const to = new char[capacity + kSlack];
         if (size) memcpy(to, begin_, size);
         delete[] begin_;
         begin_ = to;

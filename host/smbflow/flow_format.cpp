@@ -467,13 +467,15 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
     for (const Column &c : columns())
         verbatim_.push_back(c.verbatim);
     for (const Extra &e : extras_) {
-        verbatim_.push_back(plugin_column(*e.def).verbatim);
+        const bool verbatim = plugin_column(*e.def).verbatim;
+        verbatim_.push_back(verbatim);
         const std::string text = e.def->has_default ? default_text(*e.def) : std::string();
         ExtraPlan plan{e.position,
                        e.def,
                        is_decimal_field(*e.def),
                        !e.def->has_default || !needs_csv_quotes(text),
                        e.def->fill_txt != nullptr,
+                       verbatim,
                        e.def->plugin_index < 32 ? 1u << e.def->plugin_index : 0u,
                        {},
                        0};
@@ -545,6 +547,11 @@ class RowSink {
         row_.text() += text;
         close(k, from);
     }
+    void put_text(size_t k, const TextBuffer &text, bool) {
+        const uint32_t from = open(k);
+        row_.text() += text;
+        close(k, from);
+    }
     void skip(size_t) {}
     void display(size_t k, std::string_view text) { row_.set_display(k, text); }
 
@@ -593,6 +600,23 @@ class CsvSink {
         TextBuffer::copy_small(p + 1, text.data(), n);
         line_.commit(p + 1 + n);
         if (!verbatim_[k] && has_special_short(p + 1, n))
+            quote(static_cast<uint32_t>(p + 1 - line_.data()));
+    }
+    // The same for a field's text, whose column's `verbatim` the caller has at hand: a text
+    // of 1 to 16 bytes is one 16-byte copy from its buffer's bytes to spare.
+    __attribute__((always_inline)) void put_text(size_t, const TextBuffer &text, bool verbatim) {
+        const size_t n = text.size();
+        if (n - 1 >= TextBuffer::kSlack) {  // none, or more than 16 bytes
+            const uint32_t from = open(0);
+            line_ += text.view();
+            if (!verbatim) quote_if_needed(from);
+            return;
+        }
+        char *const p = line_.room(1 + 16 + 16);
+        *p = ',';
+        memcpy(p + 1, text.data(), TextBuffer::kSlack);
+        line_.commit(p + 1 + n);
+        if (!verbatim && has_special_short(p + 1, n))
             quote(static_cast<uint32_t>(p + 1 - line_.data()));
     }
     void skip(size_t k) { open(k); }
@@ -704,7 +728,7 @@ __attribute__((noinline)) size_t FlowFormatter::render_extras(const ExportedFlow
             const FieldValue &v = values[plan.position];
             if (plan.text_fill) {
                 // What the text fill wrote.
-                sink.put_text(k++, v.text.view());
+                sink.put_text(k++, v.text, plan.verbatim);
             } else if (plan.decimal && !v.binary.empty() && v.binary.size() <= 8) {
                 num(v.number());
             } else {

@@ -110,6 +110,7 @@ class FlowFormatter {
         bool decimal;         // a counter written in decimal from its binary form
         bool default_plain;   // the text of its default needs no quotes
         bool text_fill;       // a value's text is what the field's text fill wrote
+        bool verbatim;        // its column needs no quotes in any output
         uint32_t plugin_bit;  // its plug-in's bit in ExportedFlow::plugin_records
         // The default's text after a separator (",0"), for a default of at most 15 bytes
         // that needs no quotes: written as one fixed-size copy. Length 0: none.
