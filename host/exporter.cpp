@@ -146,8 +146,7 @@ void Exporter::defer(const std::vector<uint32_t> &positions) {
     if (staged_.size() == plans_.size()) deferred_.clear();
 }
 
-void Exporter::complete(FlowHandoff &flow, ExportedFlow &out) {
-    if (!out.pending) return;
+void Exporter::complete_pending(FlowHandoff &flow, ExportedFlow &out) {
     PendingFields &p = *out.pending;
     if (!p.taken) {
         for (uint32_t pos = 0; pos < p.count; ++pos)

@@ -145,11 +145,15 @@ class Exporter {
     // After the record's consumer: asks the deferred fields that no consumer took (every
     // field's callbacks are asked for every record, written or not), then frees the flow's
     // slots. Nothing to do when no field is deferred.
-    void complete(FlowHandoff &flow, ExportedFlow &out);
+    void complete(FlowHandoff &flow, ExportedFlow &out) {
+        if (out.pending) complete_pending(flow, out);
+    }
 
     const std::vector<const FieldDef *> &fields() const { return fields_; }
 
   private:
+    void complete_pending(FlowHandoff &flow, ExportedFlow &out);
+
     const Host &host_;
     std::vector<const FieldDef *> fields_;
     std::vector<FieldPlan> plans_;            // by position

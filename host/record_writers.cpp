@@ -24,6 +24,28 @@ std::string number_text(const uint8_t *value, uint32_t size) {
     return std::to_string(v);
 }
 
+bool has_special_character(std::string_view text) {
+    size_t i = 0;
+#if defined(__SSE2__)
+    // Sixteen bytes at a time: a control character is one that max(c, 0x1f) leaves at 0x1f.
+    const __m128i controls = _mm_set1_epi8(0x1f), comma = _mm_set1_epi8(','),
+                  quote = _mm_set1_epi8('"'), backslash = _mm_set1_epi8('\\');
+    for (; i + 16 <= text.size(); i += 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text.data() + i));
+        const __m128i hit =
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(_mm_max_epu8(x, controls), controls),
+                                      _mm_cmpeq_epi8(x, comma)),
+                         _mm_or_si128(_mm_cmpeq_epi8(x, quote), _mm_cmpeq_epi8(x, backslash)));
+        if (_mm_movemask_epi8(hit)) return true;
+    }
+#endif
+    for (; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == ',' || c == '"' || c == '\\') return true;
+    }
+    return false;
+}
+
 }  // namespace corvane_host
 
 using corvane_host::FieldOutput;
@@ -37,23 +59,22 @@ uint64_t load8(const uint8_t *p) {
     return v;
 }
 
-// Whether two texts of 4 to 32 bytes are the same, as two fixed-size comparisons that may
-// overlap, with no call (a hexadecimal code of eight digits is twenty bytes in UTF-16LE).
-__attribute__((always_inline)) inline bool same_short(const uint8_t *a, const uint8_t *b,
-                                                      size_t n) {
-    if (n > 16) {
+// Whether two texts of 4 to 128 bytes are the same, as fixed-size comparisons (the last may
+// overlap the one before), with no call: a hexadecimal code of eight digits is twenty bytes
+// in UTF-16LE, a share's path a few dozen.
+__attribute__((always_inline)) inline bool same_text(const uint8_t *a, const uint8_t *b, size_t n) {
+    if (n >= 16) {
 #if defined(__SSE2__)
-        auto equal16 = [](const uint8_t *x, const uint8_t *y) {
-            const __m128i vx = _mm_loadu_si128(reinterpret_cast<const __m128i *>(x));
-            const __m128i vy = _mm_loadu_si128(reinterpret_cast<const __m128i *>(y));
+        auto equal16 = [a, b](size_t at) {
+            const __m128i vx = _mm_loadu_si128(reinterpret_cast<const __m128i *>(a + at));
+            const __m128i vy = _mm_loadu_si128(reinterpret_cast<const __m128i *>(b + at));
             return _mm_movemask_epi8(_mm_cmpeq_epi8(vx, vy)) == 0xffff;
         };
-        return equal16(a, b) && equal16(a + n - 16, b + n - 16);
+        for (size_t at = 0; at + 16 < n; at += 16)
+            if (!equal16(at)) return false;
+        return equal16(n - 16);
 #else
-        const uint64_t head = (load8(a) ^ load8(b)) | (load8(a + 8) ^ load8(b + 8));
-        const uint64_t tail =
-            (load8(a + n - 16) ^ load8(b + n - 16)) | (load8(a + n - 8) ^ load8(b + n - 8));
-        return (head | tail) == 0;
+        return std::memcmp(a, b, n) == 0;
 #endif
     }
     if (n >= 8) return ((load8(a) ^ load8(b)) | (load8(a + n - 8) ^ load8(b + n - 8))) == 0;
@@ -65,21 +86,25 @@ __attribute__((always_inline)) inline bool same_short(const uint8_t *a, const ui
     return ((a0 ^ b0) | (a1 ^ b1)) == 0;
 }
 
-// The string writer's cases other than a short text the same as the one it converted last.
-__attribute__((noinline)) int append_utf16(FieldOutput &out, const uint8_t *bytes, uint32_t size) {
+// The string writer's conversion of a text it did not convert last (`compare`: unless the
+// memo is compared here first), which the memo then keeps when it is not too long.
+__attribute__((noinline)) int append_utf16(FieldOutput &out, const uint8_t *bytes, uint32_t size,
+                                           bool compare) {
     const size_t before = out.text.size();
     corvane_host::Utf16Memo &memo = out.memo;
-    if (size <= corvane_host::Utf16Memo::kMaxBytes && size == memo.size &&
-        std::memcmp(bytes, memo.bytes, size) == 0) {
+    constexpr uint32_t kMax = corvane_host::Utf16Memo::kMaxBytes;
+    if (compare && size <= kMax && size == memo.size && std::memcmp(bytes, memo.bytes, size) == 0) {
         out.text += memo.text;
     } else {
         corvane_host::append_utf16le_as_utf8(out.text, bytes, size);
-        if (size <= corvane_host::Utf16Memo::kMaxBytes) {
+        if (size <= kMax) {
             memo.size = size;
             std::memcpy(memo.bytes, bytes, size);
             memo.text.assign(out.text.view(before, out.text.size()));
+            memo.plain = !corvane_host::has_special_character(memo.text);
         }
     }
+    out.plain = out.plain && size <= kMax && memo.plain;
     ++out.writes;
     return static_cast<int>(out.text.size() - before);
 }
@@ -186,13 +211,16 @@ HOST_API int record_universal_get_txt_string(void *output, const void *buffer, u
     // status, a user name): its UTF-8 is copied as one block of 16 bytes, with no call.
     const corvane_host::Utf16Memo &memo = out->memo;
     const size_t n = memo.text.size();
-    if (size == memo.size && size - 4 <= 32 - 4 && n - 1 < TextBuffer::kSlack &&
-        out->text.spare() >= TextBuffer::kSlack && same_short(bytes, memo.bytes, size)) {
-        out->text.append_block(memo.text);
-        ++out->writes;
-        return static_cast<int>(n);
+    if (size == memo.size && size - 4 <= corvane_host::Utf16Memo::kMaxBytes - 4 && n != 0) {
+        if (!same_text(bytes, memo.bytes, size)) return append_utf16(*out, bytes, size, false);
+        if (out->text.spare() >= n + TextBuffer::kSlack) {
+            out->text.append_blocks(memo.text);
+            out->plain &= memo.plain;
+            ++out->writes;
+            return static_cast<int>(n);
+        }
     }
-    return append_utf16(*out, bytes, size);
+    return append_utf16(*out, bytes, size, true);
 }
 
 HOST_API int record_universal_get_array(void *output, const void *buffer, uint32_t size, uint32_t,

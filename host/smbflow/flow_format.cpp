@@ -727,8 +727,9 @@ __attribute__((noinline)) size_t FlowFormatter::render_extras(const ExportedFlow
         if (kind == Kind::Value) {
             const FieldValue &v = values[plan.position];
             if (plan.text_fill) {
-                // What the text fill wrote.
-                sink.put_text(k++, v.text, plan.verbatim);
+                // What the text fill wrote, not looked at when the writers know it needs no
+                // quotes.
+                sink.put_text(k++, v.text, plan.verbatim || v.plain);
             } else if (plan.decimal && !v.binary.empty() && v.binary.size() <= 8) {
                 num(v.number());
             } else {
