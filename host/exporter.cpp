@@ -124,9 +124,13 @@ void Exporter::export_postprocessed(FlowHandoff &flow, ExportedFlow &out) {
     } else {
         for (const uint32_t pos : staged_)
             evaluate_field(plans[pos], pos, flow.rec, slots, values[pos]);
-        pending_ = {
-            plans, deferred_.data(), n,    static_cast<uint32_t>(n - staged_.size()), &flow.rec,
-            slots, values,           false};
+        pending_ = {plans,
+                    deferred_.data(),
+                    static_cast<uint32_t>(deferred_.size()),
+                    &flow.rec,
+                    slots,
+                    values,
+                    false};
         out.pending = &pending_;
     }
     out.rec = flow.rec;
@@ -137,21 +141,19 @@ void Exporter::export_postprocessed(FlowHandoff &flow, ExportedFlow &out) {
 }
 
 void Exporter::defer(const std::vector<uint32_t> &positions) {
-    deferred_.assign(plans_.size(), 0);
+    std::vector<uint8_t> deferred(plans_.size(), 0);
     for (const uint32_t pos : positions)
-        if (pos < deferred_.size()) deferred_[pos] = 1;
+        if (pos < deferred.size()) deferred[pos] = 1;
     staged_.clear();
+    deferred_.clear();
     for (uint32_t pos = 0; pos < plans_.size(); ++pos)
-        if (!deferred_[pos]) staged_.push_back(pos);
-    if (staged_.size() == plans_.size()) deferred_.clear();
+        (deferred[pos] ? deferred_ : staged_).push_back(pos);
 }
 
 void Exporter::complete_pending(FlowHandoff &flow, ExportedFlow &out) {
-    PendingFields &p = *out.pending;
-    if (!p.taken) {
-        for (uint32_t pos = 0; pos < p.count; ++pos)
-            if (p.deferred[pos]) evaluate_field(plans_[pos], pos, *p.rec, p.slots, p.values[pos]);
-        p.taken = true;
+    if (!out.pending->taken) {
+        out.pending->evaluate_all();
+        out.pending->taken = true;
     }
     out.pending = nullptr;
     discard(flow);

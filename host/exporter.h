@@ -81,14 +81,19 @@ __attribute__((always_inline)) inline FieldValue::Kind evaluate_field(const Fiel
 // value at once, with no second pass over the record's values. Until Exporter::complete()
 // the flow's slots are held, and `fields` at those positions are what the record before left.
 struct PendingFields {
-    const FieldPlan *plans = nullptr;   // by position in the host's field list
-    const uint8_t *deferred = nullptr;  // by position: 1 for a field left to the consumer
-    size_t count = 0;                   // of positions
-    uint32_t deferred_count = 0;        // of positions left to the consumer
-    host_flow_record *rec = nullptr;    // the flow record as the plug-ins exported it
-    host_slot *slots = nullptr;         // the flow's, by plug-in
-    FieldValue *values = nullptr;       // the record's `fields`, which take the values
-    bool taken = false;                 // a consumer asked for them
+    const FieldPlan *plans = nullptr;     // by position in the host's field list
+    const uint32_t *positions = nullptr;  // of the deferred fields, in increasing order
+    uint32_t count = 0;                   // of deferred fields
+    host_flow_record *rec = nullptr;      // the flow record as the plug-ins exported it
+    host_slot *slots = nullptr;           // the flow's, by plug-in
+    FieldValue *values = nullptr;         // the record's `fields`, which take the values
+    bool taken = false;                   // a consumer asked for them
+
+    // Asks every deferred field for its value, into the record's `fields`.
+    void evaluate_all() const {
+        for (uint32_t i = 0; i < count; ++i)
+            evaluate_field(plans[positions[i]], positions[i], *rec, slots, values[positions[i]]);
+    }
 };
 
 struct ExportedFlow {
@@ -158,8 +163,8 @@ class Exporter {
     std::vector<const FieldDef *> fields_;
     std::vector<FieldPlan> plans_;            // by position
     std::vector<std::string> default_texts_;  // by position, what the plans point to
-    std::vector<uint32_t> staged_;   // positions asked by the exporter itself, when deferring
-    std::vector<uint8_t> deferred_;  // by position; empty: nothing deferred
+    std::vector<uint32_t> staged_;    // positions asked by the exporter itself, when deferring
+    std::vector<uint32_t> deferred_;  // positions left to the consumer; empty: none
     PendingFields pending_;
 };
 

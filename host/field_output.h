@@ -76,7 +76,7 @@ struct Utf16Memo {
 
 // Whether a text holds a character that some output quotes or escapes: a CSV separator or
 // quote, a backslash, a control character.
-bool has_special_character(std::string_view text);
+bool has_special_character(const TextBuffer &text);
 
 struct FieldOutput {
     ByteBuffer binary;

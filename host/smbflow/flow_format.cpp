@@ -457,9 +457,8 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         if (std::find(std::begin(index_), std::end(index_), static_cast<int>(i)) ==
             std::end(index_))
             extras_.push_back({static_cast<uint32_t>(i), fields[i]});
-    is_extra_.assign(fields.size(), 0);
     for (const Extra &e : extras_)
-        is_extra_[e.position] = 1;
+        extra_positions_.push_back(e.position);
     for (size_t i = 0; i < extras_.size(); ++i)
         if (extras_[i].def->name == "SMB_RPC_INTERFACE" &&
             extras_[i].def->type == CORVANE_FIELD_OCTETS)
@@ -487,13 +486,6 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         plans_.push_back(plan);
     }
     if (has_service_column()) verbatim_.push_back(true);
-}
-
-std::vector<uint32_t> FlowFormatter::extra_positions() const {
-    std::vector<uint32_t> positions;
-    for (const Extra &e : extras_)
-        positions.push_back(e.position);
-    return positions;
 }
 
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
@@ -751,43 +743,30 @@ __attribute__((noinline)) size_t FlowFormatter::render_extras(const ExportedFlow
         }
     };
     const ExtraPlan *const end = plans_.data() + plans_.size();
-    PendingFields *const pending = flow.pending;
-    if (pending && !pending->taken && pending->count >= is_extra_.size()) {
-        // Fields the exporter left to this output are asked here, each as its column is
-        // written: one pass over them, with the value's text written while it is at hand.
-        const FieldPlan *const fields = pending->plans;
-        const uint8_t *const deferred = pending->deferred;
-        host_flow_record &rec = *pending->rec;
-        host_slot *const slots = pending->slots;
-        FieldValue *const into = pending->values;
-        uint32_t asked = 0;
-        for (const ExtraPlan *plan = plans_.data(); plan != end; ++plan) {
-            const uint32_t pos = plan->position;
-            if (deferred[pos]) {
-                ++asked;
+    if (PendingFields *const pending = flow.pending; pending && !pending->taken) {
+        pending->taken = true;
+        if (pending->count == extra_positions_.size() &&
+            std::equal(extra_positions_.begin(), extra_positions_.end(), pending->positions)) {
+            // The fields left to this output are its columns: each is asked as its column is
+            // written, one pass with the value's text written while it is at hand.
+            const FieldPlan *const fields = pending->plans;
+            host_flow_record &rec = *pending->rec;
+            host_slot *const slots = pending->slots;
+            FieldValue *const into = pending->values;
+            for (const ExtraPlan *plan = plans_.data(); plan != end; ++plan) {
+                const uint32_t pos = plan->position;
                 put(*plan, evaluate_field(fields[pos], pos, rec, slots, into[pos]));
-            } else {
-                put(*plan, values[pos].kind);
             }
+            return k;
         }
-        take(*pending, asked);
-        return k;
+        // Other fields are left to it as well, or not all of its columns: every one is asked
+        // first, and the columns are written from the values as below.
+        pending->evaluate_all();
     }
     const size_t value_count = flow.fields.size();
     for (const ExtraPlan *plan = plans_.data(); plan != end; ++plan)
         put(*plan, plan->position < value_count ? values[plan->position].kind : Kind::Absent);
     return k;
-}
-
-// Marks the record's deferred fields taken, once every one of them was asked: a field left to
-// the output that is none of its columns is asked here.
-void FlowFormatter::take(PendingFields &pending, uint32_t asked) const {
-    pending.taken = true;
-    if (asked == pending.deferred_count) return;
-    for (uint32_t pos = 0; pos < pending.count; ++pos)
-        if (pending.deferred[pos] && !(pos < is_extra_.size() && is_extra_[pos]))
-            evaluate_field(pending.plans[pos], pos, *pending.rec, pending.slots,
-                           pending.values[pos]);
 }
 
 template <typename Sink>

@@ -75,7 +75,7 @@ class FlowFormatter {
     const std::vector<Extra> &extras() const { return extras_; }
     // The positions of the extras' fields: what a run whose one output is this formatter's
     // text leaves to it (Exporter::defer), to ask for as it writes them.
-    std::vector<uint32_t> extra_positions() const;
+    const std::vector<uint32_t> &extra_positions() const { return extra_positions_; }
     // The display column behind the extras that names the service of SMB_RPC_INTERFACE
     // (text outputs only: IPFIX carries the interface itself).
     bool has_service_column() const { return interface_extra_ >= 0; }
@@ -97,12 +97,10 @@ class FlowFormatter {
     template <typename Sink>
     size_t render_extras(const corvane_host::ExportedFlow &flow, Sink &sink, size_t k) const;
 
-    void take(corvane_host::PendingFields &pending, uint32_t asked) const;
-
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
     std::vector<Extra> extras_;
-    std::vector<uint8_t> is_extra_;  // by position in the host's field list
+    std::vector<uint32_t> extra_positions_;
     // How each extra's value is written, by its index in extras_.
     struct ExtraPlan {
         uint32_t position;  // in the host's field list
