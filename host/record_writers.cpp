@@ -106,7 +106,10 @@ __attribute__((noinline)) int append_utf16(FieldOutput &out, const uint8_t *byte
             memo.size = size;
             std::memcpy(memo.bytes, bytes, size);
             memo.text.assign(out.text.view(before, out.text.size()));
-            memo.plain = !corvane_host::has_special_character(memo.text);
+            // Looked at for the short texts of the plug-ins' further fields (a status, a
+            // name); a path is taken as it is, not plain.
+            memo.plain = memo.text.size() <= 2 * TextBuffer::kSlack &&
+                         !corvane_host::has_special_character(memo.text);
         }
     }
     out.plain = out.plain && size <= kMax && memo.plain;

@@ -489,22 +489,24 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
 }
 
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
-    const FieldValue *v[kSmbFields];
-    bool smb = false;
     const FieldValue *const values = flow.fields.data();
     const size_t count = flow.fields.size();
-    for (int which = 0; which < kSmbFields; ++which) {
+    // Each field's value when it has one; `kinds` gathers a bit for each kind seen.
+    unsigned kinds = 0;
+    auto at = [&](int which) __attribute__((always_inline))->const FieldValue * {
         const auto i = static_cast<size_t>(index_[which]);  // -1: past any count
-        v[which] = i < count ? values + i : nullptr;
-        smb |= v[which] && v[which]->kind == FieldValue::Kind::Value;
-    }
-    if (!smb) {
+        if (i >= count) return nullptr;
+        const FieldValue *v = values + i;
+        kinds |= 1u << static_cast<unsigned>(v->kind);
+        return v->present() ? v : nullptr;
+    };
+    const SmbValues found = {at(CmdRequest), at(CmdResponse), at(Tree),
+                             at(FileType),   at(FileName),    at(Op)};
+    if (!(kinds & (1u << static_cast<unsigned>(FieldValue::Kind::Value)))) {
         out = {};
         return false;
     }
-    for (const FieldValue *&f : v)
-        if (f && !f->present()) f = nullptr;
-    out = {v[CmdRequest], v[CmdResponse], v[Tree], v[FileType], v[FileName], v[Op]};
+    out = found;
     return true;
 }
 

@@ -56,6 +56,8 @@ class FlowFormatter {
     // (the invalid markers), which no output shows as if they were data.
     bool smb_values(const corvane_host::ExportedFlow &flow, SmbValues &out) const;
     explicit FlowFormatter(const std::vector<const corvane_host::FieldDef *> &fields);
+    // A record whose further fields the exporter left to its output (ExportedFlow::pending)
+    // has them asked here, each as its column is written, into the record's fields.
     Row render(const corvane_host::ExportedFlow &flow) const;
     // The same into `row`, reusing its buffers (no allocation per record once they have grown).
     void render(const corvane_host::ExportedFlow &flow, Row &row) const;

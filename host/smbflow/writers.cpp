@@ -178,33 +178,91 @@ class CsvWriter : public LineWriter {
 
 class JsonWriter : public LineWriter {
   public:
-    using LineWriter::LineWriter;
+    JsonWriter(FILE *out, bool live, ColumnPick pick, const std::vector<Column> &cols)
+        : LineWriter(out, live, std::move(pick), cols) {
+        for (size_t i = 0; i < pick_.size(); ++i) {
+            const Column &c = cols_[pick_[i]];
+            const std::string key = std::string(i ? "," : "{") + "\"" + c.name + "\":";
+            Key k{};
+            k.short_key = key.size() <= sizeof k.text;
+            if (k.short_key) {
+                memcpy(k.text, key.data(), key.size());
+                k.len = static_cast<uint8_t>(key.size());
+            }
+            k.form = c.number        ? Form::Number
+                     : c.number_text ? Form::NumberText
+                     : c.verbatim    ? Form::Verbatim
+                                     : Form::Text;
+            k.verbatim = c.verbatim;
+            keys_.push_back(k);
+            long_keys_.push_back(k.short_key ? std::string() : key);
+        }
+    }
 
     void write(const Row &row) override {
-        line_ += '{';
-        const auto &cols = cols_;
+        if (pick_.empty()) line_ += '{';
         for (size_t i = 0; i < pick_.size(); ++i) {
             const size_t k = pick_[i];
-            if (i) line_ += ',';
-            line_ += '"';
-            line_ += cols[k].name;
-            line_ += "\":";
-            const std::string_view v = row.value(k);
+            const Key &key = keys_[i];
+            // The separator, the name and the colon: one fixed-size copy.
+            if (key.short_key) {
+                char *const p = line_.room(sizeof key.text);
+                memcpy(p, key.text, sizeof key.text);
+                line_.commit(p + key.len);
+            } else {
+                line_ += long_keys_[i];
+            }
             if (!row.has_value(k)) {
                 line_ += "null";
-            } else if (cols[k].number || (cols[k].number_text && is_json_integer(v))) {
-                line_ += v;
-            } else if (cols[k].verbatim) {
-                line_ += '"';
-                line_ += v;
-                line_ += '"';
-            } else {
-                append_json_string(line_, v);
+                continue;
+            }
+            const std::string_view v = row.value(k);
+            switch (key.form) {
+                case Form::NumberText:
+                    if (!is_json_integer(v)) {
+                        if (key.verbatim)
+                            quoted(v);
+                        else
+                            append_json_string(line_, v);
+                        break;
+                    }
+                    [[fallthrough]];
+                case Form::Number:
+                    line_ += v;
+                    break;
+                case Form::Verbatim:
+                    quoted(v);
+                    break;
+                case Form::Text:
+                    append_json_string(line_, v);
+                    break;
             }
         }
         line_ += '}';
         emit();
     }
+
+  private:
+    // A text that needs no escapes, in quotes.
+    void quoted(std::string_view v) {
+        char *const p = line_.room(v.size() + 2);
+        *p = '"';
+        if (!v.empty()) memcpy(p + 1, v.data(), v.size());
+        p[v.size() + 1] = '"';
+        line_.commit(p + v.size() + 2);
+    }
+
+    enum class Form : uint8_t { Number, NumberText, Verbatim, Text };
+    // What precedes a column's value, made once: `,"name":` (`{"name":` for the first).
+    struct Key {
+        char text[32];
+        uint8_t len;
+        bool short_key;  // fits `text`; else in long_keys_
+        Form form;
+        bool verbatim;  // the column's text needs no escapes
+    };
+    std::vector<Key> keys_;  // by position in the pick
+    std::vector<std::string> long_keys_;
 };
 
 }  // namespace
