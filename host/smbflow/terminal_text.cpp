@@ -1,6 +1,8 @@
 #include "terminal_text.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -99,6 +101,22 @@ std::string visible_text(std::string_view s) {
 size_t display_width(std::string_view s) {
     size_t width = 0;
     for (size_t i = 0; i < s.size();) {
+        // ASCII, most of every table, takes a column a byte: eight bytes at a time while none
+        // has its top bit set, then a byte at a time.
+        if (i + 8 <= s.size()) {
+            uint64_t eight;
+            memcpy(&eight, s.data() + i, 8);
+            if (!(eight & 0x8080808080808080ull)) {
+                width += 8;
+                i += 8;
+                continue;
+            }
+        }
+        if (static_cast<unsigned char>(s[i]) < 0x80) {
+            ++width;
+            ++i;
+            continue;
+        }
         const auto [cp, len] = decode(s, i);
         i += len;
         if (in(std::begin(kZero), std::end(kZero), cp)) continue;
