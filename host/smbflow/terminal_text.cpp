@@ -57,6 +57,12 @@ bool in(const Range *first, const Range *last, char32_t cp) {
 }  // namespace
 
 std::string visible_text(std::string_view s) {
+    // Most texts are printable ASCII with no backslash: they are shown as they are.
+    if (std::all_of(s.begin(), s.end(), [](char c) {
+            const auto b = static_cast<unsigned char>(c);
+            return b >= 0x20 && b < 0x7f && b != '\\';
+        }))
+        return std::string(s);
     std::string out;
     out.reserve(s.size());
     // Whether the text from `at` on starts what the table reads as an escape after a
