@@ -78,45 +78,15 @@ std::string default_text(const FieldDef &field) {
 
 Exporter::Exporter(const Host &host, FillForms forms, const std::vector<std::string> &host_rendered)
     : host_(host), fields_(host.fields()) {
-    for (const FieldDef *f : fields_) {
+    for (const FieldDef *f : fields_)
+        default_texts_.push_back(f->has_default ? default_text(*f) : std::string());
+    for (size_t i = 0; i < fields_.size(); ++i) {
+        const FieldDef *f = fields_[i];
         const uint8_t wanted = forms_of(*f, forms, host_rendered);
-        plans_.push_back({f->ctx, f->validity, f->length, wanted & kBinaryForm ? f->fill : nullptr,
-                          wanted & kTextForm ? f->fill_txt : nullptr, f->plugin_index, f,
-                          f->has_default ? default_text(*f) : std::string()});
+        plans_.push_back({f->validity, f->ctx, f->length, wanted & kBinaryForm ? f->fill : nullptr,
+                          wanted & kTextForm ? f->fill_txt : nullptr, f, &default_texts_[i],
+                          static_cast<uint32_t>(f->plugin_index), f->has_default});
     }
-}
-
-// Inlined into the loop over a record's fields: it runs for every field of every record.
-__attribute__((always_inline)) inline void Exporter::evaluate(const Plan &plan, uint32_t position,
-                                                              host_flow_record &rec,
-                                                              host_slot *slot, FieldValue &value) {
-    const int valid = plan.validity ? plan.validity(plan.ctx, &rec, slot) : 1;
-    if (!valid) {
-        const FieldDef &field = *plan.def;
-        if (!field.has_default) {
-            value.kind = FieldValue::Kind::Absent;
-            value.clear();
-        } else if (value.kind != FieldValue::Kind::Default) {
-            // `value` is this position's of the record before: a default it holds already
-            // (the common case of counters at zero) is not copied again.
-            value.kind = FieldValue::Kind::Default;
-            value.binary.clear();
-            value.binary.append(field.default_value.data(), field.default_value.size());
-            value.text.assign(plan.default_text);
-        }
-        return;
-    }
-    // A plug-in may expect its length callback before the fills; the size the host keeps is
-    // what the fills write.
-    if (plan.length) plan.length(plan.ctx, &rec, slot);
-    // The writers take the output as a FieldOutput.
-    FieldOutput *const out = &value;
-    out->clear();
-    if (plan.fill) plan.fill(plan.ctx, &rec, slot, out, position, kByteOrderHost);
-    if (plan.fill_txt) plan.fill_txt(plan.ctx, &rec, slot, out, position, kByteOrderHost);
-    // A valid field whose fill writes nothing has no value for this flow, and its default
-    // does not stand in for it either.
-    value.kind = value.writes ? FieldValue::Kind::Value : FieldValue::Kind::Absent;
 }
 
 ExportedFlow Exporter::run(FlowHandoff &flow) {
@@ -144,15 +114,48 @@ void Exporter::export_postprocessed(FlowHandoff &flow, ExportedFlow &out) {
     const size_t n = plans_.size();
     out.fields.resize(n);
     // Locals, kept in registers across the callbacks.
-    const Plan *const plans = plans_.data();
+    const FieldPlan *const plans = plans_.data();
     FieldValue *const values = out.fields.data();
     host_slot *const slots = flow.slots.data();
-    for (uint32_t pos = 0; pos < n; ++pos)
-        evaluate(plans[pos], pos, flow.rec, &slots[plans[pos].plugin_index], values[pos]);
+    if (deferred_.empty()) {
+        for (uint32_t pos = 0; pos < n; ++pos)
+            evaluate_field(plans[pos], pos, flow.rec, slots, values[pos]);
+        out.pending = nullptr;
+    } else {
+        for (const uint32_t pos : staged_)
+            evaluate_field(plans[pos], pos, flow.rec, slots, values[pos]);
+        pending_ = {plans,
+                    deferred_.data(),
+                    static_cast<uint32_t>(deferred_.size()),
+                    &flow.rec,
+                    slots,
+                    values,
+                    false};
+        out.pending = &pending_;
+    }
     out.rec = flow.rec;
     out.flow_hash = flow.flow_hash;
     out.reason = flow.reason;
     out.plugin_records = flow.plugin_records;
+    if (!out.pending) discard(flow);
+}
+
+void Exporter::defer(const std::vector<uint32_t> &positions) {
+    std::vector<uint8_t> deferred(plans_.size(), 0);
+    for (const uint32_t pos : positions)
+        if (pos < deferred.size()) deferred[pos] = 1;
+    staged_.clear();
+    deferred_.clear();
+    for (uint32_t pos = 0; pos < plans_.size(); ++pos)
+        (deferred[pos] ? deferred_ : staged_).push_back(pos);
+}
+
+void Exporter::complete_pending(FlowHandoff &flow, ExportedFlow &out) {
+    if (!out.pending->taken) {
+        out.pending->evaluate_all();
+        out.pending->taken = true;
+    }
+    out.pending = nullptr;
     discard(flow);
 }
 

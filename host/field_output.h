@@ -69,20 +69,30 @@ class ByteBuffer {
 struct Utf16Memo {
     static constexpr uint32_t kMaxBytes = 128;  // a name buffer; longer texts are converted
     uint32_t size = UINT32_MAX;                 // of `bytes`; none yet
+    bool plain = false;                         // `text` holds no special character
     uint8_t bytes[kMaxBytes];
     TextBuffer text;
 };
+
+// Whether a text holds a character that some output quotes or escapes: a CSV separator or
+// quote, a backslash, a control character.
+bool has_special_character(const TextBuffer &text);
 
 struct FieldOutput {
     ByteBuffer binary;
     TextBuffer text;      // written in place by the text writers
     unsigned writes = 0;  // successful writer calls; 0 means the fill gave no value
-    Utf16Memo memo;       // kept by the string writer from one record to the next
+    // Since clear(), every byte of `text` came from a writer that knows it holds no special
+    // character (has_special_character): the text outputs then write it without looking.
+    // False for a text written into the buffer by any other means.
+    bool plain = false;
+    Utf16Memo memo;  // kept by the string writer from one record to the next
 
     void clear() {
         binary.clear();
         text.clear();
         writes = 0;
+        plain = true;
     }
 };
 

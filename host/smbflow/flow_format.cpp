@@ -457,6 +457,8 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
         if (std::find(std::begin(index_), std::end(index_), static_cast<int>(i)) ==
             std::end(index_))
             extras_.push_back({static_cast<uint32_t>(i), fields[i]});
+    for (const Extra &e : extras_)
+        extra_positions_.push_back(e.position);
     for (size_t i = 0; i < extras_.size(); ++i)
         if (extras_[i].def->name == "SMB_RPC_INTERFACE" &&
             extras_[i].def->type == CORVANE_FIELD_OCTETS)
@@ -464,11 +466,15 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
     for (const Column &c : columns())
         verbatim_.push_back(c.verbatim);
     for (const Extra &e : extras_) {
-        verbatim_.push_back(plugin_column(*e.def).verbatim);
+        const bool verbatim = plugin_column(*e.def).verbatim;
+        verbatim_.push_back(verbatim);
         const std::string text = e.def->has_default ? default_text(*e.def) : std::string();
-        ExtraPlan plan{is_decimal_field(*e.def),
+        ExtraPlan plan{e.position,
+                       e.def,
+                       is_decimal_field(*e.def),
                        !e.def->has_default || !needs_csv_quotes(text),
                        e.def->fill_txt != nullptr,
+                       verbatim,
                        e.def->plugin_index < 32 ? 1u << e.def->plugin_index : 0u,
                        {},
                        0};
@@ -483,22 +489,24 @@ FlowFormatter::FlowFormatter(const std::vector<const FieldDef *> &fields) {
 }
 
 bool FlowFormatter::smb_values(const ExportedFlow &flow, SmbValues &out) const {
-    const FieldValue *v[kSmbFields];
-    bool smb = false;
     const FieldValue *const values = flow.fields.data();
     const size_t count = flow.fields.size();
-    for (int which = 0; which < kSmbFields; ++which) {
+    // Each field's value when it has one; `kinds` gathers a bit for each kind seen.
+    unsigned kinds = 0;
+    auto at = [&](int which) __attribute__((always_inline))->const FieldValue * {
         const auto i = static_cast<size_t>(index_[which]);  // -1: past any count
-        v[which] = i < count ? values + i : nullptr;
-        smb |= v[which] && v[which]->kind == FieldValue::Kind::Value;
-    }
-    if (!smb) {
+        if (i >= count) return nullptr;
+        const FieldValue *v = values + i;
+        kinds |= 1u << static_cast<unsigned>(v->kind);
+        return v->present() ? v : nullptr;
+    };
+    const SmbValues found = {at(CmdRequest), at(CmdResponse), at(Tree),
+                             at(FileType),   at(FileName),    at(Op)};
+    if (!(kinds & (1u << static_cast<unsigned>(FieldValue::Kind::Value)))) {
         out = {};
         return false;
     }
-    for (const FieldValue *&f : v)
-        if (f && !f->present()) f = nullptr;
-    out = {v[CmdRequest], v[CmdResponse], v[Tree], v[FileType], v[FileName], v[Op]};
+    out = found;
     return true;
 }
 
@@ -529,6 +537,11 @@ class RowSink {
         row_.set(k, std::string_view(cell + 1, n - 1));
     }
     void put_text(size_t k, std::string_view text) {
+        const uint32_t from = open(k);
+        row_.text() += text;
+        close(k, from);
+    }
+    void put_text(size_t k, const TextBuffer &text, bool) {
         const uint32_t from = open(k);
         row_.text() += text;
         close(k, from);
@@ -581,6 +594,23 @@ class CsvSink {
         TextBuffer::copy_small(p + 1, text.data(), n);
         line_.commit(p + 1 + n);
         if (!verbatim_[k] && has_special_short(p + 1, n))
+            quote(static_cast<uint32_t>(p + 1 - line_.data()));
+    }
+    // The same for a field's text, whose column's `verbatim` the caller has at hand: a text
+    // of 1 to 16 bytes is one 16-byte copy from its buffer's bytes to spare.
+    __attribute__((always_inline)) void put_text(size_t, const TextBuffer &text, bool verbatim) {
+        const size_t n = text.size();
+        if (n - 1 >= TextBuffer::kSlack) {  // none, or more than 16 bytes
+            const uint32_t from = open(0);
+            line_ += text.view();
+            if (!verbatim) quote_if_needed(from);
+            return;
+        }
+        char *const p = line_.room(1 + 16 + 16);
+        *p = ',';
+        memcpy(p + 1, text.data(), TextBuffer::kSlack);
+        line_.commit(p + 1 + n);
+        if (!verbatim && has_special_short(p + 1, n))
             quote(static_cast<uint32_t>(p + 1 - line_.data()));
     }
     void skip(size_t k) { open(k); }
@@ -684,37 +714,60 @@ __attribute__((noinline)) size_t FlowFormatter::render_extras(const ExportedFlow
     // The extras, as extra_value() picks their values, with the loop's bounds and the
     // record's in locals: the appends write chars, which the compiler must assume may change
     // any member it would otherwise read again.
+    using Kind = FieldValue::Kind;
     const FieldValue *const values = flow.fields.data();
-    const size_t value_count = flow.fields.size();
     const uint32_t records = flow.plugin_records;
-    const ExtraPlan *plan = plans_.data();
-    for (const Extra *e = extras_.data(), *const end = e + extras_.size(); e != end; ++e, ++plan) {
-        const FieldValue *v = e->position < value_count ? &values[e->position] : nullptr;
-        if (v && v->kind != FieldValue::Kind::Value &&
-            !(v->kind == FieldValue::Kind::Default && (records & plan->plugin_bit)))
-            v = nullptr;
-        if (!v) {
+    auto put = [&](const ExtraPlan &plan, Kind kind) __attribute__((always_inline)) {
+        if (kind == Kind::Value) {
+            const FieldValue &v = values[plan.position];
+            if (plan.text_fill) {
+                // What the text fill wrote, not looked at when the writers know it needs no
+                // quotes.
+                sink.put_text(k++, v.text, plan.verbatim || v.plain);
+            } else if (plan.decimal && !v.binary.empty() && v.binary.size() <= 8) {
+                num(v.number());
+            } else {
+                cell([&] { append_field_text(t, *plan.def, v); });
+            }
+        } else if (kind == Kind::Absent || !(records & plan.plugin_bit)) {
             null();
-        } else if (v->kind == FieldValue::Kind::Default && plan->default_cell_len) {
-            sink.put_cell(k++, plan->default_cell, plan->default_cell_len);
-        } else if (v->kind == FieldValue::Kind::Default) {
+        } else if (plan.default_cell_len) {
+            sink.put_cell(k++, plan.default_cell, plan.default_cell_len);
+        } else {
             // The default's text, made once by the exporter: looked at for quotes only when
             // it may need them.
             const uint32_t from = sink.open(k);
-            t += v->text;
-            if (plan->default_plain)
+            t += values[plan.position].text;
+            if (plan.default_plain)
                 sink.close_plain(k++, from);
             else
                 sink.close(k++, from);
-        } else if (plan->decimal && !v->binary.empty() && v->binary.size() <= 8) {
-            num(v->number());
-        } else if (plan->text_fill) {
-            // A value: what the text fill wrote.
-            sink.put_text(k++, v->text.view());
-        } else {
-            cell([&] { append_field_text(t, *e->def, *v); });
         }
+    };
+    const ExtraPlan *const end = plans_.data() + plans_.size();
+    if (PendingFields *const pending = flow.pending; pending && !pending->taken) {
+        pending->taken = true;
+        if (pending->count == extra_positions_.size() &&
+            std::equal(extra_positions_.begin(), extra_positions_.end(), pending->positions)) {
+            // The fields left to this output are its columns: each is asked as its column is
+            // written, one pass with the value's text written while it is at hand.
+            const FieldPlan *const fields = pending->plans;
+            host_flow_record &rec = *pending->rec;
+            host_slot *const slots = pending->slots;
+            FieldValue *const into = pending->values;
+            for (const ExtraPlan *plan = plans_.data(); plan != end; ++plan) {
+                const uint32_t pos = plan->position;
+                put(*plan, evaluate_field(fields[pos], pos, rec, slots, into[pos]));
+            }
+            return k;
+        }
+        // Other fields are left to it as well, or not all of its columns: every one is asked
+        // first, and the columns are written from the values as below.
+        pending->evaluate_all();
     }
+    const size_t value_count = flow.fields.size();
+    for (const ExtraPlan *plan = plans_.data(); plan != end; ++plan)
+        put(*plan, plan->position < value_count ? values[plan->position].kind : Kind::Absent);
     return k;
 }
 

@@ -56,6 +56,8 @@ class FlowFormatter {
     // (the invalid markers), which no output shows as if they were data.
     bool smb_values(const corvane_host::ExportedFlow &flow, SmbValues &out) const;
     explicit FlowFormatter(const std::vector<const corvane_host::FieldDef *> &fields);
+    // A record whose further fields the exporter left to its output (ExportedFlow::pending)
+    // has them asked here, each as its column is written, into the record's fields.
     Row render(const corvane_host::ExportedFlow &flow) const;
     // The same into `row`, reusing its buffers (no allocation per record once they have grown).
     void render(const corvane_host::ExportedFlow &flow, Row &row) const;
@@ -73,6 +75,9 @@ class FlowFormatter {
         const corvane_host::FieldDef *def;
     };
     const std::vector<Extra> &extras() const { return extras_; }
+    // The positions of the extras' fields: what a run whose one output is this formatter's
+    // text leaves to it (Exporter::defer), to ask for as it writes them.
+    const std::vector<uint32_t> &extra_positions() const { return extra_positions_; }
     // The display column behind the extras that names the service of SMB_RPC_INTERFACE
     // (text outputs only: IPFIX carries the interface itself).
     bool has_service_column() const { return interface_extra_ >= 0; }
@@ -97,11 +102,15 @@ class FlowFormatter {
     enum Smb { CmdRequest, CmdResponse, Tree, FileType, FileName, Op, kSmbFields };
     int index_[kSmbFields];
     std::vector<Extra> extras_;
+    std::vector<uint32_t> extra_positions_;
     // How each extra's value is written, by its index in extras_.
     struct ExtraPlan {
+        uint32_t position;  // in the host's field list
+        const corvane_host::FieldDef *def;
         bool decimal;         // a counter written in decimal from its binary form
         bool default_plain;   // the text of its default needs no quotes
         bool text_fill;       // a value's text is what the field's text fill wrote
+        bool verbatim;        // its column needs no quotes in any output
         uint32_t plugin_bit;  // its plug-in's bit in ExportedFlow::plugin_records
         // The default's text after a separator (",0"), for a default of at most 15 bytes
         // that needs no quotes: written as one fixed-size copy. Length 0: none.

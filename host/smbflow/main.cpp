@@ -305,7 +305,10 @@ int run(const Options &opts) {
                 }
             },
             need,
-            exports.empty() ? corvane_host::FillForms::Text : corvane_host::FillForms::Readable);
+            exports.empty() ? corvane_host::FillForms::Text : corvane_host::FillForms::Readable,
+            // The one text output asks for the plug-in's further fields as it writes them;
+            // with collectors as well, every output reads the values the export made.
+            exports.empty() ? formatter.extra_positions() : std::vector<uint32_t>{});
         InputStats &in = summary.input;
         Frame frame;
         corvane_host::DecodedPacket packet;

@@ -115,8 +115,12 @@ struct Pipeline::Worker {
 };
 
 Pipeline::Pipeline(Host &host, unsigned queues, QueueConfig config, RecordCallback on_record,
-                   PayloadNeed need, FillForms forms)
-    : host_(host), on_record_(std::move(on_record)), need_(need), forms_(forms) {
+                   PayloadNeed need, FillForms forms, std::vector<uint32_t> deferred)
+    : host_(host),
+      on_record_(std::move(on_record)),
+      need_(need),
+      forms_(forms),
+      deferred_(std::move(deferred)) {
     queues = std::max(queues, 1u);
     spare_ = std::make_unique<Channel<std::unique_ptr<Batch>>>(queues * (kBatchesInFlight + 2));
     export_ = std::make_unique<Channel<ExportMsg>>(queues * kMessagesPerQueue);
@@ -277,6 +281,7 @@ void Pipeline::export_one(ExportedFlow &flow) {
 
 void Pipeline::exporter_main() {
     Exporter exporter(host_, forms_, host_rendered_fields());
+    exporter.defer(deferred_);
     ExportedFlow out;
     std::vector<FlowHandoff> at_end;
     size_t finals = 0;
@@ -288,6 +293,7 @@ void Pipeline::exporter_main() {
         for (auto &flow : std::span(msg->flows).first(msg->count)) {
             exporter.export_postprocessed(flow, out);
             export_one(out);
+            exporter.complete(flow, out);
         }
         t_slot_releases = nullptr;
         if (msg->final) {
@@ -304,6 +310,7 @@ void Pipeline::exporter_main() {
     for (auto &flow : at_end) {
         exporter.run(flow, out);
         export_one(out);
+        exporter.complete(flow, out);
     }
 }
 

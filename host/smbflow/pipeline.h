@@ -34,10 +34,13 @@ using RecordCallback = std::function<void(corvane_host::ExportedFlow &)>;
 class Pipeline {
   public:
     // `forms`: which fill callbacks the export asks (FillForms::Text when no output needs the
-    // binary form of the plug-ins' number fields).
+    // binary form of the plug-ins' number fields). `deferred`: positions of the fields that
+    // the record callback asks for itself, as it writes them (Exporter::defer); those it
+    // leaves are asked after it.
     Pipeline(corvane_host::Host &host, unsigned queues, corvane_host::QueueConfig config,
              RecordCallback on_record, PayloadNeed need = PayloadNeed::all(),
-             corvane_host::FillForms forms = corvane_host::FillForms::Readable);
+             corvane_host::FillForms forms = corvane_host::FillForms::Readable,
+             std::vector<uint32_t> deferred = {});
     ~Pipeline();
     Pipeline(const Pipeline &) = delete;
     Pipeline &operator=(const Pipeline &) = delete;
@@ -82,6 +85,7 @@ class Pipeline {
     RecordCallback on_record_;
     PayloadNeed need_;
     corvane_host::FillForms forms_;
+    std::vector<uint32_t> deferred_;
     std::vector<std::unique_ptr<Worker>> workers_;
     std::unique_ptr<Channel<std::unique_ptr<Batch>>> spare_;
     std::unique_ptr<Channel<ExportMsg>> export_;

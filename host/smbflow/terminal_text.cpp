@@ -1,6 +1,8 @@
 #include "terminal_text.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -55,6 +57,12 @@ bool in(const Range *first, const Range *last, char32_t cp) {
 }  // namespace
 
 std::string visible_text(std::string_view s) {
+    // Most texts are printable ASCII with no backslash: they are shown as they are.
+    if (std::all_of(s.begin(), s.end(), [](char c) {
+            const auto b = static_cast<unsigned char>(c);
+            return b >= 0x20 && b < 0x7f && b != '\\';
+        }))
+        return std::string(s);
     std::string out;
     out.reserve(s.size());
     // Whether the text from `at` on starts what the table reads as an escape after a
@@ -99,6 +107,22 @@ std::string visible_text(std::string_view s) {
 size_t display_width(std::string_view s) {
     size_t width = 0;
     for (size_t i = 0; i < s.size();) {
+        // ASCII, most of every table, takes a column a byte: eight bytes at a time while none
+        // has its top bit set, then a byte at a time.
+        if (i + 8 <= s.size()) {
+            uint64_t eight;
+            memcpy(&eight, s.data() + i, 8);
+            if (!(eight & 0x8080808080808080ull)) {
+                width += 8;
+                i += 8;
+                continue;
+            }
+        }
+        if (static_cast<unsigned char>(s[i]) < 0x80) {
+            ++width;
+            ++i;
+            continue;
+        }
         const auto [cp, len] = decode(s, i);
         i += len;
         if (in(std::begin(kZero), std::end(kZero), cp)) continue;

@@ -5,6 +5,10 @@
 
 #include <fmt/format.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "terminal_text.h"
 
 namespace smbflow {
@@ -178,33 +182,119 @@ class CsvWriter : public LineWriter {
 
 class JsonWriter : public LineWriter {
   public:
-    using LineWriter::LineWriter;
+    JsonWriter(FILE *out, bool live, ColumnPick pick, const std::vector<Column> &cols)
+        : LineWriter(out, live, std::move(pick), cols) {
+        for (size_t i = 0; i < pick_.size(); ++i) {
+            const Column &c = cols_[pick_[i]];
+            const std::string key = std::string(i ? "," : "{") + "\"" + c.name + "\":";
+            Key k{};
+            k.short_key = key.size() <= sizeof k.text;
+            if (k.short_key) {
+                memcpy(k.text, key.data(), key.size());
+                k.len = static_cast<uint8_t>(key.size());
+            }
+            k.form = c.number        ? Form::Number
+                     : c.number_text ? Form::NumberText
+                     : c.verbatim    ? Form::Verbatim
+                                     : Form::Text;
+            k.verbatim = c.verbatim;
+            keys_.push_back(k);
+            long_keys_.push_back(k.short_key ? std::string() : key);
+        }
+    }
 
     void write(const Row &row) override {
-        line_ += '{';
-        const auto &cols = cols_;
+        if (pick_.empty()) line_ += '{';
         for (size_t i = 0; i < pick_.size(); ++i) {
             const size_t k = pick_[i];
-            if (i) line_ += ',';
-            line_ += '"';
-            line_ += cols[k].name;
-            line_ += "\":";
-            const std::string_view v = row.value(k);
+            const Key &key = keys_[i];
+            // The separator, the name and the colon: one fixed-size copy.
+            if (key.short_key) {
+                char *const p = line_.room(sizeof key.text);
+                memcpy(p, key.text, sizeof key.text);
+                line_.commit(p + key.len);
+            } else {
+                line_ += long_keys_[i];
+            }
             if (!row.has_value(k)) {
                 line_ += "null";
-            } else if (cols[k].number || (cols[k].number_text && is_json_integer(v))) {
-                line_ += v;
-            } else if (cols[k].verbatim) {
-                line_ += '"';
-                line_ += v;
-                line_ += '"';
-            } else {
-                append_json_string(line_, v);
+                continue;
+            }
+            const std::string_view v = row.value(k);
+            switch (key.form) {
+                case Form::NumberText:
+                    if (!is_json_integer(v)) {
+                        if (key.verbatim)
+                            quoted(v);
+                        else
+                            text(v);
+                        break;
+                    }
+                    [[fallthrough]];
+                case Form::Number:
+                    line_ += v;
+                    break;
+                case Form::Verbatim:
+                    quoted(v);
+                    break;
+                case Form::Text:
+                    text(v);
+                    break;
             }
         }
         line_ += '}';
         emit();
     }
+
+  private:
+    // A text that needs no escapes, in quotes: copied in blocks of 16 bytes from the row's
+    // text, whose buffer has bytes to spare past its end.
+    void quoted(std::string_view v) {
+        const size_t n = v.size();
+        char *const p = line_.room(n + 2 + TextBuffer::kSlack);
+        *p = '"';
+        for (size_t at = 0; at < n; at += TextBuffer::kSlack)
+            TextBuffer::copy16(p + 1 + at, v.data() + at);
+        p[n + 1] = '"';
+        line_.commit(p + n + 2);
+    }
+    // A text of the row as a JSON string: looked at 16 bytes at a time (reading into the
+    // bytes the row's buffer has to spare), and escaped only when it holds a quote, a
+    // backslash or a control character.
+    void text(std::string_view v) {
+#if defined(__SSE2__)
+        const __m128i controls = _mm_set1_epi8(0x1f), quote = _mm_set1_epi8('"'),
+                      backslash = _mm_set1_epi8('\\');
+        const size_t n = v.size();
+        for (size_t at = 0; at < n; at += TextBuffer::kSlack) {
+            const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(v.data() + at));
+            const __m128i hit =
+                _mm_or_si128(_mm_cmpeq_epi8(_mm_max_epu8(x, controls), controls),
+                             _mm_or_si128(_mm_cmpeq_epi8(x, quote), _mm_cmpeq_epi8(x, backslash)));
+            unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+            if (n - at < TextBuffer::kSlack) mask &= (1u << (n - at)) - 1;
+            if (mask) {
+                append_json_string(line_, v);
+                return;
+            }
+        }
+        quoted(v);
+#else
+        append_json_string(line_, v);
+#endif
+    }
+
+    enum class Form : uint8_t { Number, NumberText, Verbatim, Text };
+    // What precedes a column's value, made once: `,"name":` (`{"name":` for the first).
+    struct Key {
+        char text[32];
+        uint8_t len;
+        bool short_key;  // fits `text`; else in long_keys_
+        Form form;
+        bool verbatim;  // the column's text needs no escapes
+    };
+    std::vector<Key> keys_;  // by position in the pick
+    std::vector<std::string> long_keys_;
 };
 
 }  // namespace

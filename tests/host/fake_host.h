@@ -34,12 +34,12 @@ class FakeHostTest : public testing::Test {
   protected:
     void SetUp() override { start(); }
 
-    void start(corvane_host::QueueConfig config = {}) {
+    void start(corvane_host::QueueConfig config = {}, const char *params = "") {
         host = std::make_unique<corvane_host::Host>();
         auto problem = host->load_library(FAKE_PLUGIN);
         ASSERT_FALSE(problem) << *problem;
         reset_fake_stats(*host);
-        host->init_plugin(0, "");
+        host->init_plugin(0, params);
         queue = std::make_unique<corvane_host::Queue>(
             *host, 0, config,
             [this](corvane_host::FlowHandoff &&f) { handed.push_back(std::move(f)); });

@@ -326,6 +326,52 @@ TEST(FlowFormat, Quoting) {
 // Columns written without a look at their characters must never hold a separator or quote:
 // every value that the formatter can give a column with a comma or quote in it must come out
 // quoted.
+// JSON lines: a name too long for the prepared keys, texts on both sides of the 16-byte
+// blocks with and without something to escape (the escape is found in any block), numbers
+// and null.
+TEST(FlowFormat, JsonColumnsOfEveryKindAndLength) {
+    const std::vector<Column> cols = {
+        {"a_column_name_longer_than_the_thirty_two_bytes_kept", false, false},
+        {"n", true, true},
+        {"v", false, true},
+        {"t", false, false},
+        {"x", false, false, true},
+    };
+    const std::string long_text = "0123456789abcdef0123456789abcdef0";
+    struct Case {
+        std::string text;     // of column t and x
+        std::string written;  // as JSON
+    } cases[] = {
+        {"", R"("")"},
+        {"short", R"("short")"},
+        {long_text, "\"" + long_text + "\""},
+        {long_text + "\"", "\"" + long_text + "\\\"\""},
+        {"0123456789abcde\n", R"("0123456789abcde\n")"},
+        {"\\" + long_text, "\"\\\\" + long_text + "\""},
+    };
+    for (const Case &c : cases) {
+        Row row(cols.size());
+        row.set(0, "x");
+        row.set(1, "42");
+        row.set(2, long_text);
+        row.set(3, c.text);
+        row.set(4, c.text);
+        char *text = nullptr;
+        size_t size = 0;
+        FILE *out = open_memstream(&text, &size);
+        make_writer(Format::Json, out, false, {}, cols)->write(row);
+        Row nulls(cols.size());
+        make_writer(Format::Json, out, false, {}, cols)->write(nulls);
+        fclose(out);
+        const std::string lines(text, size);
+        free(text);
+        EXPECT_EQ(lines, "{\"" + cols[0].name + "\":\"x\",\"n\":42,\"v\":\"" + long_text +
+                             "\",\"t\":" + c.written + ",\"x\":" + c.written + "}\n{\"" +
+                             cols[0].name +
+                             "\":null,\"n\":null,\"v\":null,\"t\":null,\"x\":null}\n");
+    }
+}
+
 TEST(FlowFormat, WritersQuoteEveryColumnThatCanHoldSeparators) {
     Row row(columns().size());
     for (size_t k = 0; k < row.size(); ++k) {
