@@ -28,7 +28,8 @@ class Outcome:
 def read(path: str) -> list[Outcome]:
     out = []
     for case in ET.parse(path).getroot().iter("testcase"):
-        # Parameterised GoogleTest cases carry "  # GetParam() = ..." after the name.
+        # Parameterised GoogleTest cases discovered with pretty values carry "  # GetParam() = ..."
+        # after the name (the project turns them off; older build trees may still have them).
         name = case.get("name", "").split("  # ", 1)[0]
         seconds = float(case.get("time") or 0)
         status = case.get("status", "run")
