@@ -118,24 +118,31 @@ void pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layo
             continue;
         }
         memcpy(at, v->binary.data(), std::min(v->binary.size(), e.memory_size));
+        // Numbers go in network byte order, as the wire has them (see wire_order_templates).
+        if (e.type == FB_UINT_16 || e.type == FB_UINT_32 || e.type == FB_UINT_64)
+            std::reverse(at, at + e.memory_size);
     }
 }
 
 const uint8_t *record_with_extras(const void *base, size_t base_size, const ExtraLayout &layout,
-                                  const std::vector<uint8_t> &bytes, const std::string &text,
+                                  const uint8_t *packed, std::string_view text,
                                   std::vector<uint8_t> &buf, size_t &size) {
     if (layout.empty()) {
         size = base_size;
         return static_cast<const uint8_t *>(base);
     }
-    buf.assign(base_size + layout.size, 0);
+    // Every byte is written below: nothing of the last record stays.
+    buf.resize(base_size + layout.size);
     memcpy(buf.data(), base, base_size);
-    if (bytes.size() == layout.size) {
-        memcpy(buf.data() + base_size, bytes.data(), layout.size);
+    uint8_t *extras = buf.data() + base_size;
+    if (!packed) {
+        memset(extras, 0, layout.size);
+    } else {
+        memcpy(extras, packed, layout.size);
         for (const ExtraElement &e : layout.elements) {
             if (e.type != FB_STRING) continue;
             fbVarfield_t v;
-            uint8_t *at = buf.data() + base_size + e.offset;
+            uint8_t *at = extras + e.offset;
             size_t offset = 0;
             memcpy(&v.len, at, sizeof v.len);
             memcpy(&offset, at + sizeof v.len, sizeof offset);
