@@ -1,5 +1,7 @@
 #include "ipfix_extra.h"
 
+#include <endian.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstring>
@@ -97,30 +99,67 @@ ExtraLayout extra_layout(const std::vector<FlowFormatter::Extra> &extras) {
     for (ExtraElement *e : order) {
         e->offset = layout.size;
         layout.size += e->memory_size;
+        if (e->type == FB_STRING) layout.string_offsets.push_back(e->offset);
     }
     return layout;
 }
 
+namespace {
+
+// A host-order number of `given` bytes (up to T's size, zero-extended) at `at` in network
+// byte order.
+template <typename T>
+void put_wire(uint8_t *at, const uint8_t *value, size_t given) {
+    T n = 0;
+    if (given == sizeof n)
+        memcpy(&n, value, sizeof n);
+    else
+        memcpy(&n, value, given);
+    if constexpr (sizeof n == 2)
+        n = htobe16(n);
+    else if constexpr (sizeof n == 4)
+        n = htobe32(n);
+    else
+        n = htobe64(n);
+    memcpy(at, &n, sizeof n);
+}
+
+}  // namespace
+
 void pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
                  std::vector<uint8_t> &bytes, std::string &text) {
-    bytes.assign(layout.size, 0);
+    bytes.resize(layout.size);
+    if (layout.size) memset(bytes.data(), 0, layout.size);
     text.clear();
     for (const ExtraElement &e : layout.elements) {
         const FieldValue *v = FlowFormatter::extra_value(flow, e.field);
         if (!v) continue;
         uint8_t *at = bytes.data() + e.offset;
-        if (e.type == FB_STRING) {
-            const size_t start = text.size();
-            append_field_text(text, *e.field.def, *v);
-            const size_t len = text.size() - start;
-            memcpy(at, &len, sizeof len);
-            memcpy(at + sizeof len, &start, sizeof start);  // an offset until sent
-            continue;
+        const size_t given = std::min<size_t>(v->binary.size(), e.memory_size);
+        switch (e.type) {
+            case FB_STRING: {
+                const size_t start = text.size();
+                append_field_text(text, *e.field.def, *v);
+                const size_t len = text.size() - start;
+                memcpy(at, &len, sizeof len);
+                memcpy(at + sizeof len, &start, sizeof start);  // an offset until sent
+                break;
+            }
+            // Numbers go in network byte order, as the wire has them: the export's templates
+            // copy them as they are.
+            case FB_UINT_16:
+                put_wire<uint16_t>(at, v->binary.data(), given);
+                break;
+            case FB_UINT_32:
+                put_wire<uint32_t>(at, v->binary.data(), given);
+                break;
+            case FB_UINT_64:
+                put_wire<uint64_t>(at, v->binary.data(), given);
+                break;
+            default:
+                memcpy(at, v->binary.data(), given);
+                break;
         }
-        memcpy(at, v->binary.data(), std::min(v->binary.size(), e.memory_size));
-        // Numbers go in network byte order, as the wire has them (see wire_order_templates).
-        if (e.type == FB_UINT_16 || e.type == FB_UINT_32 || e.type == FB_UINT_64)
-            std::reverse(at, at + e.memory_size);
     }
 }
 
@@ -139,10 +178,9 @@ const uint8_t *record_with_extras(const void *base, size_t base_size, const Extr
         memset(extras, 0, layout.size);
     } else {
         memcpy(extras, packed, layout.size);
-        for (const ExtraElement &e : layout.elements) {
-            if (e.type != FB_STRING) continue;
+        for (const size_t string_offset : layout.string_offsets) {
             fbVarfield_t v;
-            uint8_t *at = extras + e.offset;
+            uint8_t *at = extras + string_offset;
             size_t offset = 0;
             memcpy(&v.len, at, sizeof v.len);
             memcpy(&offset, at + sizeof v.len, sizeof offset);

@@ -33,6 +33,7 @@ struct ExtraElement {
 struct ExtraLayout {
     std::vector<ExtraElement> elements;  // in registration order
     size_t size = 0;                     // bytes of the extras part
+    std::vector<size_t> string_offsets;  // of the strings' fbVarfield_t in it
 
     bool empty() const { return elements.empty(); }
 };
