@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 
@@ -119,11 +120,8 @@ void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &forma
     thread_local std::string extra_text;
     extra_bytes.clear();
     extra_text.clear();
-    if (!extras.empty()) {
-        pack_extras(flow, extras, extra_bytes, extra_text);
-        for (const auto &e : extras.elements)
-            out.smb = out.smb || FlowFormatter::extra_value(flow, e.field);
-    }
+    // A flow with a value of an extra element goes with the SMB template.
+    if (!extras.empty() && pack_extras(flow, extras, extra_bytes, extra_text)) out.smb = true;
     // Absent values travel as the fields' invalid markers: the template has no way to leave
     // out one element of a record.
     out.cmd_request = smb.cmd_request ? static_cast<uint32_t>(smb.cmd_request->number()) : 0xff;
@@ -143,10 +141,24 @@ void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &forma
         out.data.reset();
         return;
     }
-    // A new block each record (the destinations may still hold the last one), in one
-    // allocation.
-    auto block = std::make_shared_for_overwrite<uint8_t[]>(total);
-    uint8_t *at = block.get();
+    // Each record's block is a new part of a larger chunk (the destinations may still hold
+    // the last ones): the block shares the chunk's ownership, so that a record costs no
+    // allocation of its own and the chunk goes with the last of its records. Parts once
+    // handed out are not written again.
+    struct Chunk {
+        std::shared_ptr<uint8_t[]> bytes;
+        size_t size = 0, used = 0;
+    };
+    thread_local Chunk chunk;
+    if (chunk.size - chunk.used < total) {
+        constexpr size_t kChunkSize = 64 * 1024;
+        chunk.size = std::max(kChunkSize, total);
+        chunk.bytes = std::make_shared_for_overwrite<uint8_t[]>(chunk.size);
+        chunk.used = 0;
+    }
+    uint8_t *const block = chunk.bytes.get() + chunk.used;
+    chunk.used += total;
+    uint8_t *at = block;
     auto put = [&](const void *p, size_t n) {
         if (n) memcpy(at, p, n);
         at += n;
@@ -155,7 +167,7 @@ void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &forma
     put(extra_text.data(), extra_text.size());
     put(tree.data(), tree.size());
     put(file_name.data(), file_name.size());
-    out.data = std::move(block);
+    out.data = std::shared_ptr<const uint8_t[]>(chunk.bytes, block);
 }
 
 // Files and TCP collectors are written through a stream of this program's own, so that every

@@ -65,10 +65,10 @@ struct IpfixFlow {
     bool smb = false;
     uint32_t cmd_request = 0, cmd_response = 0;
     uint8_t file_type = 0, op = 0;
-    // The record's variable part in one block, shared by the copies for each destination and
-    // never changed once made: the extra elements' packed values (ipfix::pack_extras, the
-    // layout's size), their text, the tree and the file name. Null when all are empty, so
-    // that such records move without touching the heap.
+    // The record's variable part in one block (a part of a chunk that blocks of other records
+    // share), shared by the copies for each destination and never changed once made: the extra
+    // elements' packed values (ipfix::pack_extras, the layout's size), their text, the tree and the
+    // file name. Null when all are empty, so that such records move without touching the heap.
     std::shared_ptr<const uint8_t[]> data;
     uint32_t extras_size = 0, extras_text_size = 0, tree_size = 0, file_name_size = 0;
 

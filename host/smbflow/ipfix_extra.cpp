@@ -126,14 +126,16 @@ void put_wire(uint8_t *at, const uint8_t *value, size_t given) {
 
 }  // namespace
 
-void pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
+bool pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
                  std::vector<uint8_t> &bytes, std::string &text) {
     bytes.resize(layout.size);
     if (layout.size) memset(bytes.data(), 0, layout.size);
     text.clear();
+    bool any = false;
     for (const ExtraElement &e : layout.elements) {
         const FieldValue *v = FlowFormatter::extra_value(flow, e.field);
         if (!v) continue;
+        any = true;
         uint8_t *at = bytes.data() + e.offset;
         const size_t given = std::min<size_t>(v->binary.size(), e.memory_size);
         switch (e.type) {
@@ -161,6 +163,7 @@ void pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layo
                 break;
         }
     }
+    return any;
 }
 
 const uint8_t *record_with_extras(const void *base, size_t base_size, const ExtraLayout &layout,

@@ -51,8 +51,9 @@ ExtraLayout extra_layout(const std::vector<FlowFormatter::Extra> &extras);
 // The values of a flow's extra fields in the layout's form (`bytes` gets the layout's size):
 // numbers in network byte order, octets as they are, strings as their UTF-8 text in `text` with the
 // length and the offset into `text` where the fbVarfield_t goes (the pointer is set when the
-// record is sent). Absent values are zero and empty. `bytes` and `text` are reused.
-void pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
+// record is sent). Absent values are zero and empty. `bytes` and `text` are reused. True when
+// the flow has a value of any of them (FlowFormatter::extra_value).
+bool pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
                  std::vector<uint8_t> &bytes, std::string &text);
 
 // The in-memory record to append: `base` followed by the packed extras (pack_extras' bytes,

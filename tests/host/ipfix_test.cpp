@@ -534,7 +534,7 @@ TEST(Ipfix, ExtrasOfOneRecordDoNotLeakIntoTheNext) {
     };
     auto wire = [](const uint8_t *at, size_t n) { return std::vector<uint8_t>(at, at + n); };
     size_t size = 0;
-    ipfix::pack_extras(full, layout, bytes, text);
+    EXPECT_TRUE(ipfix::pack_extras(full, layout, bytes, text));
     const uint8_t *r =
         ipfix::record_with_extras(&base, sizeof base, layout, bytes.data(), text, buf, size);
     ASSERT_EQ(size, sizeof base + layout.size);
@@ -551,7 +551,7 @@ TEST(Ipfix, ExtrasOfOneRecordDoNotLeakIntoTheNext) {
     // The same buffers for a record with one value, then for one without any.
     for (bool packed : {true, false}) {
         SCOPED_TRACE(packed ? "one value" : "no values");
-        ipfix::pack_extras(sparse, layout, bytes, text);
+        EXPECT_TRUE(ipfix::pack_extras(sparse, layout, bytes, text));
         r = ipfix::record_with_extras(&base, sizeof base, layout, packed ? bytes.data() : nullptr,
                                       text, buf, size);
         ASSERT_EQ(size, sizeof base + layout.size);
@@ -564,6 +564,11 @@ TEST(Ipfix, ExtrasOfOneRecordDoNotLeakIntoTheNext) {
         EXPECT_EQ(wire(element(r, 3), 8), std::vector<uint8_t>(8, 0));
         EXPECT_EQ(wire(element(r, 4), 3), std::vector<uint8_t>(3, 0));
     }
+    corvane_host::ExportedFlow none;
+    none.fields.resize(5);
+    EXPECT_FALSE(ipfix::pack_extras(none, layout, bytes, text));
+    EXPECT_EQ(bytes, std::vector<uint8_t>(layout.size, 0));
+    EXPECT_EQ(text, "");
 }
 
 TEST(Ipfix, UrlsNameTransportHostAndPort) {
