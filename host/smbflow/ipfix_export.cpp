@@ -83,8 +83,8 @@ void fill(FlowRecord &r, const IpfixFlow &f, bool reverse_side) {
 }
 
 // libfixbuf encodes a number element by copying it and then, for an element marked as
-// host-ordered (FB_IE_F_ENDIAN), turning its bytes around one at a time: the larger part of
-// the cost of a record. The records this class appends hold their numbers in network byte
+// host-ordered (FB_IE_F_ENDIAN), turning its bytes around one at a time: much of the cost
+// of a record. The records this class appends hold their numbers in network byte
 // order already, so the external templates' elements lose the mark and are copied as they
 // are; the bytes on the wire are the same. Only the templates made here are changed: the
 // information model, and whoever decodes with it, keeps the marks.
