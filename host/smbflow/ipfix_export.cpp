@@ -7,9 +7,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <endian.h>
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 
@@ -39,42 +41,56 @@ bool is_end_of_message(const GError *err) {
     return err && g_error_matches(err, FB_ERROR_DOMAIN, FB_ERROR_EOM);
 }
 
+// The record's numbers are in network byte order: the external templates take them as they
+// are (wire_order_templates).
 void fill(FlowRecord &r, const IpfixFlow &f, bool reverse_side) {
     const host_flow_record &rec = f.rec;
     r = {};
-    r.flowStartMilliseconds = rec.first_ns / 1'000'000;
-    r.flowEndMilliseconds = rec.last_ns / 1'000'000;
+    r.flowStartMilliseconds = htobe64(rec.first_ns / 1'000'000);
+    r.flowEndMilliseconds = htobe64(rec.last_ns / 1'000'000);
     const int fwd = reverse_side ? 1 : 0;
-    r.packetDeltaCount = rec.dir_counters[fwd].packets;
-    r.octetDeltaCount = rec.dir_counters[fwd].bytes;
-    r.reversePacketDeltaCount = rec.dir_counters[1 - fwd].packets;
-    r.reverseOctetDeltaCount = rec.dir_counters[1 - fwd].bytes;
+    r.packetDeltaCount = htobe64(rec.dir_counters[fwd].packets);
+    r.octetDeltaCount = htobe64(rec.dir_counters[fwd].bytes);
+    r.reversePacketDeltaCount = htobe64(rec.dir_counters[1 - fwd].packets);
+    r.reverseOctetDeltaCount = htobe64(rec.dir_counters[1 - fwd].bytes);
     const host_addr &src = reverse_side ? rec.dst_addr : rec.src_addr;
     const host_addr &dst = reverse_side ? rec.src_addr : rec.dst_addr;
     if (rec.ip_version == 4) {
-        r.sourceIPv4Address = ntohl(src.v4);
-        r.destinationIPv4Address = ntohl(dst.v4);
+        r.sourceIPv4Address = src.v4;  // network byte order already
+        r.destinationIPv4Address = dst.v4;
     } else {
         memcpy(r.sourceIPv6Address, src.v6, 16);
         memcpy(r.destinationIPv6Address, dst.v6, 16);
     }
-    r.sourceTransportPort = reverse_side ? rec.dst_port : rec.src_port;
-    r.destinationTransportPort = reverse_side ? rec.src_port : rec.dst_port;
+    r.sourceTransportPort = htons(reverse_side ? rec.dst_port : rec.src_port);
+    r.destinationTransportPort = htons(reverse_side ? rec.src_port : rec.dst_port);
     if (rec.protocol == 6) {
-        r.tcpControlBits = rec.tcp_flags[fwd];
-        r.reverseTcpControlBits = rec.tcp_flags[1 - fwd];
+        r.tcpControlBits = htons(rec.tcp_flags[fwd]);
+        r.reverseTcpControlBits = htons(rec.tcp_flags[1 - fwd]);
     }
     r.protocolIdentifier = rec.protocol;
     r.flowEndReason = flow_end_reason(f.reason);
     if (f.smb) {
-        r.smbCommandRequest = f.cmd_request;
-        r.smbCommandResponse = f.cmd_response;
-        r.smbTree = {f.tree.size(), reinterpret_cast<uint8_t *>(const_cast<char *>(f.tree.data()))};
-        r.smbFileName = {f.file_name.size(),
-                         reinterpret_cast<uint8_t *>(const_cast<char *>(f.file_name.data()))};
+        r.smbCommandRequest = htonl(f.cmd_request);
+        r.smbCommandResponse = htonl(f.cmd_response);
+        const std::string_view tree = f.tree(), file_name = f.file_name();
+        r.smbTree = {tree.size(), reinterpret_cast<uint8_t *>(const_cast<char *>(tree.data()))};
+        r.smbFileName = {file_name.size(),
+                         reinterpret_cast<uint8_t *>(const_cast<char *>(file_name.data()))};
         r.smbFileType = f.file_type;
         r.smbOperation = f.op;
     }
+}
+
+// libfixbuf encodes a number element by copying it and then, for an element marked as
+// host-ordered (FB_IE_F_ENDIAN), turning its bytes around one at a time: much of the cost
+// of a record. The records this class appends hold their numbers in network byte
+// order already, so the external templates' elements lose the mark and are copied as they
+// are; the bytes on the wire are the same. Only the templates made here are changed: the
+// information model, and whoever decodes with it, keeps the marks.
+void wire_order_templates(fbTemplate_t *t) {
+    for (uint32_t i = 0, n = fbTemplateCountElements(t); i < n; ++i)
+        fbTemplateGetIndexedIE(t, i)->flags &= ~uint32_t{FB_IE_F_ENDIAN};
 }
 
 // libfixbuf reports some conditions through GLib's log (a UDP collector that refuses, once
@@ -98,23 +114,60 @@ void to_ipfix(const corvane_host::ExportedFlow &flow, const FlowFormatter &forma
     out.reason = flow.reason;
     SmbValues smb;
     out.smb = formatter.smb_values(flow, smb);
-    out.extras.reset();
-    if (!extras.empty()) {
-        // A new one each record: the destinations may still hold the last one.
-        auto values = std::make_shared<ExtraValues>();
-        pack_extras(flow, extras, values->bytes, values->text);
-        out.extras = std::move(values);
-        for (const auto &e : extras.elements)
-            out.smb = out.smb || FlowFormatter::extra_value(flow, e.field);
-    }
+    // The extras are packed here first (reused for every record of this thread), then copied
+    // into the record's block with the texts.
+    thread_local std::vector<uint8_t> extra_bytes;
+    thread_local std::string extra_text;
+    extra_bytes.clear();
+    extra_text.clear();
+    // A flow with a value of an extra element goes with the SMB template.
+    if (!extras.empty() && pack_extras(flow, extras, extra_bytes, extra_text)) out.smb = true;
     // Absent values travel as the fields' invalid markers: the template has no way to leave
     // out one element of a record.
     out.cmd_request = smb.cmd_request ? static_cast<uint32_t>(smb.cmd_request->number()) : 0xff;
     out.cmd_response = smb.cmd_response ? static_cast<uint32_t>(smb.cmd_response->number()) : 0xff;
-    out.tree = smb.tree ? smb.tree->text.str() : std::string();
-    out.file_name = smb.file_name ? smb.file_name->text.str() : std::string();
+    const std::string_view tree = smb.tree ? smb.tree->text.view() : std::string_view();
+    const std::string_view file_name =
+        smb.file_name ? smb.file_name->text.view() : std::string_view();
     out.file_type = smb.file_type ? static_cast<uint8_t>(smb.file_type->number()) : 0;
     out.op = smb.op ? static_cast<uint8_t>(smb.op->number()) : 0x3f;
+
+    out.extras_size = static_cast<uint32_t>(extra_bytes.size());
+    out.extras_text_size = static_cast<uint32_t>(extra_text.size());
+    out.tree_size = static_cast<uint32_t>(tree.size());
+    out.file_name_size = static_cast<uint32_t>(file_name.size());
+    const size_t total = extra_bytes.size() + extra_text.size() + tree.size() + file_name.size();
+    if (total == 0) {
+        out.data.reset();
+        return;
+    }
+    // Each record's block is a new part of a larger chunk (the destinations may still hold
+    // the last ones): the block shares the chunk's ownership, so that a record costs no
+    // allocation of its own and the chunk goes with the last of its records. Parts once
+    // handed out are not written again.
+    struct Chunk {
+        std::shared_ptr<uint8_t[]> bytes;
+        size_t size = 0, used = 0;
+    };
+    thread_local Chunk chunk;
+    if (chunk.size - chunk.used < total) {
+        constexpr size_t kChunkSize = 64 * 1024;
+        chunk.size = std::max(kChunkSize, total);
+        chunk.bytes = std::make_shared_for_overwrite<uint8_t[]>(chunk.size);
+        chunk.used = 0;
+    }
+    uint8_t *const block = chunk.bytes.get() + chunk.used;
+    chunk.used += total;
+    uint8_t *at = block;
+    auto put = [&](const void *p, size_t n) {
+        if (n) memcpy(at, p, n);
+        at += n;
+    };
+    put(extra_bytes.data(), extra_bytes.size());
+    put(extra_text.data(), extra_text.size());
+    put(tree.data(), tree.size());
+    put(file_name.data(), file_name.size());
+    out.data = std::shared_ptr<const uint8_t[]>(chunk.bytes, block);
 }
 
 // Files and TCP collectors are written through a stream of this program's own, so that every
@@ -260,8 +313,9 @@ bool IpfixDestination::connect_session() {
         if (bool(variant & kReverse) == settings_.uniflow) continue;
         fbTemplate_t *t = fbTemplateAlloc(model);
         auto elements = external_spec(settings_.extras, variant);
-        ok = fbTemplateAppendSpecArray(t, elements.data(), UINT32_MAX, &err) &&
-             fbSessionAddTemplate(s->session, FALSE, template_id(variant), t, &err);
+        ok = fbTemplateAppendSpecArray(t, elements.data(), UINT32_MAX, &err);
+        if (ok) wire_order_templates(t);
+        ok = ok && fbSessionAddTemplate(s->session, FALSE, template_id(variant), t, &err);
     }
     ok = ok && fbSessionSetMetadataExportElements(s->session, TRUE, FB_TID_AUTO, &err) != 0;
     if (!ok) {
@@ -537,12 +591,9 @@ bool IpfixDestination::send_batch(std::vector<IpfixFlow> &batch) {
             fill(r, f, side == 1);
             size_t size = sizeof r;
             const uint8_t *record = reinterpret_cast<const uint8_t *>(&r);
-            if (!settings_.extras.empty()) {
-                static const ExtraValues kNone;
-                const ExtraValues &values = f.extras ? *f.extras : kNone;
-                record = record_with_extras(&r, sizeof r, settings_.extras, values.bytes,
-                                            values.text, record_buf_, size);
-            }
+            if (!settings_.extras.empty())
+                record = record_with_extras(&r, sizeof r, settings_.extras, f.extras(),
+                                            f.extras_text(), record_buf_, size);
             GError *err = nullptr;
             // A full message ends in FB_ERROR_EOM: it goes out and the record starts the next
             // one. libfixbuf also answers the first record after templates so, once.

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -64,10 +65,25 @@ struct IpfixFlow {
     bool smb = false;
     uint32_t cmd_request = 0, cmd_response = 0;
     uint8_t file_type = 0, op = 0;
-    std::string tree, file_name;
-    // The extra elements' values (ipfix::pack_extras), shared by the copies for each
-    // destination; null without extra elements, so that records without them move as before.
-    std::shared_ptr<const ipfix::ExtraValues> extras;
+    // The record's variable part in one block (a part of a chunk that blocks of other records
+    // share), shared by the copies for each destination and never changed once made: the extra
+    // elements' packed values (ipfix::pack_extras, the layout's size), their text, the tree and the
+    // file name. Null when all are empty, so that such records move without touching the heap.
+    std::shared_ptr<const uint8_t[]> data;
+    uint32_t extras_size = 0, extras_text_size = 0, tree_size = 0, file_name_size = 0;
+
+    std::string_view tree() const { return text_at(extras_size + extras_text_size, tree_size); }
+    std::string_view file_name() const {
+        return text_at(extras_size + extras_text_size + tree_size, file_name_size);
+    }
+    std::string_view extras_text() const { return text_at(extras_size, extras_text_size); }
+    const uint8_t *extras() const { return extras_size ? data.get() : nullptr; }
+
+  private:
+    std::string_view text_at(size_t offset, size_t size) const {
+        return size ? std::string_view(reinterpret_cast<const char *>(data.get()) + offset, size)
+                    : std::string_view();
+    }
 };
 
 // The IPFIX form of an exported flow record (the SMB values as the text writers show them,

@@ -1,5 +1,7 @@
 #include "ipfix_extra.h"
 
+#include <endian.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstring>
@@ -97,45 +99,91 @@ ExtraLayout extra_layout(const std::vector<FlowFormatter::Extra> &extras) {
     for (ExtraElement *e : order) {
         e->offset = layout.size;
         layout.size += e->memory_size;
+        if (e->type == FB_STRING) layout.string_offsets.push_back(e->offset);
     }
     return layout;
 }
 
-void pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
+namespace {
+
+// A host-order number of `given` bytes (up to T's size, zero-extended) at `at` in network
+// byte order.
+template <typename T>
+void put_wire(uint8_t *at, const uint8_t *value, size_t given) {
+    T n = 0;
+    if (given == sizeof n)
+        memcpy(&n, value, sizeof n);
+    else
+        memcpy(&n, value, given);
+    if constexpr (sizeof n == 2)
+        n = htobe16(n);
+    else if constexpr (sizeof n == 4)
+        n = htobe32(n);
+    else
+        n = htobe64(n);
+    memcpy(at, &n, sizeof n);
+}
+
+}  // namespace
+
+bool pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
                  std::vector<uint8_t> &bytes, std::string &text) {
-    bytes.assign(layout.size, 0);
+    bytes.resize(layout.size);
+    if (layout.size) memset(bytes.data(), 0, layout.size);
     text.clear();
+    bool any = false;
     for (const ExtraElement &e : layout.elements) {
         const FieldValue *v = FlowFormatter::extra_value(flow, e.field);
         if (!v) continue;
+        any = true;
         uint8_t *at = bytes.data() + e.offset;
-        if (e.type == FB_STRING) {
-            const size_t start = text.size();
-            append_field_text(text, *e.field.def, *v);
-            const size_t len = text.size() - start;
-            memcpy(at, &len, sizeof len);
-            memcpy(at + sizeof len, &start, sizeof start);  // an offset until sent
-            continue;
+        const size_t given = std::min<size_t>(v->binary.size(), e.memory_size);
+        switch (e.type) {
+            case FB_STRING: {
+                const size_t start = text.size();
+                append_field_text(text, *e.field.def, *v);
+                const size_t len = text.size() - start;
+                memcpy(at, &len, sizeof len);
+                memcpy(at + sizeof len, &start, sizeof start);  // an offset until sent
+                break;
+            }
+            // Numbers go in network byte order, as the wire has them: the export's templates
+            // copy them as they are.
+            case FB_UINT_16:
+                put_wire<uint16_t>(at, v->binary.data(), given);
+                break;
+            case FB_UINT_32:
+                put_wire<uint32_t>(at, v->binary.data(), given);
+                break;
+            case FB_UINT_64:
+                put_wire<uint64_t>(at, v->binary.data(), given);
+                break;
+            default:
+                memcpy(at, v->binary.data(), given);
+                break;
         }
-        memcpy(at, v->binary.data(), std::min(v->binary.size(), e.memory_size));
     }
+    return any;
 }
 
 const uint8_t *record_with_extras(const void *base, size_t base_size, const ExtraLayout &layout,
-                                  const std::vector<uint8_t> &bytes, const std::string &text,
+                                  const uint8_t *packed, std::string_view text,
                                   std::vector<uint8_t> &buf, size_t &size) {
     if (layout.empty()) {
         size = base_size;
         return static_cast<const uint8_t *>(base);
     }
-    buf.assign(base_size + layout.size, 0);
+    // Every byte is written below: nothing of the last record stays.
+    buf.resize(base_size + layout.size);
     memcpy(buf.data(), base, base_size);
-    if (bytes.size() == layout.size) {
-        memcpy(buf.data() + base_size, bytes.data(), layout.size);
-        for (const ExtraElement &e : layout.elements) {
-            if (e.type != FB_STRING) continue;
+    uint8_t *extras = buf.data() + base_size;
+    if (!packed) {
+        memset(extras, 0, layout.size);
+    } else {
+        memcpy(extras, packed, layout.size);
+        for (const size_t string_offset : layout.string_offsets) {
             fbVarfield_t v;
-            uint8_t *at = buf.data() + base_size + e.offset;
+            uint8_t *at = extras + string_offset;
             size_t offset = 0;
             memcpy(&v.len, at, sizeof v.len);
             memcpy(&offset, at + sizeof v.len, sizeof offset);

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "exporter.h"
@@ -32,6 +33,7 @@ struct ExtraElement {
 struct ExtraLayout {
     std::vector<ExtraElement> elements;  // in registration order
     size_t size = 0;                     // bytes of the extras part
+    std::vector<size_t> string_offsets;  // of the strings' fbVarfield_t in it
 
     bool empty() const { return elements.empty(); }
 };
@@ -46,22 +48,19 @@ void element_type(const corvane_host::FieldDef &field, fbInfoElementDataType_t &
 
 ExtraLayout extra_layout(const std::vector<FlowFormatter::Extra> &extras);
 
-struct ExtraValues {
-    std::vector<uint8_t> bytes;
-    std::string text;
-};
-
-// The values of a flow's extra fields in the layout's form: numbers in host order, octets as
-// they are, strings as their UTF-8 text in `text` with the length and the offset into `text`
-// where the fbVarfield_t goes (the pointer is set when the record is sent). Absent values are
-// zero and empty. `bytes` and `text` are reused.
-void pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
+// The values of a flow's extra fields in the layout's form (`bytes` gets the layout's size):
+// numbers in network byte order, octets as they are, strings as their UTF-8 text in `text` with the
+// length and the offset into `text` where the fbVarfield_t goes (the pointer is set when the
+// record is sent). Absent values are zero and empty. `bytes` and `text` are reused. True when
+// the flow has a value of any of them (FlowFormatter::extra_value).
+bool pack_extras(const corvane_host::ExportedFlow &flow, const ExtraLayout &layout,
                  std::vector<uint8_t> &bytes, std::string &text);
 
-// The in-memory record to append: `base` followed by the packed extras with their string
-// pointers set into `text`, built in `buf`. Without extras the record is `base` itself.
+// The in-memory record to append: `base` followed by the packed extras (pack_extras' bytes,
+// the layout's size; null: every value absent) with their string pointers set into `text`,
+// built in `buf`. Without extras the record is `base` itself.
 const uint8_t *record_with_extras(const void *base, size_t base_size, const ExtraLayout &layout,
-                                  const std::vector<uint8_t> &bytes, const std::string &text,
+                                  const uint8_t *packed, std::string_view text,
                                   std::vector<uint8_t> &buf, size_t &size);
 
 // Element specifications of the extras: in layout order for the internal template, in

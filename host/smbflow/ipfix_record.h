@@ -43,7 +43,9 @@ inline constexpr SmbElement kSmbElements[] = {
 };
 
 // One layout for every template: libfixbuf copies the elements that an external template
-// names from here. Ordered by size so that every
+// names from here. The export fills its numbers in network byte order, as its external
+// templates take them (ipfix_export.cpp); decoded with the model's marks they come out in
+// host order. Ordered by size so that every
 // member is naturally aligned and the struct has no padding, as the internal template
 // requires.
 struct FlowRecord {
@@ -57,7 +59,7 @@ struct FlowRecord {
     fbVarfield_t smbFileName;
     uint8_t sourceIPv6Address[16];
     uint8_t destinationIPv6Address[16];
-    uint32_t sourceIPv4Address;  // host byte order, as libfixbuf keeps addresses
+    uint32_t sourceIPv4Address;
     uint32_t destinationIPv4Address;
     uint32_t smbCommandRequest;
     uint32_t smbCommandResponse;

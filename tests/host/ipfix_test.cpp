@@ -486,6 +486,91 @@ TEST(Ipfix, ElementFileMatchesTheExportedElements) {
     fbInfoModelFree(model);
 }
 
+// The plug-in's further fields as the IPFIX thread appends them, record after record through
+// the same buffers: numbers in network byte order, strings pointing into the record's own text,
+// and nothing of a fuller record left in the next one.
+TEST(Ipfix, ExtrasOfOneRecordDoNotLeakIntoTheNext) {
+    const struct {
+        const char *name;
+        uint32_t type, size;
+    } kFields[] = {{"NAME", CORVANE_FIELD_STRING, 0},
+                   {"SMALL", CORVANE_FIELD_NUMBER, 2},
+                   {"MIDDLE", CORVANE_FIELD_NUMBER, 4},
+                   {"LARGE", CORVANE_FIELD_NUMBER, 8},
+                   {"RAW", CORVANE_FIELD_OCTETS, 3}};
+    std::vector<FieldDef> defs(5);
+    std::vector<const FieldDef *> ptrs;
+    for (size_t i = 0; i < defs.size(); ++i) {
+        defs[i].name = kFields[i].name;
+        defs[i].type = kFields[i].type;
+        defs[i].size = kFields[i].size;
+        ptrs.push_back(&defs[i]);
+    }
+    // A string field with a text fill: its value is the text.
+    defs[0].fill_txt = [](void *, host_flow_record *, host_slot *, void *, uint32_t, uint32_t) {};
+    const auto layout = ipfix::extra_layout(FlowFormatter(ptrs).extras());
+    ASSERT_EQ(layout.elements.size(), 5u);
+
+    corvane_host::ExportedFlow full;
+    full.fields.resize(5);
+    full.fields[0].kind = FieldValue::Kind::Value;
+    full.fields[0].text.assign("share\\dir\\file.txt");
+    full.fields[1] = number_value(0x1234, 2);
+    full.fields[2] = number_value(0x01020304, 4);
+    full.fields[3].kind = full.fields[4].kind = FieldValue::Kind::Value;
+    for (uint8_t b : {8, 7, 6, 5, 4, 3, 2, 1})  // little-endian, as fills write numbers
+        full.fields[3].binary.push_back(b);
+    for (uint8_t b : {0xa1, 0xb2, 0xc3})
+        full.fields[4].binary.push_back(b);
+    corvane_host::ExportedFlow sparse;
+    sparse.fields.resize(5);
+    sparse.fields[1] = number_value(0x00ff, 2);
+
+    const uint64_t base = 0x1122334455667788;
+    std::vector<uint8_t> bytes, buf;
+    std::string text;
+    auto element = [&](const uint8_t *record, size_t i) {
+        return record + sizeof base + layout.elements[i].offset;
+    };
+    auto wire = [](const uint8_t *at, size_t n) { return std::vector<uint8_t>(at, at + n); };
+    size_t size = 0;
+    EXPECT_TRUE(ipfix::pack_extras(full, layout, bytes, text));
+    const uint8_t *r =
+        ipfix::record_with_extras(&base, sizeof base, layout, bytes.data(), text, buf, size);
+    ASSERT_EQ(size, sizeof base + layout.size);
+    EXPECT_EQ(memcmp(r, &base, sizeof base), 0);
+    fbVarfield_t name;
+    memcpy(&name, element(r, 0), sizeof name);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(name.buf), name.len),
+              full.fields[0].text.view());
+    EXPECT_EQ(wire(element(r, 1), 2), (std::vector<uint8_t>{0x12, 0x34}));
+    EXPECT_EQ(wire(element(r, 2), 4), (std::vector<uint8_t>{1, 2, 3, 4}));
+    EXPECT_EQ(wire(element(r, 3), 8), (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7, 8}));
+    EXPECT_EQ(wire(element(r, 4), 3), (std::vector<uint8_t>{0xa1, 0xb2, 0xc3}));
+
+    // The same buffers for a record with one value, then for one without any.
+    for (bool packed : {true, false}) {
+        SCOPED_TRACE(packed ? "one value" : "no values");
+        EXPECT_TRUE(ipfix::pack_extras(sparse, layout, bytes, text));
+        r = ipfix::record_with_extras(&base, sizeof base, layout, packed ? bytes.data() : nullptr,
+                                      text, buf, size);
+        ASSERT_EQ(size, sizeof base + layout.size);
+        memcpy(&name, element(r, 0), sizeof name);
+        EXPECT_EQ(name.len, 0u);
+        EXPECT_EQ(name.buf, nullptr);
+        EXPECT_EQ(wire(element(r, 1), 2),
+                  packed ? (std::vector<uint8_t>{0x00, 0xff}) : std::vector<uint8_t>(2, 0));
+        EXPECT_EQ(wire(element(r, 2), 4), std::vector<uint8_t>(4, 0));
+        EXPECT_EQ(wire(element(r, 3), 8), std::vector<uint8_t>(8, 0));
+        EXPECT_EQ(wire(element(r, 4), 3), std::vector<uint8_t>(3, 0));
+    }
+    corvane_host::ExportedFlow none;
+    none.fields.resize(5);
+    EXPECT_FALSE(ipfix::pack_extras(none, layout, bytes, text));
+    EXPECT_EQ(bytes, std::vector<uint8_t>(layout.size, 0));
+    EXPECT_EQ(text, "");
+}
+
 TEST(Ipfix, UrlsNameTransportHostAndPort) {
     struct Case {
         const char *url, *host, *port, *path;
