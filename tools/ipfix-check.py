@@ -241,6 +241,15 @@ def tshark_flows(pcap):
     return keys
 
 
+def udp_receive_queue(port):
+    """Bytes waiting in the receive queue of the UDP socket bound to `port` (ss -uln)."""
+    for line in subprocess.run(["ss", "-Huln"], capture_output=True, text=True).stdout.splitlines():
+        v = line.split()
+        if len(v) >= 4 and v[3].endswith(f":{port}"):
+            return int(v[1])
+    return 0
+
+
 def nfdump_flows(uniflow, captures, work):
     """nfcapd receives the UDP export of every capture; nfdump lists what it stored."""
     port = free_udp_port()
@@ -256,6 +265,11 @@ def nfdump_flows(uniflow, captures, work):
             time.sleep(0.05)
         for c in captures:
             smbflow(c, "--ipfix", f"udp://127.0.0.1:{port}", *(["--ipfix-uniflow"] if uniflow else []))
+        # smbflow is done when its last datagram is in nfcapd's socket, not when nfcapd has
+        # read it: stopped before then, nfcapd would lose the last capture's records.
+        deadline = time.monotonic() + 20
+        while udp_receive_queue(port) and time.monotonic() < deadline:
+            time.sleep(0.05)
     finally:
         nfcapd.send_signal(signal.SIGTERM)  # it writes out what it holds
         nfcapd.wait(timeout=30)
