@@ -536,11 +536,6 @@ class RowSink {
     void put_cell(size_t k, const char (&cell)[16], size_t n) {
         row_.set(k, std::string_view(cell + 1, n - 1));
     }
-    void put_text(size_t k, std::string_view text) {
-        const uint32_t from = open(k);
-        row_.text() += text;
-        close(k, from);
-    }
     void put_text(size_t k, const TextBuffer &text, bool) {
         const uint32_t from = open(k);
         row_.text() += text;
@@ -578,26 +573,9 @@ class CsvSink {
         memcpy(p, cell, sizeof cell);  // the whole array: a fixed-size copy
         line_.commit(p + n);
     }
-    // A column's separator and text, looked at for quotes unless the column never needs
-    // them. A text of up to 16 bytes takes one bounds test for the separator, the copy and
-    // the look, which reads one block of 16 bytes from the room after it.
-    __attribute__((always_inline)) void put_text(size_t k, std::string_view text) {
-        const size_t n = text.size();
-        if (n > 16) {
-            const uint32_t from = open(k);
-            line_ += text;
-            close(k, from);
-            return;
-        }
-        char *const p = line_.room(1 + 16 + 16);
-        *p = ',';
-        TextBuffer::copy_small(p + 1, text.data(), n);
-        line_.commit(p + 1 + n);
-        if (!verbatim_[k] && has_special_short(p + 1, n))
-            quote(static_cast<uint32_t>(p + 1 - line_.data()));
-    }
-    // The same for a field's text, whose column's `verbatim` the caller has at hand: a text
-    // of 1 to 16 bytes is one 16-byte copy from its buffer's bytes to spare.
+    // A column's separator and a field's text, looked at for quotes unless the column or the
+    // writers say it never needs them: a text of 1 to 16 bytes is one bounds test and one
+    // 16-byte copy from its buffer's bytes to spare, looked at as one block.
     __attribute__((always_inline)) void put_text(size_t, const TextBuffer &text, bool verbatim) {
         const size_t n = text.size();
         if (n - 1 >= TextBuffer::kSlack) {  // none, or more than 16 bytes
