@@ -10,14 +10,15 @@ did, and puts the file back byte for byte before the next one. A fault whose ori
 not found exactly once stops the run before anything is changed, so that a refactoring of the
 code cannot silently turn a fault into a no-op.
 
-    tools/mutation.py [-b BUILD] [-o REPORT] [-k ID,...] [--timeout S] [--list] [--all]
+    tools/mutation.py [-b BUILD] [-o REPORT] [-k ID,...] [--timeout S] [--list] [--all] [--check]
 
 Each fault ends in one of: caught (tests failed), ESCAPED (every test passed), BUILD FAILED
 (the mutated code did not compile: not a catch), TIMEOUT (only tests killed after --timeout
 seconds failed: a slow test is not a catch) or SKIPS ONLY (no test failed, but tests that ran in
 the baseline were skipped). The report (default BUILD/mutation-report.txt) holds one row per
 fault with the test names, and a first line with the counts. Exit status 1 when a fault was
-not caught, 2 when the baseline fails.
+not caught, 2 when the baseline fails. With --check, only the texts of all faults (--all's too)
+are looked for, with nothing built or run: exit status 1 when one does not apply.
 """
 import argparse
 import os
@@ -126,8 +127,8 @@ MUTATIONS = [
      "if (pkt->dst_port != q->port) return 0;",
      "server-to-client packets not parsed"),
     ("filter-fragment", "frame/filter", P + "smb_filter.cpp",
-     "if (pkt->ip_version == 4 && pkt->ipv4_aux16 != 0) return 0;",
-     "if (pkt->ip_version == 4 && (pkt->ipv4_aux16 & 0x1fff) != 0) return 0;",
+     "if (pkt->ip_version == 4 && pkt->ipv4_aux16 != 0) return false;",
+     "if (pkt->ip_version == 4 && (pkt->ipv4_aux16 & 0x1fff) != 0) return false;",
      "first IPv4 fragments (MF set) parsed"),
     ("update-give-up", "frame/update", P + "smb_flow_hooks.cpp",
      "constexpr uint64_t kPacketsBeforeGivingUp = 10;",
@@ -214,6 +215,9 @@ MUTATIONS = [
      "uint32_t{FB_IE_DEFAULT} | (number ? uint32_t{FB_IE_F_ENDIAN} : 0u)",
      "uint32_t{FB_IE_DEFAULT}",
      "plug-in number elements sent in host byte order"),
+    ("ipfix-wire-order", "smbflow/ipfix", "host/smbflow/ipfix_export.cpp",
+     "if (ok) wire_order_templates(t);", "(void)ok;",
+     "numbers already in network order turned around again by the encoder"),
     ("orient-flags", "smbflow/orientation", "host/smbflow/orientation.cpp",
      "    std::swap(rec.tcp_flags[0], rec.tcp_flags[1]);\n", "",
      "a turned-around flow keeps each direction's TCP flags on the other side"),
@@ -230,6 +234,58 @@ MUTATIONS = [
     ("activity-merge-errors", "activity/merge", P + "smb_activity.cpp",
      "    into->errors += from->errors;\n", "",
      "errors of merged records (parked counters, later packets) lost"),
+    ("activity-interim", "activity/latency", P + "smb_parser_activity.cpp",
+     "    if (h.is_async() && status == kStatusPending) return;\n", "",
+     "an interim STATUS_PENDING response taken as the final one"),
+    ("activity-latency-max", "activity/latency", P + "smb_parser_activity.cpp",
+     "if (clamped > a->latency_max_us) a->latency_max_us = clamped;",
+     "a->latency_max_us = clamped;",
+     "the latest response time kept as the maximum"),
+    ("activity-cancel", "activity/latency", P + "smb_parser_activity.cpp",
+     "    if (h.command == SMB2_CANCEL) return;", "",
+     "a CANCEL request restarts the clock of the request it cancels"),
+    ("activity-overflow-read", "activity/reads", P + "smb_parser_activity.cpp",
+     "    if (status == 0) count_success(", "    if ((status >> 30) != 3) count_success(",
+     "a READ answered with STATUS_BUFFER_OVERFLOW (named pipes) counted as a read"),
+    ("activity-write-count", "activity/writes", P + "smb_parser_activity.cpp",
+     "a->bytes_written += body.le32(kReadWriteCountOffset);",
+     "a->bytes_written += body.le32(kReadWriteCountOffset + 4);",
+     "bytes written read from the WRITE response's Remaining field"),
+    ("activity-dialect-wildcard", "activity/dialect", P + "smb_parser_activity.cpp",
+     "            if (dialect == kDialectWildcard) dialect = 0;\n", "",
+     "the 0x02FF wildcard of a multi-protocol NEGOTIATE taken as the dialect"),
+    ("activity-dialect-spread", "activity/dialect", P + "smb_postprocess.cpp",
+     "    if (dialect) a->dialect = dialect;\n", "",
+     "the dialect only on the record of the NEGOTIATE exchange"),
+    ("activity-signed-request", "activity/security", P + "smb_parser_activity.cpp",
+     "    if (h.flags & kSmb2FlagsSigned) rec->security |= SMB_SEC_SIGNED;\n    count_request(",
+     "    count_request(",
+     "signed requests not marked (only signed responses)"),
+    ("activity-delete-ex", "activity/deletes", P + "smb_parser_activity.cpp",
+     "(buffer.le32(0) & kFileDispositionDelete)", "(buffer.le32(0) & 2)",
+     "FileDispositionInformationEx tested on its POSIX-semantics flag"),
+    ("activity-retransmit", "activity/retransmission", P + "smb_filter.cpp",
+     "q->tcp_seen && smb_tcp_repeat(", "false && smb_tcp_repeat(",
+     "messages of a retransmitted segment counted again"),
+    ("activity-park", "activity/merge", P + "smb_filter.cpp",
+     "if (rec->activity && rec->activity->counted) smb_park_activity(pkt, rec, q);", "",
+     "counters of a packet whose record is dropped (a response kept for later) lost"),
+    ("who-auth-time", "who/identity", P + "smb_who.cpp",
+     "s->auth_ns > rec->session_ns", "s->auth_ns >= rec->session_ns",
+     "the AUTHENTICATE request's own record left without the names it carries"),
+    ("who-odd-length", "who/identity", P + "smb_ntlmssp.cpp",
+     "const uint16_t even = length & ~1u;", "const uint16_t even = length;",
+     "an odd-length Unicode name keeps half a code unit"),
+    ("who-first-fragment", "who/rpc", P + "smb_who.cpp",
+     "        if (!first_fragment) return;", "",
+     "later fragments of a call counted as calls"),
+    ("who-opnum-overflow", "who/rpc", P + "smb_who.cpp",
+     "opnum < kOpnumOverflowBit ? opnum : kOpnumOverflowBit",
+     "opnum & kOpnumOverflowBit",
+     "opnums of 64 and more folded onto low bits instead of bit 63"),
+    ("who-big-endian", "who/rpc", P + "smb_dcerpc.cpp",
+     "return little ? v : static_cast<uint16_t>((v >> 8) | (v << 8));\n    }", "return v;\n    }",
+     "a big-endian PDU's context ids and opnums read little-endian"),
 ]
 
 # Left out of the default pass to keep it within about half an hour on two cores (--all runs
@@ -370,6 +426,8 @@ def main():
     ap.add_argument("--timeout", type=int, default=120, help="per test process, seconds")
     ap.add_argument("--all", action="store_true", help="also the faults left out by default")
     ap.add_argument("--list", action="store_true")
+    ap.add_argument("--check", action="store_true",
+                    help="only check that every fault applies to the tree as it is")
     args = ap.parse_args()
     mutations = [m for m in MUTATIONS if args.all or m[0] not in EXTRA]
     if args.only:
@@ -384,7 +442,10 @@ def main():
         for m in mutations:
             print(f"{m[0]:24} {m[1]:20} {m[2]}: {m[5]}")
         return 0
-    check(mutations)
+    check(MUTATIONS if args.check else mutations)
+    if args.check:
+        print(f"mutation.py: all {len(MUTATIONS)} faults apply")
+        return 0
     targets = build_targets(args.build)
     report = args.report or os.path.join(args.build, "mutation-report.txt")
     for s in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
