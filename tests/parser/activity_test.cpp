@@ -237,6 +237,22 @@ TEST(Activity, ChainWithAFailedMiddleMessageCountsEveryMessage) {
     EXPECT_EQ(a.latency_sum_us, 3000u);
 }
 
+// Three reads in flight, answered in one chain after 3, 8 and 3 ms: the record keeps the
+// longest time, not the last one counted (whichever order the chain's messages are taken in).
+TEST(Activity, RecordKeepsItsLongestResponseTimeNotItsLast) {
+    ActivityHarness h;
+    h.send_at(1 * kMs, request(READ, 31, kTree, request_body(READ, kFile)));
+    h.send_at(6 * kMs, request(READ, 30, kTree, request_body(READ, kFile)));
+    h.send_at(6 * kMs, request(READ, 32, kTree, request_body(READ, kFile)));
+    h.send_at(9 * kMs, compound({response(READ, 30, kTree, read_response_body(Bytes(8, 0))),
+                                 response(READ, 31, kTree, read_response_body(Bytes(8, 0))),
+                                 response(READ, 32, kTree, read_response_body(Bytes(8, 0)))}));
+    const smb_activity a = h.counters();
+    EXPECT_EQ(a.latency_count, 3u);
+    EXPECT_EQ(a.latency_sum_us, 14000u);
+    EXPECT_EQ(a.latency_max_us, 8000u);
+}
+
 // A response chain too long to buffer (a 10000-byte READ, an IOCTL that failed, a CLOSE),
 // cut into segments in different places: every message counts once its header and fixed part
 // are in, whichever segment completes them; a missing segment ends the count.

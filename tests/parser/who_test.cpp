@@ -89,6 +89,14 @@ const NtlmCase kNtlmCases[] = {
          return b;
      }(),
      ntlmssp::Result::named, "alice", "", "WS01"},
+    // An odd Unicode length: the last byte is half a code unit, not part of the name.
+    {"domain_odd_length",
+     [] {
+         Bytes b = kAuth;
+         ++b[28];
+         return b;
+     }(),
+     ntlmssp::Result::named, "alice", "CORP", "WS01"},
     {"cut_fixed_part", Bytes(kAuth.begin(), kAuth.begin() + 60), ntlmssp::Result::none, "", "", ""},
     {"negotiate_message",
      [] {

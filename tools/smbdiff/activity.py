@@ -266,6 +266,8 @@ class Written:
     renames: set = field(default_factory=set)
     files: dict = field(default_factory=lambda: defaultdict(lambda: [0, 0]))
     records: int = 0
+    smb2_records: int = 0  # records with an SMB2 command word
+    without_dialect: int = 0  # of those, the ones that show no dialect
 
 
 def parse_status(v) -> int:
@@ -273,6 +275,13 @@ def parse_status(v) -> int:
 
 
 DIALECT_TEXT = {"2.0.2": 0x0202, "2.1": 0x0210, "3.0": 0x0300, "3.0.2": 0x0302, "3.1.1": 0x0311}
+
+
+def is_smb2_record(r: dict) -> bool:
+    """Whether a record carries SMB2 messages: an SMB2 command word ends in 0xff and has a
+    command bit (0xff alone is the word's default, no command)."""
+    words = (smbdiff._num(r.get(k), None) for k in ("smb_cmd_request", "smb_cmd_response"))
+    return any(w is not None and w & 0xFF == 0xFF and w > 0xFF for w in words)
 
 
 def read_written(lines, port: int) -> dict[tuple, Written]:
@@ -299,6 +308,9 @@ def read_written(lines, port: int) -> dict[tuple, Written]:
         d = r.get("smb_dialect")
         if d:
             w.dialects.add(DIALECT_TEXT.get(d) or int(d, 16))
+        if is_smb2_record(r):
+            w.smb2_records += 1
+            w.without_dialect += 0 if d else 1
         if smbdiff._num(r.get("smb_errors"), 0):
             w.last_errors.add(parse_status(r.get("smb_last_error")))
         if r.get("smb_rename_to"):
@@ -326,6 +338,10 @@ def compare(exp: dict[tuple, Conn], got: dict[tuple, Written], rules: Counter) -
         if want_d != w.dialects:
             diffs.append(f"{where} SMB_DIALECT: tshark {sorted(map(hex, want_d))}, smbflow "
                          f"{sorted(map(hex, w.dialects))}")
+        if e.dialect and w.without_dialect:
+            # The dialect belongs to the connection: every SMB2 record of it shows it.
+            diffs.append(f"{where} SMB_DIALECT: {w.without_dialect} of {w.smb2_records} SMB2 "
+                         "records without the connection's dialect")
         stray = w.last_errors - set(e.errors)
         if stray:
             diffs.append(f"{where} SMB_LAST_ERROR: smbflow shows "

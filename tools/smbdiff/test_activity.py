@@ -91,6 +91,7 @@ class CompareTest(unittest.TestCase):
         self.assertEqual(activity.compare({key: e}, {key: written()}, Counter()), [])
         cases = [("SMB_READS", dict(smb_reads=2)), ("SMB_SECURITY", dict(smb_security=2)),
                  ("SMB_DIALECT", dict(dialects={0x0302, 0x0311})),
+                 ("SMB_DIALECT", dict(smb2_records=3, without_dialect=1)),
                  ("SMB_LAST_ERROR", dict(last_errors={0xC0000034})),
                  ("SMB_RENAME_TO", dict(renames={"a.txt"})),
                  ("'f.txt'", dict(files={"f.txt": [9, 0]})),
