@@ -12,7 +12,6 @@
 #include <fmt/format.h>
 
 #include "capture.h"
-#include "heap_tuning.h"
 #include "host.h"
 #include "ipfix_export.h"
 #include "options.h"
@@ -476,7 +475,6 @@ std::string plugin_help(int argc, char **argv) {
 }  // namespace smbflow
 
 int main(int argc, char **argv) {
-    smbflow::tune_heap();
     smbflow::drop_blank_lines_on_stderr();
     smbflow::Options opts;
     if (smbflow::version_asked(argc, argv)) {
