@@ -11,6 +11,7 @@
 
 #include "field_output.h"
 #include "host_interface.h"
+#include "special_bytes.h"
 #include "utf16.h"
 
 #define HOST_API extern "C" __attribute__((visibility("default")))
@@ -25,30 +26,8 @@ std::string number_text(const uint8_t *value, uint32_t size) {
 }
 
 bool has_special_character(const TextBuffer &text) {
-    const size_t n = text.size();
-#if defined(__SSE2__)
-    // Sixteen bytes at a time, the last block read from the bytes the buffer has to spare and
-    // masked: a control character is one that max(c, 0x1f) leaves at 0x1f.
-    const __m128i controls = _mm_set1_epi8(0x1f), comma = _mm_set1_epi8(','),
-                  quote = _mm_set1_epi8('"'), backslash = _mm_set1_epi8('\\');
-    for (size_t i = 0; i < n; i += TextBuffer::kSlack) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text.data() + i));
-        const __m128i hit =
-            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(_mm_max_epu8(x, controls), controls),
-                                      _mm_cmpeq_epi8(x, comma)),
-                         _mm_or_si128(_mm_cmpeq_epi8(x, quote), _mm_cmpeq_epi8(x, backslash)));
-        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
-        if (n - i < 16) mask &= (1u << (n - i)) - 1;
-        if (mask) return true;
-    }
-    return false;
-#else
-    for (const char ch : text.view()) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (c < 0x20 || c == ',' || c == '"' || c == '\\') return true;
-    }
-    return false;
-#endif
+    // The last block is read from the bytes the buffer has to spare.
+    return any_byte_of<AnySpecial>(text.data(), text.size());
 }
 
 }  // namespace corvane_host

@@ -12,10 +12,7 @@
 
 #include <fmt/format.h>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
+#include "special_bytes.h"
 #include "utf16.h"
 
 namespace smbflow {
@@ -596,45 +593,15 @@ class CsvSink {
 
   private:
     // needs_csv_quotes() of `n` (at most 16) bytes at `p`, which has 16 readable bytes.
-    static bool has_special_short(const char *p, size_t n) {
-#if defined(__SSE2__)
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
-        const __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8(',')),
-                                                      _mm_cmpeq_epi8(x, _mm_set1_epi8('"'))),
-                                         _mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8('\r')),
-                                                      _mm_cmpeq_epi8(x, _mm_set1_epi8('\n'))));
-        const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit)) & ((1u << n) - 1);
-        return mask != 0;
-#else
-        return needs_csv_quotes(std::string_view(p, n));
-#endif
-    }
+    static bool has_special_short(const char *p, size_t n) { return any_byte_of<CsvSpecial>(p, n); }
     __attribute__((always_inline)) void quote_if_needed(uint32_t from) {
         if (has_special(from)) quote(from);
     }
-    // needs_csv_quotes() of the column's text, sixteen bytes at a time: the line has room
-    // after its text, so the last block may read past the end (into its own buffer) and the
-    // bytes beyond are masked off.
+    // needs_csv_quotes() of the column's text: the line is given room after its text, so that
+    // the scan's last block may read past the end (into the line's own buffer).
     bool has_special(uint32_t from) {
-#if defined(__SSE2__)
         line_.room(16);
-        const char *p = line_.data() + from;
-        const char *const end = line_.data() + line_.size();
-        const __m128i comma = _mm_set1_epi8(','), quote = _mm_set1_epi8('"'),
-                      cr = _mm_set1_epi8('\r'), lf = _mm_set1_epi8('\n');
-        for (; p < end; p += 16) {
-            const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
-            const __m128i hit =
-                _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, comma), _mm_cmpeq_epi8(x, quote)),
-                             _mm_or_si128(_mm_cmpeq_epi8(x, cr), _mm_cmpeq_epi8(x, lf)));
-            unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
-            if (end - p < 16) mask &= (1u << (end - p)) - 1;
-            if (mask) return true;
-        }
-        return false;
-#else
-        return needs_csv_quotes(line_.view(from, line_.size()));
-#endif
+        return any_byte_of<CsvSpecial>(line_.data() + from, line_.size() - from);
     }
     // In place: the text moves back by one byte for the opening quote and one more for each
     // quote before it, which is doubled (RFC 4180).

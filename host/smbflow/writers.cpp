@@ -5,10 +5,7 @@
 
 #include <fmt/format.h>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
+#include "special_bytes.h"
 #include "terminal_text.h"
 
 namespace smbflow {
@@ -262,26 +259,10 @@ class JsonWriter : public LineWriter {
     // bytes the row's buffer has to spare), and escaped only when it holds a quote, a
     // backslash or a control character.
     void text(std::string_view v) {
-#if defined(__SSE2__)
-        const __m128i controls = _mm_set1_epi8(0x1f), quote = _mm_set1_epi8('"'),
-                      backslash = _mm_set1_epi8('\\');
-        const size_t n = v.size();
-        for (size_t at = 0; at < n; at += TextBuffer::kSlack) {
-            const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(v.data() + at));
-            const __m128i hit =
-                _mm_or_si128(_mm_cmpeq_epi8(_mm_max_epu8(x, controls), controls),
-                             _mm_or_si128(_mm_cmpeq_epi8(x, quote), _mm_cmpeq_epi8(x, backslash)));
-            unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
-            if (n - at < TextBuffer::kSlack) mask &= (1u << (n - at)) - 1;
-            if (mask) {
-                append_json_string(line_, v);
-                return;
-            }
-        }
-        quoted(v);
-#else
-        append_json_string(line_, v);
-#endif
+        if (corvane_host::any_byte_of<corvane_host::JsonSpecial>(v.data(), v.size()))
+            append_json_string(line_, v);
+        else
+            quoted(v);
     }
 
     enum class Form : uint8_t { Number, NumberText, Verbatim, Text };
