@@ -5,6 +5,8 @@
 #include <arpa/inet.h>
 
 #include "frame_util.h"
+#include "smb_activity.h"
+#include "smb_activity_table.h"
 #include "smb_file_table.h"
 #include "smb_tree_table.h"
 
@@ -259,6 +261,34 @@ TEST_F(Postprocess, NamesAreCopiesThatOutliveTheTables) {
     SetUp();
     EXPECT_EQ(bytes_of(slot.rec()->file_name), name_bytes("a.txt"));
     EXPECT_EQ(bytes_of(slot.rec()->tree_name), name_bytes("share"));
+}
+
+// With activity=1, what the connection's NEGOTIATE and SMB1 messages told (the dialect, the
+// server's signing requirement, SMB1 seen) goes to every SMB2 record of the connection,
+// whichever end the flow started from; an SMB1 record gets none of it.
+TEST_F(Postprocess, ConnectionFactsReachEverySmb2RecordOfTheConnection) {
+    ctx_.activity = 1;
+    ctx_.port = 445;
+    ctx_.conntable = conntable_create(1024);
+    conntable_note(ctx_.conntable, kClient, kClientPort, 0x0311,
+                   SMB_SEC_SIGNING_REQUIRED | SMB_SEC_SMB1);
+    for (const bool from_server : {false, true}) {
+        SCOPED_TRACE(from_server ? "flow from the server" : "flow from the client");
+        host_flow_record f = flow(from_server);
+        owned_slot slot(record(pp_case{.cmd0 = kRead | 0xff, .cmd1 = kRead | 0xff}));
+        run(f, slot);
+        EXPECT_EQ(slot.rec()->security, SMB_SEC_SIGNING_REQUIRED | SMB_SEC_SMB1);
+        ASSERT_NE(slot.rec()->activity, nullptr);
+        EXPECT_EQ(slot.rec()->activity->dialect, 0x0311);
+    }
+    host_flow_record f = flow(false);
+    owned_slot smb1(record(pp_case{}));
+    smb1.rec()->version = SMB_VERSION_1;
+    run(f, smb1);
+    EXPECT_EQ(smb1.rec()->security, 0);
+    EXPECT_EQ(smb1.rec()->activity, nullptr);
+    conntable_free(ctx_.conntable);
+    ctx_.conntable = nullptr;
 }
 
 }  // namespace

@@ -268,6 +268,7 @@ class Written:
     records: int = 0
     smb2_records: int = 0  # records with an SMB2 command word
     without_dialect: int = 0  # of those, the ones that show no dialect
+    without_signing_required: int = 0  # of those, the ones without SMB_SECURITY bit 0
 
 
 def parse_status(v) -> int:
@@ -311,6 +312,7 @@ def read_written(lines, port: int) -> dict[tuple, Written]:
         if is_smb2_record(r):
             w.smb2_records += 1
             w.without_dialect += 0 if d else 1
+            w.without_signing_required += 0 if smbdiff._num(r.get("smb_security"), 0) & 1 else 1
         if smbdiff._num(r.get("smb_errors"), 0):
             w.last_errors.add(parse_status(r.get("smb_last_error")))
         if r.get("smb_rename_to"):
@@ -338,10 +340,15 @@ def compare(exp: dict[tuple, Conn], got: dict[tuple, Written], rules: Counter) -
         if want_d != w.dialects:
             diffs.append(f"{where} SMB_DIALECT: tshark {sorted(map(hex, want_d))}, smbflow "
                          f"{sorted(map(hex, w.dialects))}")
+        # The dialect and the server's signing requirement belong to the connection: every SMB2
+        # record of it shows them.
         if e.dialect and w.without_dialect:
-            # The dialect belongs to the connection: every SMB2 record of it shows it.
             diffs.append(f"{where} SMB_DIALECT: {w.without_dialect} of {w.smb2_records} SMB2 "
                          "records without the connection's dialect")
+        if et["smb_security"] & 1 and w.without_signing_required:
+            diffs.append(f"{where} SMB_SECURITY: {w.without_signing_required} of "
+                         f"{w.smb2_records} SMB2 records without the server's signing "
+                         "requirement (bit 0)")
         stray = w.last_errors - set(e.errors)
         if stray:
             diffs.append(f"{where} SMB_LAST_ERROR: smbflow shows "

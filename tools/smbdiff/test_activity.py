@@ -71,7 +71,8 @@ class CountingTest(unittest.TestCase):
 
 class CompareTest(unittest.TestCase):
     def test_each_kind_of_difference_is_reported(self):
-        e = activity.Conn(dialect=0x0302, errors=[0xC0000022], renames={1: "b.txt"})
+        e = activity.Conn(dialect=0x0302, security=0x1, errors=[0xC0000022],
+                          renames={1: "b.txt"})
         e.counts.update(smb_reads=1, smb_bytes_read=10)
         e.files["f.txt"][0] = 10
         key = (CLIENT, CPORT)
@@ -79,7 +80,7 @@ class CompareTest(unittest.TestCase):
         def written(**change):
             w = activity.Written(dialects={0x0302}, last_errors={0xC0000022},
                                  renames={"b.txt"})
-            w.totals.update(smb_reads=1, smb_bytes_read=10)
+            w.totals.update(smb_reads=1, smb_bytes_read=10, smb_security=0x1)
             w.files["f.txt"][0] = 10
             for k, v in change.items():
                 if k in activity.COUNTERS:
@@ -92,6 +93,7 @@ class CompareTest(unittest.TestCase):
         cases = [("SMB_READS", dict(smb_reads=2)), ("SMB_SECURITY", dict(smb_security=2)),
                  ("SMB_DIALECT", dict(dialects={0x0302, 0x0311})),
                  ("SMB_DIALECT", dict(smb2_records=3, without_dialect=1)),
+                 ("SMB_SECURITY", dict(smb2_records=3, without_signing_required=1)),
                  ("SMB_LAST_ERROR", dict(last_errors={0xC0000034})),
                  ("SMB_RENAME_TO", dict(renames={"a.txt"})),
                  ("'f.txt'", dict(files={"f.txt": [9, 0]})),
