@@ -1,7 +1,6 @@
 // Output of rendered flow records: an aligned text table, CSV (RFC 4180) or JSON Lines.
 #pragma once
 
-#include <array>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "flow_format.h"
+#include "special_bytes.h"
 
 namespace smbflow {
 
@@ -49,20 +49,11 @@ std::unique_ptr<RecordWriter> make_writer(Format format, FILE *out, bool live = 
                                           const std::vector<Column> &cols = columns());
 
 // Pieces, exposed for tests. The append_ forms add to `out`.
-// Characters that make a CSV field need quotes (RFC 4180), as one table: one look-up a byte,
-// where a search for any of several characters tests each byte against each of them.
-inline constexpr auto kCsvSpecial = [] {
-    std::array<bool, 256> t{};
-    for (unsigned char c : {',', '"', '\r', '\n'})
-        t[c] = true;
-    return t;
-}();
-
-// Whether a CSV field needs quotes (it holds a comma, quote or line break). Inline: every
-// column of every record that may hold such a character is looked at.
+// Whether a CSV field needs quotes (it holds a comma, quote or line break). For a text whose
+// buffer has no bytes to spare after it; the text outputs scan their own lines in blocks.
 inline bool needs_csv_quotes(std::string_view s) {
     for (char c : s)
-        if (kCsvSpecial[static_cast<unsigned char>(c)]) return true;
+        if (corvane_host::CsvSpecial::has(static_cast<unsigned char>(c))) return true;
     return false;
 }
 void append_csv_field(std::string &out, std::string_view s);
