@@ -5,7 +5,7 @@ From tshark's dissection it derives, per connection: the totals of every counter
 messages read and written, errors, renames, deletes, latency), the flags of SMB_SECURITY, the
 dialect, the error statuses, the rename targets, and the bytes read and written per file name.
 smbflow's JSON records of the same capture are summed per connection and compared, and the
-dialect must be on every SMB2 record of the connection. Counters do not depend on how a
+dialect and the server's signing requirement must be on every SMB2 record of the connection. Counters do not depend on how a
 connection is split into records, so the comparison holds at any number of queues.
 
     tools/smbdiff/activity.py --smbflow build/smbflow [--plugin PATH] [--queues N] CAPTURE...
