@@ -414,6 +414,9 @@ def check_capture(cap: wire.Capture, path: str, run: Run, args):
                    files=sum(len(c.files) for c in exp.values()),
                    dialects=len({c.dialect for c in exp.values() if c.dialect}),
                    rename_targets=sum(len(set(c.renames.values())) for c in exp.values()))
+    # Connections by SMB_SECURITY bit, so that a run shows which of the flags it compared.
+    for bit, key in SECURITY_BITS:
+        info[key] = sum(1 for c in exp.values() if c.security & bit)
     return totals, info, diffs, rules
 
 
@@ -479,11 +482,16 @@ def main(argv=None) -> int:
     return 1 if failed else 0
 
 
+SECURITY_BITS = ((0x01, "signing_required"), (0x02, "signed"), (0x04, "encrypted"),
+                 (0x08, "guest"), (0x10, "smb1"))
+
+
 def describe(info: Counter, totals: Counter) -> str:
     return (f"{info['connections']} connections, {info['records']} records, {info['files']} "
             f"files, {info['dialects']} dialects, {info['rename_targets']} rename targets; "
             + ", ".join(f"{k.removeprefix('smb_')} {totals[k]}" for k in SUMMED) +
-            f", latency_max_us {totals['smb_latency_max_us']}")
+            f", latency_max_us {totals['smb_latency_max_us']}; connections by security flag: "
+            + ", ".join(f"{key} {info[key]}" for _, key in SECURITY_BITS))
 
 
 if __name__ == "__main__":

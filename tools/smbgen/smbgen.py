@@ -238,6 +238,9 @@ class Samba:
         self.smbd: subprocess.Popen | None = None
         self.dcerpcd: subprocess.Popen | None = None
         self.smb1 = False
+        # "default" offers signing; "mandatory" sets SMB2_NEGOTIATE_SIGNING_REQUIRED in the
+        # NEGOTIATE response and refuses sessions that cannot sign (guest, anonymous).
+        self.signing = "default"
 
     def shares(self) -> dict[str, Path]:
         return {SHARE: self.root / "share", SHARE_ENC: self.root / "secure",
@@ -246,15 +249,25 @@ class Samba:
 
     def write_config(self) -> None:
         r = self.root
-        for d in ("private", "lock", "state", "cache", "run", "log", "cprivate", "clock",
-                  "cstate", "ccache"):
-            (r / d).mkdir(parents=True, exist_ok=True)
-        for p in self.shares().values():
-            p.mkdir(exist_ok=True)
-        interfaces = f"{self.net.server_v4} {self.net.server_v6}"
+        self.write_server_config()
+        (r / "users.map").write_text(f"{USER} = {' '.join(ACCOUNTS)}\n")
+        self.client_conf.write_text(f"""[global]
+{self.dirs("c")}   client min protocol = NT1
+   client max protocol = SMB3
+""")
+        self.auth.write_text(f"username = {USER}\npassword = {PASSWORD}\ndomain = SMBGEN\n")
+        self.auth.chmod(0o600)
+        for user, (domain, _) in ACCOUNTS.items():
+            for tag, password in (("", PASSWORD), ("-wrong", PASSWORD + "-wrong")):
+                f = r / f"auth-{user}{tag}.txt"
+                f.write_text(f"username = {user}\npassword = {password}\ndomain = {domain}\n")
+                f.chmod(0o600)
+        run(["smbpasswd", "-c", str(self.conf), "-L", "-s", "-a", USER],
+            input=f"{PASSWORD}\n{PASSWORD}\n")
 
-        def dirs(prefix: str) -> str:
-            return f"""   private dir = {r}/{prefix}private
+    def dirs(self, prefix: str) -> str:
+        r = self.root
+        return f"""   private dir = {r}/{prefix}private
    lock directory = {r}/{prefix}lock
    state directory = {r}/{prefix}state
    cache directory = {r}/{prefix}cache
@@ -268,8 +281,18 @@ class Samba:
    printcap name = /dev/null
    disable spoolss = yes
 """
+
+    def write_server_config(self) -> None:
+        r = self.root
+        for d in ("private", "lock", "state", "cache", "run", "log", "cprivate", "clock",
+                  "cstate", "ccache"):
+            (r / d).mkdir(parents=True, exist_ok=True)
+        for p in self.shares().values():
+            p.mkdir(exist_ok=True)
+        interfaces = f"{self.net.server_v4} {self.net.server_v6}"
+        signing = "" if self.signing == "default" else f"   server signing = {self.signing}\n"
         self.conf.write_text(f"""[global]
-{dirs("")}   netbios name = SMBGEN
+{self.dirs("")}   netbios name = SMBGEN
    server role = standalone server
    security = user
    passdb backend = tdbsam:{r}/private/passdb.tdb
@@ -283,7 +306,7 @@ class Samba:
    server min protocol = NT1
    server max protocol = SMB3
    ntlm auth = yes
-   map to guest = bad user
+{signing}   map to guest = bad user
    obey pam restrictions = no
    kernel oplocks = no
    kernel change notify = no
@@ -312,23 +335,9 @@ class Samba:
    path = {r}/admin
    read only = no
 """)
-        (r / "users.map").write_text(f"{USER} = {' '.join(ACCOUNTS)}\n")
-        self.client_conf.write_text(f"""[global]
-{dirs("c")}   client min protocol = NT1
-   client max protocol = SMB3
-""")
-        self.auth.write_text(f"username = {USER}\npassword = {PASSWORD}\ndomain = SMBGEN\n")
-        self.auth.chmod(0o600)
-        for user, (domain, _) in ACCOUNTS.items():
-            for tag, password in (("", PASSWORD), ("-wrong", PASSWORD + "-wrong")):
-                f = r / f"auth-{user}{tag}.txt"
-                f.write_text(f"username = {user}\npassword = {password}\ndomain = {domain}\n")
-                f.chmod(0o600)
-        run(["smbpasswd", "-c", str(self.conf), "-L", "-s", "-a", USER],
-            input=f"{PASSWORD}\n{PASSWORD}\n")
 
-    def start(self) -> None:
-        out = open(self.root / "log" / "smbd.stdout", "w")
+    def start(self, probe_smb1: bool = True) -> None:
+        out = open(self.root / "log" / "smbd.stdout", "a")
         # smbd signals its process group when it exits: it gets a session of its own
         # (Processes.start uses setsid) and is told not to make a process group of its own.
         self.smbd = self.procs.start(
@@ -345,7 +354,20 @@ class Samba:
             if time.time() > deadline:
                 raise Fatal("smbd does not listen on port 445")
             time.sleep(0.2)
-        self.smb1 = self._probe_smb1()
+        if probe_smb1:
+            self.smb1 = self._probe_smb1()
+
+    def restart_smbd(self, signing: str) -> None:
+        """smbd again under another signing setting (a global one in Samba); the RPC servers
+        and what the first start found out about SMB1 stay."""
+        if signing == self.signing:
+            return
+        if self.smbd is not None:
+            self.procs.stop(self.smbd)
+            self.smbd = None
+        self.signing = signing
+        self.write_server_config()
+        self.start(probe_smb1=False)
 
     def _probe_smb1(self) -> bool:
         r = run(self.smbclient(SHARE, "NT1", ["ls"], family=4), check=False, quiet=True,
@@ -498,6 +520,7 @@ class Scenario:
     needs_impacket: bool = False
     needs_rpc: bool = False  # the RPC servers behind the named pipes
     mtu: int = 1500
+    server_signing: str = "default"  # "mandatory": smbd restarted to require signing
 
 
 COMPOUND_TESTS = [f"smb2.compound.{t}" for t in (
@@ -631,6 +654,20 @@ SCENARIOS: list[Scenario] = [
               Session("rpcclient", account="bob",
                       cmds=["netsharegetinfo share", "wkssvc_enumerateusers", "enumdomgroups",
                             "lsaenumsid"])], needs_rpc=True),
+    Scenario("signing_required", "a server that requires signing: SMB 3.1.1, 3.0.2 and 2.0.2 "
+             "sessions of two accounts (AES-CMAC and HMAC-SHA256 signatures), impacket in 2.1, "
+             "and a guest session that cannot sign",
+             [Session("smbclient", proto="SMB3_11",
+                      cmds=["put small.txt signed.txt", "ls", "get signed.txt got_signed.txt",
+                            "rename signed.txt signed2.txt", "rm signed2.txt"]),
+              Session("smbclient", proto="SMB3_02", account="bob",
+                      cmds=["put large.bin signed_large.bin", "get signed_large.bin got.bin",
+                            "rm signed_large.bin", "get no_such_file.txt missing.txt"]),
+              Session("smbclient", proto="SMB2_02", account="alice",
+                      cmds=["put small.txt s202.txt", "ls", "rm s202.txt"]),
+              Session("impacket", dialect="2.1"),
+              Session("smbclient", proto="SMB3_11", guest=True)],
+             needs_impacket=True, server_signing="mandatory"),
     Scenario("rpc_impacket", "impacket writes to ADMIN$ and calls svcctl (OpenSCManagerW, "
              "CreateServiceW, OpenServiceW, StartServiceW, DeleteService), then binds and calls "
              "ITaskSchedulerService and atsvc",
@@ -667,6 +704,7 @@ def run_scenario(sc: Scenario, samba: Samba, net: Network, procs: Processes, out
     results = []
     if sc.needs_rpc:
         samba.start_rpc()
+    samba.restart_smbd(sc.server_signing)
     net.set_mtu(sc.mtu)
     with Capture(net, procs, tmp):
         for s in sc.sessions:

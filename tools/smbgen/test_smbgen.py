@@ -4,6 +4,7 @@ to hit, and its scenarios are well formed."""
 from __future__ import annotations
 
 import sys
+import tempfile
 import unittest
 from pathlib import Path
 
@@ -37,11 +38,25 @@ class NamesTest(unittest.TestCase):
             with self.subTest(sc.name):
                 self.assertTrue(sc.sessions)
                 self.assertGreaterEqual(sc.mtu, 68)
+                self.assertIn(sc.server_signing, ("default", "mandatory"))
                 for s in sc.sessions:
                     what = {"smbclient": s.cmds or s.guest or s.account, "smbtorture": s.tests,
                             "impacket": s.dialect, "rpcclient": s.cmds,
                             "impacket_rpc": s.account in smbgen.ACCOUNTS}
                     self.assertTrue(what[s.kind])
+
+
+    def test_server_config_names_the_signing_setting(self):
+        # Written only when it is not Samba's own default, so that the other scenarios run
+        # under the configuration they always had.
+        with tempfile.TemporaryDirectory() as d:
+            net = smbgen.Network("test")
+            samba = smbgen.Samba(Path(d), net, smbgen.Processes())
+            samba.write_server_config()
+            self.assertNotIn("server signing", samba.conf.read_text())
+            samba.signing = "mandatory"
+            samba.write_server_config()
+            self.assertIn("   server signing = mandatory\n", samba.conf.read_text())
 
 
 if __name__ == "__main__":
