@@ -77,7 +77,10 @@ inline void activitytable_put(activitytable *t, uint32_t client_addr32, uint16_t
                               uint64_t message_id, uint64_t request_ns,
                               const PendingSetInfo &set_info) {
     const uint32_t first = t->bucket_of(client_addr32, client_port, message_id);
-    const pending_request *b = t->slots + first;
+    pending_request *const b = t->slots + first;
+    // The bucket's 48 bytes may span two pages (see touch_for_write).
+    smb::touch_for_write(&b[0]);
+    smb::touch_for_write(&b[1].kind);
     // The key's own slot; else one without a pending request (the first); else the older.
     uint32_t way;
     if (b[0].is(client_addr32, client_port, message_id))
