@@ -122,6 +122,12 @@ struct HashTable {
     uint8_t *pool_next;  // the newest chunk's records not handed out yet
     uint32_t pool_left;  // how many
     void *pool_chunks;   // every chunk, linked through its header
+    // One bit per 4 KiB of `slots` (counted from the block that holds its first byte), set by
+    // the first operation that may write there: a lookup in a block that no write has reached
+    // knows that its slot is empty without reading it, and so never maps the page (see
+    // touch_for_write).
+    uint64_t *written;
+    uintptr_t first_block;
 
     static uint32_t hash(const Key &key) {
         if constexpr (requires { key.hash(); }) {
@@ -132,17 +138,41 @@ struct HashTable {
     }
 
     size_t index_of(const Key &key) const { return hash(key) & static_cast<uint32_t>(mask); }
-    // Every operation reaches its slot here, and a slot is written at least once in the
-    // table's life whatever operation reaches it first (see touch_for_write).
-    Record *&slot(const Key &key) {
-        Record **s = &slots[index_of(key)];
+
+    static constexpr unsigned kBlockBits = 12;  // 4 KiB, the smallest page there is
+    size_t block_of(Record *const *s) const {
+        return (reinterpret_cast<uintptr_t>(s) >> kBlockBits) - first_block;
+    }
+    bool reached(Record *const *s) const {
+        const size_t b = block_of(s);
+        return written[b >> 6] >> (b & 63) & 1;
+    }
+    // Before the first access to `s` that may write it. The bitmap's words are few (256 bytes
+    // for a million slots) and stay in cache.
+    void will_write(Record **s) {
+        const size_t b = block_of(s);
+        const uint64_t bit = uint64_t{1} << (b & 63);
+        if (written[b >> 6] & bit) [[likely]]
+            return;
+        written[b >> 6] |= bit;
         touch_for_write(s);
+    }
+    // The slot of a lookup: null in a block that no write has reached. Lookups of keys that
+    // were never stored (a file opened before the capture began) reach many such blocks.
+    Record *read_slot(const Key &key) const {
+        Record *const *s = &slots[index_of(key)];
+        return reached(s) ? *s : nullptr;
+    }
+    // The slot of an operation that may write it.
+    Record *&slot_to_write(const Key &key) {
+        Record **s = &slots[index_of(key)];
+        will_write(s);
         return *s;
     }
 
     // The record of `key`, or null when its slot is empty or holds another key.
     Record *find(const Key &key) {
-        Record *r = slot(key);
+        Record *r = read_slot(key);
         return r && r->key == key ? r : nullptr;
     }
 
@@ -150,7 +180,7 @@ struct HashTable {
     // field reset as in a new record. `fill` writes the payload of a created or reset record.
     template <typename Fill>
     InsertOutcome insert(const Key &key, Fill &&fill) {
-        Record *&r = slot(key);
+        Record *&r = slot_to_write(key);
         if (r && r->key == key) return InsertOutcome::kept;
         const InsertOutcome outcome = r ? InsertOutcome::replaced : InsertOutcome::created;
         fill(claim(r, key));
@@ -159,12 +189,12 @@ struct HashTable {
 
     // Newest wins even for an equal key: the slot's record, whatever it held, becomes a fresh
     // record of `key`.
-    Record &replace(const Key &key) { return claim(slot(key), key); }
+    Record &replace(const Key &key) { return claim(slot_to_write(key), key); }
 
     // The record of `key`; on an empty slot a fresh record is made for it and `created` is set.
     // Null when another key holds the slot: that record is left alone.
     Record *find_or_create(const Key &key, bool &created) {
-        Record *&r = slot(key);
+        Record *&r = slot_to_write(key);
         created = r == nullptr;
         if (created) return &claim(r, key);
         return r->key == key ? r : nullptr;
@@ -172,8 +202,9 @@ struct HashTable {
 
     // Frees the record of `key` and empties its slot; false when the key is not present.
     bool remove(const Key &key) {
-        Record *&r = slot(key);
-        if (!r || !(r->key == key)) return false;
+        if (!read_slot(key)) return false;
+        Record *&r = slots[index_of(key)];
+        if (!(r->key == key)) return false;
         destroy(r);
         r = nullptr;
         return true;
@@ -188,6 +219,9 @@ struct HashTable {
         slots = static_cast<Record **>(cv::alloc::allocate_zeroed(bytes));
         size = static_cast<int32_t>(count);
         mask = size - 1;
+        first_block = reinterpret_cast<uintptr_t>(slots) >> kBlockBits;
+        const size_t blocks = block_of(slots + (size - 1)) + 1;
+        written = static_cast<uint64_t *>(cv::alloc::allocate_zeroed((blocks + 63) / 64 * 8));
     }
 
     void free_slots() {
@@ -197,6 +231,7 @@ struct HashTable {
             // of a big table are empty, and one test of their OR skips them.
             for (int32_t i = 0; i < size; i += 8) {
                 Record *const *g = slots + i;
+                if (!reached(g) && !reached(g + 7)) continue;  // never written: all empty
                 const uintptr_t any =
                     reinterpret_cast<uintptr_t>(g[0]) | reinterpret_cast<uintptr_t>(g[1]) |
                     reinterpret_cast<uintptr_t>(g[2]) | reinterpret_cast<uintptr_t>(g[3]) |
@@ -216,6 +251,8 @@ struct HashTable {
         pool_left = 0;
         free(slots);
         slots = nullptr;
+        free(written);
+        written = nullptr;
     }
 
   protected:
@@ -292,6 +329,7 @@ requires(std::has_single_bit(unsigned(Ways)) && Ways <= (1 << kMinSlotBits)) str
     using Base::init_slots;
     using Base::mask;
     using Base::size;
+    using Base::slots;
 
     uint64_t clock;  // stamps `used`
 
@@ -308,6 +346,9 @@ requires(std::has_single_bit(unsigned(Ways)) && Ways <= (1 << kMinSlotBits)) str
     Record &claim(const Key &key, bool &evicted) {
         evicted = false;
         Record **b = bucket(key);
+        // Its ends, as the array need not start on a block.
+        Base::will_write(b);
+        Base::will_write(b + Ways - 1);
         Record **empty = nullptr, **oldest = nullptr;
         for (int i = 0; i < Ways; ++i) {
             if (!b[i]) {
@@ -324,11 +365,7 @@ requires(std::has_single_bit(unsigned(Ways)) && Ways <= (1 << kMinSlotBits)) str
 
   private:
     Record **bucket(const Key &key) {
-        Record **b = this->slots + (Base::index_of(key) & ~static_cast<size_t>(Ways - 1));
-        // Its ends, as the array need not start on a page (see touch_for_write).
-        touch_for_write(b);
-        touch_for_write(b + Ways - 1);
-        return b;
+        return this->slots + (Base::index_of(key) & ~static_cast<size_t>(Ways - 1));
     }
     Record *touch(Record *r) {
         r->used = ++clock;
