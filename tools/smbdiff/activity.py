@@ -432,6 +432,9 @@ def command_line(name: str, description: str, argv):
     ap.add_argument("--tshark", default="tshark")
     ap.add_argument("--queues", default="1",
                     help="smbflow's queues, or a comma-separated list: one run each")
+    ap.add_argument("--require-all", action="store_true",
+                    help="fail when something the check compares is zero over all the captures "
+                         "of a run: it was not compared at all")
     args = ap.parse_args(argv)
     try:
         runs = [Run(p, int(q)) for p in args.params or [""] for q in args.queues.split(",")]
@@ -479,11 +482,25 @@ def main(argv=None) -> int:
               f"{describe(all_info, all_totals)}; {ndiff[0]} differences")
         print("  rules applied: " + ", ".join(f"{k} {v}" for k, v in sorted(all_rules.items())))
         failed += ndiff[0]
+        if args.require_all:
+            failed += not_compared("activity", run, {**all_totals, **all_info}, COVERED)
     return 1 if failed else 0
+
+
+def not_compared(name: str, run: Run, values, keys) -> int:
+    """With --require-all: 1, and what was never compared, when one of `keys` is zero."""
+    zero = [k.removeprefix("smb_") for k in keys if not values.get(k)]
+    if zero:
+        print(f"{name}: {run.name()}: nothing compared for {', '.join(zero)}")
+    return 1 if zero else 0
 
 
 SECURITY_BITS = ((0x01, "signing_required"), (0x02, "signed"), (0x04, "encrypted"),
                  (0x08, "guest"), (0x10, "smb1"))
+# What --require-all wants to have been compared: every counter, the files whose bytes are
+# compared, the dialects, the rename targets and each security flag.
+COVERED = SUMMED + ("smb_latency_max_us", "files", "dialects", "rename_targets") + tuple(
+    key for _, key in SECURITY_BITS)
 
 
 def describe(info: Counter, totals: Counter) -> str:

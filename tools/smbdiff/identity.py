@@ -309,6 +309,10 @@ def check_capture(cap: wire.Capture, path: str, run: activity.Run, args):
     return info, diffs, m.parser.who_rules
 
 
+# What --require-all wants to have been compared.
+COVERED = ("identities", "users", "pipe_records", "interfaces", "services", "opnums", "calls")
+
+
 def describe(info: Counter) -> str:
     return (f"{info['records']} records, {info['identities']} with an identity "
             f"({info['users']} users), {info['pipe_records']} pipe records, "
@@ -343,6 +347,8 @@ def main(argv=None) -> int:
         print("  rules applied: " + (", ".join(f"{k} {v}" for k, v in sorted(rules.items()))
                                      or "none"))
         failed += ndiff[0]
+        if args.require_all:
+            failed += activity.not_compared("identity", run, info, COVERED)
     return 1 if failed else 0
 
 

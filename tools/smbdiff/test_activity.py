@@ -104,5 +104,20 @@ class CompareTest(unittest.TestCase):
                 self.assertTrue(diffs and all(what in d for d in diffs), diffs)
 
 
+class RequireAllTest(unittest.TestCase):
+    def test_a_quantity_never_compared_fails_the_run(self):
+        run = activity.Run("activity=1", 4)
+        everything = {k: 1 for k in activity.COVERED}
+        self.assertEqual(activity.not_compared("activity", run, everything, activity.COVERED), 0)
+        for key in ("smb_renames", "signing_required", "files"):
+            with self.subTest(key):
+                values = {**everything, key: 0}
+                self.assertEqual(activity.not_compared("activity", run, values,
+                                                       activity.COVERED), 1)
+        # A key that the run's totals lack altogether counts as zero.
+        del everything["guest"]
+        self.assertEqual(activity.not_compared("activity", run, everything, activity.COVERED), 1)
+
+
 if __name__ == "__main__":
     unittest.main()
