@@ -285,6 +285,17 @@ MUTATIONS = [
     ("who-big-endian", "who/rpc", P + "smb_dcerpc.cpp",
      "return little ? v : static_cast<uint16_t>((v >> 8) | (v << 8));\n    }", "return v;\n    }",
      "a big-endian PDU's context ids and opnums read little-endian"),
+    # Tables: the blocks of a slot array that writes have reached.
+    ("table-free-written", "tables/blocks", P + "smb_table_scheme.h",
+     "if (!reached(g) && !reached(g + 7)) continue;", "if (!reached(g)) continue;",
+     "freeing skips a group of slots that begins in a block no write reached"),
+    ("table-find-written", "tables/blocks", P + "smb_table_scheme.h",
+     "        written[b >> 6] |= bit;\n", "",
+     "writes do not mark their block: lookups find nothing"),
+    # The checks themselves: a check that compared nothing must not pass.
+    ("check-require-all", "checks", "tools/smbdiff/activity.py",
+     "    return 1 if zero else 0", "    return 0",
+     "--require-all never fails"),
 ]
 
 # Left out of the default pass to keep it within about half an hour on two cores (--all runs
