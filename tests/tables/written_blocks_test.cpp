@@ -99,6 +99,8 @@ TEST(WrittenBlocks, RecordsBehindUnwrittenBlocksAreFreed) {
 TEST(WrittenBlocks, BucketRecordsInEveryBlockAreFreed) {
     auto *t = smb::create_table<Buckets>(65536);
     const auto keys = boundary_slots(t->slots, t->size);
+    for (uint64_t k : keys)
+        EXPECT_EQ(t->find({k}), nullptr);
     bool evicted = false;
     for (uint64_t k : keys)
         t->claim({k}, evicted);

@@ -202,9 +202,9 @@ struct HashTable {
 
     // Frees the record of `key` and empties its slot; false when the key is not present.
     bool remove(const Key &key) {
-        if (!read_slot(key)) return false;
-        Record *&r = slots[index_of(key)];
-        if (!(r->key == key)) return false;
+        Record **const s = &slots[index_of(key)];
+        if (!reached(s) || !*s || !((*s)->key == key)) return false;
+        Record *&r = *s;
         destroy(r);
         r = nullptr;
         return true;
@@ -336,6 +336,7 @@ requires(std::has_single_bit(unsigned(Ways)) && Ways <= (1 << kMinSlotBits)) str
     // The record of `key`, or null.
     Record *find(const Key &key) {
         Record **b = bucket(key);
+        if (!Base::reached(b) && !Base::reached(b + Ways - 1)) return nullptr;
         for (int i = 0; i < Ways; ++i)
             if (b[i] && b[i]->key == key) return touch(b[i]);
         return nullptr;
