@@ -5,10 +5,14 @@ From tshark's dissection it derives, per connection: the totals of every counter
 messages read and written, errors, renames, deletes, latency), the flags of SMB_SECURITY, the
 dialect, the error statuses, the rename targets, and the bytes read and written per file name.
 smbflow's JSON records of the same capture are summed per connection and compared, and the
-dialect and the server's signing requirement must be on every SMB2 record of the connection. Counters do not depend on how a
-connection is split into records, so the comparison holds at any number of queues.
+dialect and the server's signing requirement must be on every SMB2 record of the connection.
+Counters do not depend on how a connection is split into records, so the comparison holds at
+any number of queues. With --require-all, a run also fails when something it compares (a
+counter, a security flag, the dialects, the rename targets, the files) was zero over all its
+captures.
 
-    tools/smbdiff/activity.py --smbflow build/smbflow [--plugin PATH] [--queues N] CAPTURE...
+    tools/smbdiff/activity.py --smbflow build/smbflow [--plugin PATH] [--queues N]
+        [--require-all] CAPTURE...
 
 Exit status: 0 without differences, 1 with differences, 2 on bad usage or a failing tool, 77
 when tshark or smbflow is missing.

@@ -239,7 +239,8 @@ class Samba:
         self.dcerpcd: subprocess.Popen | None = None
         self.smb1 = False
         # "default" offers signing; "mandatory" sets SMB2_NEGOTIATE_SIGNING_REQUIRED in the
-        # NEGOTIATE response and refuses sessions that cannot sign (guest, anonymous).
+        # NEGOTIATE response (this Samba still lets a guest session, which cannot sign, go on
+        # unsigned).
         self.signing = "default"
 
     def shares(self) -> dict[str, Path]:
